@@ -7,6 +7,9 @@
 #include <QString>
 #include <QStringList>
 
+class QFile;
+class QByteArray;
+
 enum MSG_FLAGS : U32 {
   MSG_INFO    = 1,     // prefix " i  "
   MSG_WARNING = 2,     // prefix "[W] "
@@ -48,3 +51,16 @@ void ConsolePrintLines(const QStringList& Lines, U32 Color = 0, bool UseCodeFont
 
 // Time text used for load stages and rebuilds: "%d:%03d ms".
 QString LogTimeText(qint64 Microseconds);
+
+// Writes by the log file rule: a file above 16,000,000 bytes is first cut to
+// its first 16000 bytes; then the data is written and flushed.
+void WriteLogFile(QFile* pFile, const QByteArray& Data);
+QFile* GetLogFile(int Kind);               // the open file of a slot, or null
+void CloseLogFiles();                      // flushes and closes all slots
+// Installs the sink as the toolkit's message handler.
+void InstallLogMessageHandler();
+// Number of messages with the error flag so far (batch mode's exit status).
+int GetErrorMessageCount();
+// The probe library's log path into the sink (probe text colour); does
+// nothing when no channel would take the text.
+int OnDeviceLogMsg(const char* sMsg, U32 Flags);

@@ -1,0 +1,79 @@
+#include "app/batch.h"
+
+#include "commands/actions.h"
+#include "log/console.h"
+#include "log/log.h"
+#include "ui/shell/consolewindow.h"
+#include "ui/shell/mainwindow.h"
+
+#include <QCoreApplication>
+#include <QFile>
+#include <QTextStream>
+#include <QTimer>
+#include <cstdio>
+
+bool ReadBatchFile(const QString& sPath, QStringList* pLines) {
+  QFile f;
+  if (sPath == QLatin1String("-")) {
+    if (!f.open(stdin, QIODevice::ReadOnly | QIODevice::Text)) return false;
+  } else {
+    f.setFileName(sPath);
+    if (sPath.isEmpty() || !f.open(QIODevice::ReadOnly | QIODevice::Text)) return false;
+  }
+  const QString sAll = QString::fromUtf8(f.readAll());
+  *pLines = sAll.split(QLatin1Char('\n'));
+  return true;
+}
+
+static void WriteOut(const QByteArray& s) {
+  fwrite(s.constData(), 1, size_t(s.size()), stdout);
+  fputc('\n', stdout);
+}
+
+CBatchRunner::CBatchRunner(CMainWindow* pMain, const QStringList& Lines) : m_pMain(pMain), m_Lines(Lines) {
+  // The window does not read the ring; this runner does, and a full ring is
+  // drained at once so that no text is lost.
+  pMain->ConsoleWindow()->SetDrawingEnabled(false);
+  SetConsoleOverflowDrain([this] { Drain(); });
+}
+
+CBatchRunner::~CBatchRunner() { SetConsoleOverflowDrain(nullptr); }
+
+void CBatchRunner::Drain() {
+  ConsoleRingTake([](const CONSOLE_ENTRY& e) { WriteOut(QByteArray(e.Text)); });
+  fflush(stdout);
+}
+
+void CBatchRunner::Start() { QTimer::singleShot(0, this, &CBatchRunner::Run); }
+
+void CBatchRunner::Run() {
+  m_pMain->RunWindowShown();
+  Drain();
+  for (const QString& sRaw : m_Lines) {
+    QString sLine = sRaw;
+    if (sLine.endsWith(QLatin1Char('\r'))) sLine.chop(1);
+    const QString sTrim = sLine.trimmed();
+    if (sTrim.isEmpty() || sTrim.startsWith(QLatin1Char('#'))) continue;
+    const int Errors = GetCommandErrorCount() + GetErrorMessageCount();
+    m_pMain->ConsoleWindow()->Input()->AddToHistory(sLine);
+    int Id = -1;
+    const int r = ExecuteCommand(sLine, &Id);
+    if (r == 1 && Id >= 0) WaitForCommand(Id);
+    QCoreApplication::processEvents();
+    Drain();
+    if (r == 1 && Id >= 0) {
+      const I64 v = GetActionResult(Id);
+      WriteOut(QStringLiteral("=> %1 (0x%2)").arg(v).arg(quint64(v), 0, 16).toUpper().replace(QLatin1String("0X"), QLatin1String("0x")).toUtf8());
+      fflush(stdout);
+    }
+    if (GetCommandErrorCount() + GetErrorMessageCount() != Errors) m_HadError = true;
+    if (m_pMain->IsExitRequested() || m_pMain->IsClosing()) break;
+  }
+  if (!m_pMain->IsClosing()) m_pMain->close();
+  Drain();
+}
+
+void CBatchRunner::Finish() {
+  Drain();
+  fflush(stdout);
+}

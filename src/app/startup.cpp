@@ -1,0 +1,135 @@
+#include "app/startup.h"
+
+#include "app/batch.h"
+#include "commands/actions.h"
+#include "log/console.h"
+#include "log/diag.h"
+#include "log/log.h"
+#include "log/messagebox.h"
+#include "settings/fonts.h"
+#include "settings/store.h"
+#include "settings/sysvars.h"
+#include "ui/shell/mainwindow.h"
+
+#include <QApplication>
+#include <QFile>
+#include <QFileInfo>
+#include <QFont>
+#include <cstdio>
+#include <memory>
+
+START_PATH ChooseStartPath(const QStringList& Args, const CMDLINE_OPTIONS& Options, bool RecentEmpty,
+                           bool StartWithMostRecent, bool Batch) {
+  if (Args.size() > 1) {
+    const QString& First = Args[1];
+    const int Dot = First.lastIndexOf(QLatin1Char('.'));
+    if (Dot >= 0 && First.mid(Dot + 1) == QLatin1String("vdebug")) return START_OPEN_FILE;
+  }
+  if (!Options.Device.isEmpty()) return START_CMDLINE_PROJECT;
+  if (Batch) return START_NOTHING;
+  if (RecentEmpty) return START_WIZARD;
+  if (StartWithMostRecent) return START_RECENT;
+  return START_WELCOME;
+}
+
+namespace {
+
+void OnWindowShown(CMainWindow* pMain) {
+  const QString sProbe = InstallDir() + QStringLiteral("libVorden.so");
+  LogInfo(QStringLiteral("Vorden software found at: ") + sProbe);
+  const CMDLINE_OPTIONS& o = GetCmdLineOptions();
+  const QStringList Recent = Settings::Value(QStringLiteral("AppData/RecentProjects")).toStringList();
+  const QStringList Args = QCoreApplication::arguments();
+  switch (ChooseStartPath(Args, o, Recent.isEmpty(), SysVars::GetValue(PREF_START_WITH_MOST_RECENT_PROJ) != 0,
+                          CMessageBox::IsBatchMode())) {
+    case START_OPEN_FILE: ExecAction(AID_FILE_OPEN, Args[1]); break;
+    case START_CMDLINE_PROJECT: CreateProjectFromCmdLine(); break;
+    case START_WIZARD:
+      // The project wizard arrives with the project module; until its slot
+      // is registered the start leaves the window empty.
+      if (GetCommandSlot(AID_FILE_NEW_PROJECT_WIZARD)) ExecAction(AID_FILE_NEW_PROJECT_WIZARD);
+      break;
+    case START_RECENT:
+      if (GetCommandSlot(AID_FILE_OPEN)) ExecAction(AID_FILE_OPEN, Recent.first());
+      break;
+    case START_WELCOME:
+    case START_NOTHING: break;
+  }
+  (void)pMain;
+}
+
+}  // namespace
+
+int RunTavit(int argc, char** argv) {
+  QStringList RawArgs;
+  for (int i = 0; i < argc; ++i) RawArgs.append(QString::fromLocal8Bit(argv[i]));
+  const CMDLINE_OPTIONS Early = ParseCmdLine(RawArgs);
+  // Batch mode needs no screen: without a display the offscreen platform is used.
+  if (Early.IsBatch && qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") &&
+      qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+    qputenv("QT_QPA_PLATFORM", "offscreen");
+  QStringList BatchLines;
+  if (Early.IsBatch && !ReadBatchFile(Early.BatchFile, &BatchLines)) {
+    fprintf(stderr, "cannot read batch file: %s\n", qPrintable(Early.BatchFile));
+    return 2;
+  }
+
+  // 1. The application object.
+  auto pApp = std::make_unique<QApplication>(argc, argv);
+  QApplication::setOrganizationName(AppOrganisation());
+  QApplication::setApplicationName(AppName());
+  QApplication::setApplicationVersion(AppVersionText());
+  // 2. Drag distance. The library path list is left as it is: on this
+  // platform the toolkit finds its platform plug-ins through it, and no other
+  // toolkit plug-in is loaded by the program.
+  QApplication::setStartDragDistance(30);
+  // 3. The user interface thread.
+  SetUiThread();
+  // 4. The diagnostic catalogue.
+  DIAG_Init();
+  // 5. The command line.
+  GetCmdLineOptions() = ParseCmdLine();
+  const CMDLINE_OPTIONS& o = GetCmdLineOptions();
+  SetDebugMode(o.DebugMode);
+  // 6. The application log.
+  SetLogInterval(o.LogInterval);
+  if (!o.LogFile.isEmpty()) SetLogFile(LOG_FILE_APP, o.LogFile.left(511));
+  // 7. The default font; the font table derives its defaults from it.
+  QFont Font = QApplication::font();
+  Font.setPointSize(8);
+  Font.setStyleName(QStringLiteral("Normal"));
+  QApplication::setFont(Font);
+  Fonts::ResetToDefaults();
+  // 8. (The device data manager is created by the device module on first use.)
+  // 9. The main window.
+  if (o.IsBatch) CMessageBox::SetBatchMode(true);
+  auto* pMain = new CMainWindow;
+  pMain->SetWindowShownHandler([pMain] { OnWindowShown(pMain); });
+  // 10. The debug console is the terminal the process was started from.
+  if (o.DebugMode) setvbuf(stdout, nullptr, _IONBF, 0);
+  // 11. The log sink takes the toolkit's messages.
+  InstallLogMessageHandler();
+  int Exit = 0;
+  std::unique_ptr<CBatchRunner> pBatch;
+  if (o.IsBatch) {
+    pBatch = std::make_unique<CBatchRunner>(pMain, BatchLines);
+    pBatch->Start();
+  } else {
+    // 12. Show.
+    pMain->show();
+  }
+  // 13. The event loop.
+  Exit = QApplication::exec();
+  // 14. After the loop: the main window goes, the settings are written once.
+  delete pMain;
+  Settings::Save();
+  if (pBatch) {
+    pBatch->Finish();
+    Exit = pBatch->ExitStatus();
+  }
+  LogFlush();
+  CloseLogFiles();
+  pBatch.reset();
+  pApp.reset();
+  return Exit;
+}

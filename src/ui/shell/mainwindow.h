@@ -1,0 +1,63 @@
+// The main window: hosts the console window, owns one QAction per command of
+// the action table and links them, dispatches each to its registered slot,
+// and runs the shut-down sequence when it closes.
+#pragma once
+#include <QMainWindow>
+#include <QStringList>
+#include <functional>
+
+class CConsoleWindow;
+class QCloseEvent;
+class QTimer;
+
+class CMainWindow : public QMainWindow {
+  Q_OBJECT
+ public:
+  explicit CMainWindow(QWidget* pParent = nullptr);
+  ~CMainWindow() override;
+
+  CConsoleWindow* ConsoleWindow() const { return m_pConsole; }
+  bool IsClosing() const { return m_IsClosing; }
+  // File.Exit asked for the end of the program.
+  bool IsExitRequested() const { return m_ExitRequested; }
+  // The root paths of Project.AddRootPath, until the project module owns them.
+  const QStringList& RootPaths() const { return m_RootPaths; }
+
+  // Runs once after the first show (or at once in batch mode).
+  void SetWindowShownHandler(const std::function<void()>& Fn) { m_OnShown = Fn; }
+  // Extra work of the shut-down sequence, run in its order by later modules.
+  void SetShutDownHandler(const std::function<void()>& Fn) { m_OnShutDown = Fn; }
+  void RunWindowShown();
+  // The shut-down sequence; false when it was cancelled.
+  bool OnWindowClosed(QCloseEvent* pEvent);
+  void UpdateTitle();
+
+ signals:
+  void InitComplete();
+
+ protected:
+  void closeEvent(QCloseEvent* pEvent) override;
+  bool eventFilter(QObject* pObject, QEvent* pEvent) override;
+
+ private:
+  void CreateActions();
+  void RegisterOwnSlots();
+  void OnUtilLog(int Id);
+  void OnUtilLogHex(int Id);
+  void OnUtilSleep(int Id);
+  void OnHelpCommands(int Id);
+  void OnHelpAbout(int Id);
+  void OnFileExit(int Id);
+  void OnSetConsoleLogFile(int Id);
+  void OnAddRootPath(int Id);
+
+  CConsoleWindow* m_pConsole = nullptr;
+  QTimer* m_pDeviceEventTimer = nullptr;
+  QTimer* m_pShownTimer = nullptr;
+  bool m_IsClosing = false;
+  bool m_ShownDone = false;
+  bool m_ExitRequested = false;
+  QStringList m_RootPaths;
+  std::function<void()> m_OnShown;
+  std::function<void()> m_OnShutDown;
+};
