@@ -1,5 +1,8 @@
 #include "ui/shell/mainwindow.h"
 
+#include <map>
+#include <vector>
+
 #include "commands/actions.h"
 #include "log/log.h"
 #include "settings/edit.h"
@@ -30,6 +33,20 @@ bool ArgNumber(const QString& s, qint64* pValue) {
   return ok;
 }
 }  // namespace
+
+namespace {
+std::vector<std::function<bool()>>& CloseQueries() {
+  static std::vector<std::function<bool()>> s_Queries;
+  return s_Queries;
+}
+std::multimap<int, std::function<void()>>& ShutDownSteps() {
+  static std::multimap<int, std::function<void()>> s_Steps;
+  return s_Steps;
+}
+}  // namespace
+
+void ShellHooks::AddCloseQuery(const std::function<bool()>& Fn) { CloseQueries().push_back(Fn); }
+void ShellHooks::AddShutDownStep(int Step, const std::function<void()>& Fn) { ShutDownSteps().emplace(Step, Fn); }
 
 CMainWindow::CMainWindow(QWidget* pParent) : QMainWindow(pParent) {
   setObjectName(QStringLiteral("MainWindow"));
@@ -191,11 +208,16 @@ bool CMainWindow::OnWindowClosed(QCloseEvent* pEvent) {
     pEvent->accept();
     return true;
   }
-  // (Steps 1 and 2, unsaved project and documents, belong to the project and
-  // the source viewer; they hook in through the shut-down handler.)
+  // Unsaved project and modified documents may cancel the close.
+  for (const auto& Query : CloseQueries()) {
+    if (!Query()) {
+      pEvent->ignore();
+      return false;
+    }
+  }
   m_IsClosing = true;
   for (QTimer* t : findChildren<QTimer*>()) t->stop();
-  if (m_OnShutDown) m_OnShutDown();
+  for (const auto& Step : ShutDownSteps()) Step.second();
   // Colours, fonts and preferences back to the settings store.
   UserSettings::Save();
   LogFlush();

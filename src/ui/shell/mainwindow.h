@@ -10,6 +10,17 @@ class CConsoleWindow;
 class QCloseEvent;
 class QTimer;
 
+// Hooks through which modules take part in closing the main window. They may
+// be installed before the window exists.
+namespace ShellHooks {
+// Asked first, in the order installed; one that answers false cancels the
+// close (unsaved project, modified documents).
+void AddCloseQuery(const std::function<bool()>& Fn);
+// Work of the shut-down sequence, run in ascending step order after the
+// closing flag is set (6: close the project, 7-8: device, ...).
+void AddShutDownStep(int Step, const std::function<void()>& Fn);
+}  // namespace ShellHooks
+
 class CMainWindow : public QMainWindow {
   Q_OBJECT
  public:
@@ -25,8 +36,6 @@ class CMainWindow : public QMainWindow {
 
   // Runs once after the first show (or at once in batch mode).
   void SetWindowShownHandler(const std::function<void()>& Fn) { m_OnShown = Fn; }
-  // Extra work of the shut-down sequence, run in its order by later modules.
-  void SetShutDownHandler(const std::function<void()>& Fn) { m_OnShutDown = Fn; }
   void RunWindowShown();
   // The shut-down sequence; false when it was cancelled.
   bool OnWindowClosed(QCloseEvent* pEvent);
@@ -59,5 +68,4 @@ class CMainWindow : public QMainWindow {
   bool m_ExitRequested = false;
   QStringList m_RootPaths;
   std::function<void()> m_OnShown;
-  std::function<void()> m_OnShutDown;
 };

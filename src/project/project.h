@@ -1,0 +1,144 @@
+// CProject: the open project. It opens project files (deferred by a timer so
+// that a running script can unwind first), runs OnProjectLoad, checks the
+// project for warnings, saves the project, writes settings into its text and
+// keeps the user file (.vdebug.user) beside it. The module also implements
+// the commands of the project family, File.Open of projects, the script
+// commands and the settings commands.
+#pragma once
+#include "common/types.h"
+
+#include <QDateTime>
+#include <QObject>
+#include <QSet>
+#include <QString>
+#include <QStringList>
+#include <functional>
+
+class QTimer;
+
+// What the project commands set for the next connection; the device layer
+// reads it when it connects.
+struct PROJECT_DEVICE_SETTINGS {
+  QString Device;
+  QString HostIF;          // "USB" or "IP"; empty when not set
+  QString HostID;          // serial number or address, may be empty
+  QString TargetIF;        // "JTAG", "SWD", "FINE", "cJTAG"
+  bool HasTIFSpeed = false;
+  bool HasScanChain = false;
+  QString VordenScript;
+  QString VordenLogFile;
+};
+
+// A record kind of the user file, written and read by the module that owns
+// the state (windows, breakpoints, expressions). Records of keys nobody has
+// registered are kept as they were.
+struct USER_FILE_SECTION {
+  QString Key;                                    // "Breakpoint", "OpenDocument", ...
+  U32 DisableFlag = 0;                            // DISABLE_SAVE_* bit that skips it
+  std::function<QStringList()> Write;             // the lines to store
+  std::function<void(const QStringList&)> Read;   // the lines found on load
+};
+void RegisterUserFileSection(const USER_FILE_SECTION& Section);
+void UnregisterUserFileSection(const QString& sKey);
+
+// Checks of other modules that add to the project warnings (register
+// description files, plug-ins, a program that does not suit the target);
+// each source returns its texts. They stand between the script errors and
+// the duplicate command test. A source of the same key replaces the old one.
+void SetProjectWarningSource(const QString& sKey, const std::function<QStringList()>& Source);
+
+// Opening a file that is no project (a program or data file); filled by the
+// program file layer. Returns 0 on success, or sets the action's error.
+extern int (*g_pfnOpenProgramFile)(const QString& sFilePath, int ActionId);
+
+class CProject : public QObject {
+  Q_OBJECT
+ public:
+  explicit CProject(QObject* pParent = nullptr);
+
+  bool IsOpen() const { return m_IsOpen; }
+  bool IsModified() const { return m_IsModified; }
+  bool IsFromCmdLine() const { return m_FromCmdLine; }
+  void SetFromCmdLine(bool On) { m_FromCmdLine = On; }
+  QString PendingPath() const { return m_PendingPath; }
+  const QStringList& SvdFiles() const { return m_SvdFiles; }
+  QString ProgramFilePath() const { return m_ProgramFilePath; }
+  void SetProgramFile(const QString& sPath);
+  QString SettingsFile() const { return m_SettingsFile; }
+  void SetSettingsFile(const QString& sPath) { m_SettingsFile = sPath; }
+  const PROJECT_DEVICE_SETTINGS& DeviceSettings() const { return m_Dev; }
+  PROJECT_DEVICE_SETTINGS& DeviceSettings() { return m_Dev; }
+  void AddWarning(const QString& sText) { m_Warnings.append(sText); }
+  void AddSvdFile(const QString& sPath) { m_SvdFiles.append(sPath); }
+  // A project made in memory: open and modified.
+  void MarkNew() {
+    m_IsOpen = true;
+    SetModified(true);
+  }
+
+  // Deferred opening: stores the path and starts the timer.
+  void Open(const QString& sPath);
+  void Close();
+  // Writes the project; false (with the reason reported) when it failed.
+  bool SaveAs(const QString& sPath);
+  QStringList GetWarnings() const;
+  // The warnings check: 0 none, 1 shown/accepted, -1 rejected.
+  int CheckWarnings(bool AllowDialogs);
+  // Writes commands into OnProjectLoad of the file. 1 changed, 0 unchanged,
+  // -1 failed.
+  int WriteSettings(const QString& sPath, bool Replace, const QStringList& Commands,
+                    const QStringList& NamesToRemove = QStringList());
+  // The commands that recreate the current state.
+  QStringList CurrentStateCommands() const;
+
+  // The user file.
+  bool WriteUserFile();
+  void LoadUserFile();
+  QStringList UserFileLines() const { return m_UserLines; }
+
+  // Waits (processing events) until a deferred open has run or lapsed.
+  void WaitForOpen(int TimeoutMs = 10000);
+
+ signals:
+  void ModifiedChanged(bool Modified);
+  void AboutToOpen(QString FilePath);
+  void AboutToClose(QString FilePath);
+  void Opened(QString FilePath);
+  void Closed(QString FilePath);
+
+ public slots:
+  void OnOpenTimeout();
+
+ private:
+  void SetModified(bool On);
+  QTimer* m_pOpenTimer = nullptr;
+  bool m_IsOpen = false;
+  bool m_IsModified = false;
+  bool m_FromCmdLine = false;
+  mutable QSet<U32> m_ShownWarnings;
+  QStringList m_Warnings;
+  QString m_PendingPath;
+  QStringList m_SvdFiles;
+  QString m_ProgramFilePath;
+  QDateTime m_ProgramFileTime;
+  QString m_SettingsFile;
+  PROJECT_DEVICE_SETTINGS m_Dev;
+  QStringList m_UserLines;  // records as read, for the keys nobody owns
+  QString m_UserPath;       // user file the records belong to
+};
+
+CProject& Project();
+
+namespace ProjectModule {
+// Registers the command slots, the command-line project seam, the closing
+// test of the script host and the constant lookup of the settings. Called
+// once when the application object exists.
+void Install();
+bool IsInstalled();
+// The main window flows, as the command slots run them.
+bool OpenProject(const QString& sPath, int ActionId = -1);
+bool CreateProject(const QString& sPath, const QStringList& Commands, bool AllowDialogs);
+void NewProject();
+// Writes command-line commands into an existing project and opens it.
+bool OpenExistingFromCmdLine(const QString& sPath, const QStringList& Commands);
+}  // namespace ProjectModule
