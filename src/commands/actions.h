@@ -72,6 +72,8 @@ struct ACTION_CONST {
 int GetNumConstants();
 const ACTION_CONST* GetConstant(int Index);
 bool FindConstant(const QString& sNameOrText, I64* pValue);
+// Constants defined at run time (Script.DefineConst); asked after the table.
+extern bool (*g_pfnFindUserConstant)(const QString& sName, I64* pValue);
 // Name of the constant with this value among the constants whose names begin
 // with sPrefix (e.g. "RM_"); empty when none.
 QString GetConstantName(const QString& sPrefix, I64 Value);

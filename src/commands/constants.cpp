@@ -200,9 +200,11 @@ static int FindConstantIndex(const QString& sIn) {
   return -1;
 }
 
+bool (*g_pfnFindUserConstant)(const QString& sName, I64* pValue) = nullptr;
+
 bool FindConstant(const QString& sNameOrText, I64* pValue) {
   const int i = FindConstantIndex(sNameOrText);
-  if (i < 0) return false;
+  if (i < 0) return g_pfnFindUserConstant && g_pfnFindUserConstant(sNameOrText, pValue);
   if (pValue) *pValue = kConstants[i].Value;
   return true;
 }

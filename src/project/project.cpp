@@ -923,6 +923,7 @@ void Install() {
     return true;
   });
   ShellHooks::AddShutDownStep(6, [] { Project().Close(); });
+  g_pfnFindUserConstant = &VScript::FindDefinedConstant;
   // Programs without a main window still close the project on exit.
   QObject::connect(qApp, &QCoreApplication::aboutToQuit, &Project(), [] {
     if (!VScript::ScriptFilePath().isEmpty() || Project().IsOpen()) Project().Close();
