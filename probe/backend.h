@@ -1,0 +1,71 @@
+// The seam between the exported C functions and a target back end. The
+// built-in simulator is one back end (selected by the "USB" host interface);
+// a GDB remote protocol client would be another (selected by "IP") and only
+// has to implement this interface.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "device/vorden_api.h"
+
+namespace vorden {
+
+using LogFn = std::function<void(int Level, const std::string& sText)>;  // 0 info, 1 warn, 2 error
+
+class CBackend {
+ public:
+  virtual ~CBackend() = default;
+  virtual int DeviceIndex() const = 0;
+
+  // Run control. IsHalted: 1 halted, 0 running.
+  virtual int IsHalted() = 0;
+  virtual int Halt() = 0;
+  virtual int Go(U32 Flags) = 0;
+  virtual int Step() = 0;
+  virtual int Reset() = 0;
+
+  // Registers (probe indices), only while halted.
+  virtual int ReadReg(U32 Idx, U64& Value) = 0;
+  virtual int WriteReg(U32 Idx, U64 Value) = 0;
+
+  // Memory through the debug path: number of leading bytes transferred.
+  virtual int ReadMem(U32 Addr, U32 NumBytes, U8* pData) = 0;
+  virtual int WriteMem(U32 Addr, U32 NumBytes, const U8* pData) = 0;
+
+  // Breakpoints and data events.
+  virtual int SetBP(U32 Addr, U32 Flags) = 0;
+  virtual int ClrBP(int Handle) = 0;
+  virtual int FindBP(U32 Addr) = 0;
+  virtual int GetBPInfo(int Index, VORDENARM_BP_INFO* pInfo) = 0;
+  virtual int SetDataEvent(const VORDENARM_DATA_EVENT& Ev, U32* pHandle) = 0;
+  virtual int ClrDataEvent(U32 Handle) = 0;
+  virtual int GetWPInfo(int Index, VORDENARM_WP_INFO* pInfo) = 0;
+  virtual void SetLimits(int MaxHWBPs, int MaxDataEvents) = 0;  // -1: device default
+
+  // Knobs and commands that belong to the back end; false if unknown.
+  virtual bool ExecCommand(const std::string& sName, const std::string& sValue, std::string& sError) = 0;
+
+  // Trace, statistics, terminals, sampling and power.
+  virtual int TraceControl(U32 Cmd, void* pData) = 0;
+  virtual int TraceStart() = 0;
+  virtual int TraceStop() = 0;
+  virtual int TraceRead(U32* paItem, U32 NumItems, VORDEN_STRACE_TIMESTAMP_INFO* paStamps, int* pNumStamps) = 0;
+  virtual int GetInstStats(U64* paItem, U32 Addr, U32 NumItems) = 0;
+  virtual int LVTControl(U32 Cmd) = 0;
+  virtual int LVTRead(U32 BufIdx, U8* pData, U32 NumBytes) = 0;
+  virtual int LVTWrite(U32 BufIdx, const U8* pData, U32 NumBytes) = 0;
+  virtual int SWOEnable(U32 PortMask) = 0;
+  virtual int SWODisable(U32 PortMask) = 0;
+  virtual int SWORead(int Port, U8* pData, U32 NumBytes) = 0;
+  virtual int SWOFlush(U32 NumBytes) = 0;
+  virtual int SWOCount() = 0;
+  virtual int HSSStart(const VORDEN_HSS_MEM_BLOCK_DESC* paDesc, int NumBlocks, int PeriodUs) = 0;
+  virtual int HSSStop() = 0;
+  virtual int HSSRead(U8* pBuffer, U32 BufferSize) = 0;
+  virtual int PowerControl(int Cmd, void* pIn, void* pOut) = 0;
+  virtual int PowerRead(VORDEN_POWERTRACE_DATA_ITEM* paData, U32 NumItems) = 0;
+};
+
+}  // namespace vorden
