@@ -104,7 +104,9 @@ bool ValidAW(U32 AW) { return AW == 0 || AW == 1 || AW == 2 || AW == 4; }
 
 bool ZoneOK(const char* sZone) { return !sZone || !*sZone || strcasecmp(sZone, "Default") == 0; }
 
-int BMAMode() { return S().BMA; }
+// A GDB server halts on any packet: memory access while running interrupts,
+// accesses and resumes (mode 2).
+int BMAMode() { return S().Host == HIF_IP ? 2 : S().BMA; }
 int EndianMode() { return 0; }
 
 // Memory access that respects the background memory access mode.
@@ -282,6 +284,14 @@ char VORDENARM_SelectIP(const char* sHost, int Port) {
   if (sHost && *sHost) {
     s.Host = HIF_IP;
     s.IPHost = sHost;
+    // A separate port number joins a host given without one.
+    std::string h = sHost;
+    bool hasPort = (h[0] == '[' && h.find("]:") != std::string::npos) ||
+                   (h[0] != '[' && std::count(h.begin(), h.end(), ':') == 1);
+    if (Port > 0 && !hasPort) {
+      bool v6 = h[0] != '[' && h.find(':') != std::string::npos;
+      s.IPHost = (v6 ? "[" + h + "]" : h) + ":" + std::to_string(Port);
+    }
     r = 0;
   }
   CallLog("VORDENARM_SelectIP", r, "\"%s\", %d", sHost ? sHost : "(null)", Port);
@@ -504,7 +514,7 @@ void* VORDEN_GetpFunc(int FuncId) {
 }
 
 int VORDENARM_EMU_HasCapEx(int CapEx) {
-  int r = CapEx == 23 ? 1 : 0;
+  int r = CapEx == 23 && S().Host != HIF_IP ? 1 : 0;  // SWO: not through a GDB server
   CallLog("VORDENARM_EMU_HasCapEx", r, "%d", CapEx);
   return r;
 }
@@ -512,7 +522,7 @@ int VORDENARM_EMU_HasCapEx(int CapEx) {
 int VORDENARM_RAWTRACE_Control(U32 Cmd, void* pData) {
   int r = -1;
   if (Cmd == 4 && pData) {
-    U32 caps = S().Streaming ? (1u << 5) : 0;
+    U32 caps = S().Streaming && S().Host != HIF_IP ? (1u << 5) : 0;
     memcpy(pData, &caps, 4);
     r = 0;
   }

@@ -1,0 +1,189 @@
+// Helpers for tests and benchmarks that run firmware on the emulator's MPS2
+// machines behind its GDB server: start and stop the emulator, load an ELF
+// file's program segments, and read symbols and instruction lengths from the
+// cross tools' own output.
+#pragma once
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "gdb/gdb_backend.h"
+
+namespace gdbtest {
+
+inline std::string SourceDir() {
+  const char* s = getenv("TAVIT_SOURCE_DIR");
+  return s ? s : TAVIT_SOURCE_DIR_FALLBACK;
+}
+
+inline int FreePort() {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  a.sin_port = 0;
+  socklen_t len = sizeof a;
+  int port = -1;
+  if (bind(fd, (sockaddr*)&a, sizeof a) == 0 && getsockname(fd, (sockaddr*)&a, &len) == 0) port = ntohs(a.sin_port);
+  close(fd);
+  return port;
+}
+
+// The emulator, stopped at reset, its GDB server on a free loopback port.
+class Qemu {
+ public:
+  Qemu(const std::string& sMachine) {
+    port = FreePort();
+    std::string gdb = "tcp:127.0.0.1:" + std::to_string(port);
+    pid = fork();
+    if (pid == 0) {
+      int nul = open("/dev/null", O_RDWR);
+      dup2(nul, 0);
+      dup2(nul, 1);
+      dup2(nul, 2);
+      execlp("qemu-system-arm", "qemu-system-arm", "-M", sMachine.c_str(), "-S", "-gdb", gdb.c_str(), "-display",
+             "none", "-monitor", "none", "-serial", "null", "-semihosting-config", "enable=on,target=gdb",
+             (char*)nullptr);
+      _exit(127);
+    }
+  }
+  ~Qemu() { Stop(); }
+  void Stop(int Sig = SIGTERM) {
+    if (pid <= 0) return;
+    kill(pid, Sig);
+    int st;
+    for (int i = 0; i < 200; ++i) {
+      if (waitpid(pid, &st, WNOHANG) == pid) {
+        pid = -1;
+        return;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    kill(pid, SIGKILL);
+    waitpid(pid, &st, 0);
+    pid = -1;
+  }
+  // Connects the back end, retrying while the emulator starts up.
+  std::unique_ptr<vorden::CBackend> Connect(int DeviceIndex, std::string& sError,
+                                            vorden::LogFn Log = [](int, const std::string&) {}) {
+    for (int i = 0; i < 100; ++i) {
+      auto b = vorden::CreateGdbBackend("127.0.0.1:" + std::to_string(port), DeviceIndex, Log, sError);
+      if (b) return b;
+      int st;
+      if (pid > 0 && waitpid(pid, &st, WNOHANG) == pid) {
+        pid = -1;
+        sError = "the emulator exited";
+        return nullptr;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    }
+    return nullptr;
+  }
+  pid_t pid = -1;
+  int port = -1;
+};
+
+struct Segment {
+  U32 Addr;
+  std::string Bytes;
+};
+
+// The PT_LOAD segments of a 32-bit little-endian ELF file at their load
+// addresses.
+inline bool LoadSegments(const std::string& sPath, std::vector<Segment>& Out, U32& Entry) {
+  std::ifstream f(sPath, std::ios::binary);
+  std::string d((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+  if (d.size() < 52 || d.compare(0, 4, "\x7f" "ELF") != 0 || d[4] != 1 || d[5] != 1) return false;
+  auto u32 = [&](size_t o) {
+    U32 v = 0;
+    if (o + 4 <= d.size()) memcpy(&v, d.data() + o, 4);
+    return v;
+  };
+  auto u16 = [&](size_t o) {
+    U16 v = 0;
+    if (o + 2 <= d.size()) memcpy(&v, d.data() + o, 2);
+    return v;
+  };
+  Entry = u32(24);
+  U32 phoff = u32(28);
+  U16 phentsize = u16(42), phnum = u16(44);
+  for (U16 i = 0; i < phnum; ++i) {
+    size_t ph = phoff + (size_t)i * phentsize;
+    if (ph + 32 > d.size()) return false;
+    if (u32(ph) != 1) continue;  // PT_LOAD
+    U32 off = u32(ph + 4), paddr = u32(ph + 12), filesz = u32(ph + 16);
+    if (filesz == 0) continue;
+    if ((size_t)off + filesz > d.size()) return false;
+    Out.push_back({paddr, d.substr(off, filesz)});
+  }
+  return !Out.empty();
+}
+
+inline std::string RunTool(const std::string& sCmd) {
+  std::string out;
+  FILE* p = popen(sCmd.c_str(), "r");
+  if (!p) return out;
+  char buf[4096];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+  pclose(p);
+  return out;
+}
+
+// Symbol addresses as the cross tool's nm prints them.
+inline std::map<std::string, U32> Symbols(const std::string& sElf) {
+  std::map<std::string, U32> m;
+  std::istringstream in(RunTool("arm-none-eabi-nm " + sElf));
+  std::string line;
+  while (std::getline(in, line)) {
+    char type;
+    unsigned addr;
+    char name[256];
+    if (sscanf(line.c_str(), "%x %c %255s", &addr, &type, name) == 3) m[name] = addr;
+  }
+  return m;
+}
+
+struct Insn {
+  U32 Size;
+  std::string Mnemonic, Operands;
+};
+
+// Instructions as the cross tool's disassembler lists them.
+inline std::map<U32, Insn> Disassembly(const std::string& sElf) {
+  std::map<U32, Insn> m;
+  std::istringstream in(RunTool("arm-none-eabi-objdump -d " + sElf));
+  std::string line;
+  static const std::regex re(R"(^\s*([0-9a-f]+):\s+([0-9a-f]{4})(?: ([0-9a-f]{4}))?\s+(\S+)\s*([^;<]*))");
+  while (std::getline(in, line)) {
+    std::smatch mm;
+    if (!std::regex_search(line, mm, re)) continue;
+    Insn i;
+    i.Size = mm[3].matched ? 4 : 2;
+    i.Mnemonic = mm[4];
+    i.Operands = mm[5];
+    while (!i.Operands.empty() && isspace((unsigned char)i.Operands.back())) i.Operands.pop_back();
+    m[(U32)strtoul(mm[1].str().c_str(), nullptr, 16)] = i;
+  }
+  return m;
+}
+
+}  // namespace gdbtest
