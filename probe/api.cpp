@@ -144,6 +144,23 @@ int ReadItems(U32 Addr, U32 NumItems, T* pData, U8* pStatus) {
   return ok > 0 ? ok : -1;
 }
 
+// Item reads that log their address and count, as the API calls do.
+template <typename T>
+int ReadValues(const char* sName, U32 Addr, U32 NumItems, T* pData, U8* pStatus) {
+  int r = ReadItems(Addr, NumItems, pData, pStatus);
+  CallLog(sName, r, "0x%08X, %u", Addr, NumItems);
+  return r;
+}
+
+// The zoned item reads give the number of bytes read.
+template <typename T>
+int ReadZoned(const char* sName, U32 Addr, U32 NumItems, T* pData, U8* pStatus, const char* sZone) {
+  int r = ZoneOK(sZone) ? ReadItems(Addr, NumItems, pData, pStatus) : -1;
+  if (r > 0) r *= (int)sizeof(T);
+  CallLog(sName, r, "0x%08X, %u, \"%s\"", Addr, NumItems, sZone ? sZone : "");
+  return r;
+}
+
 std::string Lower(std::string s) {
   std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return (char)tolower(c); });
   return s;
@@ -311,6 +328,8 @@ int VORDENARM_ExecCommand(const char* sCmd, char* acOut, int BufferSize) {
     size_t cut = std::min(eq, sp);
     name = Lower(Trim(cmd.substr(0, cut)));
     value = cut == std::string::npos ? "" : Trim(cmd.substr(cut + 1));
+    // "Name = Value": the blank before the "=" does not end the name.
+    if (sp < eq && eq != std::string::npos && Trim(cmd.substr(sp, eq - sp)).empty()) value = Trim(cmd.substr(eq + 1));
     auto num = [&](int lo, int hi, int& out) {
       char* end = nullptr;
       long v = strtol(value.c_str(), &end, 0);
@@ -646,27 +665,19 @@ int VORDENARM_ReadMem(U32 Addr, U32 NumBytes, void* pData) {
 }
 
 int VORDENARM_ReadMemU8(U32 Addr, U32 NumItems, U8* pData, U8* pStatus) {
-  int r = ReadItems(Addr, NumItems, pData, pStatus);
-  CallLog("VORDENARM_ReadMemU8", r, "0x%08X, %u", Addr, NumItems);
-  return r;
+  return ReadValues("VORDENARM_ReadMemU8", Addr, NumItems, pData, pStatus);
 }
 
 int VORDENARM_ReadMemU16(U32 Addr, U32 NumItems, U16* pData, U8* pStatus) {
-  int r = ReadItems(Addr, NumItems, pData, pStatus);
-  CallLog("VORDENARM_ReadMemU16", r, "0x%08X, %u", Addr, NumItems);
-  return r;
+  return ReadValues("VORDENARM_ReadMemU16", Addr, NumItems, pData, pStatus);
 }
 
 int VORDENARM_ReadMemU32(U32 Addr, U32 NumItems, U32* pData, U8* pStatus) {
-  int r = ReadItems(Addr, NumItems, pData, pStatus);
-  CallLog("VORDENARM_ReadMemU32", r, "0x%08X, %u", Addr, NumItems);
-  return r;
+  return ReadValues("VORDENARM_ReadMemU32", Addr, NumItems, pData, pStatus);
 }
 
 int VORDENARM_ReadMemU64(U32 Addr, U32 NumItems, U64* pData, U8* pStatus) {
-  int r = ReadItems(Addr, NumItems, pData, pStatus);
-  CallLog("VORDENARM_ReadMemU64", r, "0x%08X, %u", Addr, NumItems);
-  return r;
+  return ReadValues("VORDENARM_ReadMemU64", Addr, NumItems, pData, pStatus);
 }
 
 int VORDEN_ReadMemZonedEx(U32 Addr, U32 NumBytes, void* pData, U32 AccessWidth, const char* sZone) {
@@ -677,17 +688,11 @@ int VORDEN_ReadMemZonedEx(U32 Addr, U32 NumBytes, void* pData, U32 AccessWidth, 
 
 // The zoned item reads give the number of bytes read.
 int VORDEN_ReadMemZonedU16(U32 Addr, U32 NumItems, U16* pData, U8* pStatus, const char* sZone) {
-  int r = ZoneOK(sZone) ? ReadItems(Addr, NumItems, pData, pStatus) : -1;
-  if (r > 0) r *= 2;
-  CallLog("VORDEN_ReadMemZonedU16", r, "0x%08X, %u, \"%s\"", Addr, NumItems, sZone ? sZone : "");
-  return r;
+  return ReadZoned("VORDEN_ReadMemZonedU16", Addr, NumItems, pData, pStatus, sZone);
 }
 
 int VORDEN_ReadMemZonedU32(U32 Addr, U32 NumItems, U32* pData, U8* pStatus, const char* sZone) {
-  int r = ZoneOK(sZone) ? ReadItems(Addr, NumItems, pData, pStatus) : -1;
-  if (r > 0) r *= 4;
-  CallLog("VORDEN_ReadMemZonedU32", r, "0x%08X, %u, \"%s\"", Addr, NumItems, sZone ? sZone : "");
-  return r;
+  return ReadZoned("VORDEN_ReadMemZonedU32", Addr, NumItems, pData, pStatus, sZone);
 }
 
 static int WriteValue(const char* sName, U32 Addr, const void* p, U32 n, unsigned long long v) {

@@ -3,7 +3,8 @@
 // All target access of the debugger goes through these C functions. The
 // library selects a back end by the host interface: "USB" (SelectUSB or
 // EMU_SelectByUSBSN) selects the built-in simulated Cortex-M target, "IP"
-// (SelectIP with "host:port") is reserved for a GDB remote protocol client.
+// (SelectIP with "host:port", port 3333 by default) connects to any GDB server
+// through the GDB remote protocol back end (probe/gdb/).
 //
 // Every function may be called from any thread at any moment. Results follow
 // one rule unless a function says otherwise: 0 (or a count) on success, a

@@ -144,7 +144,9 @@ TEST(ProbeChannels, PowerModelBusyAndSleepLevels) {
   ASSERT_LE(n, 640);
   int busy = 0, sleep = 0, other = 0;
   for (int i = 0; i < n; ++i) {
-    if (i) EXPECT_EQ(s[i].Time - s[i - 1].Time, 100u);
+    if (i) {
+      EXPECT_EQ(s[i].Time - s[i - 1].Time, 100u);
+    }
     if (s[i].Value >= 11900 && s[i].Value <= 12100) busy++;
     else if (s[i].Value >= 2900 && s[i].Value <= 3100) sleep++;
     else other++;

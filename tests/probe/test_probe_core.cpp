@@ -66,6 +66,9 @@ TEST(ProbeSession, CommandsAndCallLog) {
   EXPECT_LT(VORDENARM_ExecCommand(nullptr, out, sizeof out), 0);
   EXPECT_LT(VORDENARM_ExecCommand("x", nullptr, 0), 0);  // no buffer: no crash
   EXPECT_EQ(VORDENARM_ExecCommand("HideDeviceSelection=1", out, sizeof out), 0);
+  // Blanks around the "=" belong to neither side.
+  EXPECT_EQ(VORDENARM_ExecCommand("SimBMA = 1", out, sizeof out), 0) << out;
+  EXPECT_EQ(VORDENARM_ExecCommand("device = Cortex-M3", out, sizeof out), 0) << out;
   EXPECT_EQ(out[0], 0);
   // Capabilities and optional functions.
   EXPECT_NE(VORDENARM_EMU_HasCapEx(23), 0);
