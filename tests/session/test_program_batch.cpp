@@ -1,0 +1,126 @@
+// Program files through the console in batch mode: File.Open of every corpus
+// ELF and the Elf.* answers, checked against the cross toolchain's readelf.
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <gtest/gtest.h>
+
+namespace {
+
+QString SourceDir() { return qEnvironmentVariable("TAVIT_SOURCE_DIR"); }
+QString Exe() { return qEnvironmentVariable("TAVIT_BUILD_DIR") + "/tavit"; }
+
+QString RunProcess(const QString& sProgram, const QStringList& Args, int* pExit = nullptr,
+                   const QString& sWorkDir = QString()) {
+  QProcess p;
+  if (!sWorkDir.isEmpty()) p.setWorkingDirectory(sWorkDir);
+  p.start(sProgram, Args);
+  if (!p.waitForFinished(60000)) {
+    p.kill();
+    p.waitForFinished();
+    if (pExit) *pExit = -1;
+    return QString();
+  }
+  if (pExit) *pExit = p.exitCode();
+  return QString::fromUtf8(p.readAllStandardOutput());
+}
+
+// What the cross toolchain says about a file: entry point and byte order from
+// readelf, and the lowest load address of a section that is downloaded
+// (objdump's LMA of sections flagged LOAD), which is where the program data
+// starts even when the ELF headers share the first segment.
+struct READELF_FACTS {
+  quint64 Entry = 0;
+  bool BigEndian = false;
+  quint64 LowestLoad = 0xFFFFFFFF;
+};
+
+bool ReadElfFacts(const QString& sFile, READELF_FACTS* pFacts) {
+  int Exit = 0;
+  const QString Out = RunProcess("arm-none-eabi-readelf", {"-hW", sFile}, &Exit);
+  if (Exit != 0 || Out.isEmpty()) return false;
+  const auto Entry = QRegularExpression(R"(Entry point address:\s+0x([0-9a-fA-F]+))").match(Out);
+  if (!Entry.hasMatch()) return false;
+  pFacts->Entry = Entry.captured(1).toULongLong(nullptr, 16);
+  pFacts->BigEndian = Out.contains("big endian");
+  const QString Sections = RunProcess("arm-none-eabi-objdump", {"-h", sFile}, &Exit);
+  if (Exit != 0) return false;
+  // "  0 .vectors  00000188  08000200  08000200  00000200  2**2" followed by
+  // a line of flags.
+  const QRegularExpression Row(R"(^\s*\d+\s+\S+\s+([0-9a-f]+)\s+[0-9a-f]+\s+([0-9a-f]+)\s+[0-9a-f]+\s+\S+\n\s+(.*)$)",
+                               QRegularExpression::MultilineOption);
+  for (auto It = Row.globalMatch(Sections); It.hasNext();) {
+    const auto m = It.next();
+    if (!m.captured(3).contains("LOAD") || m.captured(1).toULongLong(nullptr, 16) == 0) continue;
+    pFacts->LowestLoad = std::min(pFacts->LowestLoad, m.captured(2).toULongLong(nullptr, 16));
+  }
+  return true;
+}
+
+// The "=> <dec> (0x<hex>)" line that follows an echoed statement.
+qint64 ResultAfter(const QString& sOut, const QString& sStatement) {
+  const qsizetype At = sOut.indexOf(sStatement);
+  if (At < 0) return LLONG_MIN;
+  const auto m = QRegularExpression(R"(=> (-?\d+) \(0x)").match(sOut, At);
+  return m.hasMatch() ? m.captured(1).toLongLong() : LLONG_MIN;
+}
+
+TEST(ProgramBatch, OpenEveryCorpusElfAndAnswerLikeReadelf) {
+  ASSERT_TRUE(QFileInfo::exists(Exe()));
+  QStringList Files;
+  for (QDirIterator It(SourceDir() + "/firmware", {"*.elf"}, QDir::Files, QDirIterator::Subdirectories); It.hasNext();)
+    Files << It.next();
+  Files.sort();
+  ASSERT_GE(Files.size(), 10);
+  QTemporaryDir Dir;
+  int Checked = 0;
+  for (const QString& sFile : Files) {
+    SCOPED_TRACE(sFile.toStdString());
+    READELF_FACTS Facts;
+    if (!ReadElfFacts(sFile, &Facts)) GTEST_SKIP() << "arm-none-eabi-readelf is not available";
+    QFile Batch(Dir.filePath("cmds.txt"));
+    ASSERT_TRUE(Batch.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    Batch.write(QString("File.Open(\"%1\")\nElf.GetEntryPointPC()\nElf.GetBaseAddr()\nElf.GetEndianess()\n").arg(sFile).toUtf8());
+    Batch.close();
+    int Exit = -1;
+    const QString Out = RunProcess(Exe(), {"-batch", Batch.fileName()}, &Exit, Dir.path());
+    ASSERT_EQ(Exit, 0) << Out.toStdString();
+    // The load stages that ran are logged with their times.
+    EXPECT_TRUE(Out.contains(QRegularExpression(R"(ELF-API wrapper initialized in \d+:\d{3} ms)"))) << Out.toStdString();
+    EXPECT_TRUE(Out.contains(QRegularExpression(R"(File\.Open: completed in \d+ ms)")));
+    EXPECT_EQ(ResultAfter(Out, "Elf.GetEntryPointPC();"), qint64(Facts.Entry & ~1ull));
+    EXPECT_EQ(ResultAfter(Out, "Elf.GetBaseAddr();"), qint64(Facts.LowestLoad));
+    EXPECT_EQ(ResultAfter(Out, "Elf.GetEndianess();"), Facts.BigEndian ? 1 : 0);
+    ++Checked;
+  }
+  EXPECT_EQ(Checked, Files.size());
+}
+
+TEST(ProgramBatch, NoProgramAndBadFiles) {
+  QTemporaryDir Dir;
+  QFile Junk(Dir.filePath("junk.elf"));
+  ASSERT_TRUE(Junk.open(QIODevice::WriteOnly));
+  Junk.write("\x7f" "ELF this is not a program");
+  Junk.close();
+  QFile Batch(Dir.filePath("cmds.txt"));
+  ASSERT_TRUE(Batch.open(QIODevice::WriteOnly));
+  Batch.write("Elf.GetBaseAddr()\nElf.GetEndianess()\nFile.Open(\"missing.elf\")\n");
+  Batch.write(QString("File.Open(\"%1\")\nElf.GetEndianess()\n").arg(Junk.fileName()).toUtf8());
+  Batch.close();
+  int Exit = -1;
+  const QString Out = RunProcess(Exe(), {"-batch", Batch.fileName()}, &Exit, Dir.path());
+  EXPECT_EQ(Exit, 1);  // the two failed opens are errors
+  EXPECT_EQ(ResultAfter(Out, "Elf.GetBaseAddr();"), 0xFFFFFFFFll);
+  EXPECT_EQ(ResultAfter(Out, "Elf.GetEndianess();"), -1);
+  EXPECT_TRUE(Out.contains("File.Open (\"missing.elf\"): file not found")) << Out.toStdString();
+  // A broken file is refused with the catalogue's text and leaves no program.
+  EXPECT_TRUE(Out.contains("ELF error (")) << Out.toStdString();
+  const qsizetype Second = Out.lastIndexOf("Elf.GetEndianess();");
+  ASSERT_GT(Second, 0);
+  EXPECT_EQ(ResultAfter(Out.mid(Second), "Elf.GetEndianess();"), -1);
+}
+
+}  // namespace
