@@ -686,7 +686,6 @@ int VORDEN_ReadMemZonedEx(U32 Addr, U32 NumBytes, void* pData, U32 AccessWidth, 
   return r;
 }
 
-// The zoned item reads give the number of bytes read.
 int VORDEN_ReadMemZonedU16(U32 Addr, U32 NumItems, U16* pData, U8* pStatus, const char* sZone) {
   return ReadZoned("VORDEN_ReadMemZonedU16", Addr, NumItems, pData, pStatus, sZone);
 }

@@ -92,11 +92,16 @@ void UpdateTitle() {
                     QStringLiteral(" - ") + (sPath.isEmpty() ? QStringLiteral("New Project") : sPath));
 }
 
+// Ends a command that failed: the error text (and detail) and result -1.
+void FailAction(int Id, const QString& sError, const QString& sDetail = QString()) {
+  SetActionError(Id, sError, sDetail);
+  SetActionResult(Id, -1);
+}
+
 // Applies the result of a settings edit to the action.
 void ApplyEdit(int Id, const SettingsEditResult& r) {
   if (!r.Ok()) {
-    SetActionError(Id, r.sError, r.sErrorText);
-    SetActionResult(Id, -1);
+    FailAction(Id, r.sError, r.sErrorText);
     return;
   }
   SetActionResult(Id, 0);
@@ -108,8 +113,7 @@ void ApplyEdit(int Id, const SettingsEditResult& r) {
 bool SetVar(int Id, int VarId, const QString& sValue) {
   const SettingsEditResult r = EditSysVar({QString::fromLatin1(SysVars::Row(VarId)->Name), sValue, QStringLiteral("0")});
   if (!r.Ok()) {
-    SetActionError(Id, r.sError, r.sErrorText);
-    SetActionResult(Id, -1);
+    FailAction(Id, r.sError, r.sErrorText);
     return false;
   }
   SetActionResult(Id, 0);
@@ -484,8 +488,7 @@ void OnFileOpen(int Id) {
   }
   if (IsProjectPath(sPath)) {
     if (!QFileInfo(sPath).isFile()) {
-      SetActionError(Id, QStringLiteral("file not found"));
-      SetActionResult(Id, -1);
+      FailAction(Id, QStringLiteral("file not found"));
       return;
     }
     // A project the user opens is no longer the one of the command line.
@@ -497,8 +500,7 @@ void OnFileOpen(int Id) {
     SetActionResult(Id, g_pfnOpenProgramFile(ResolvePath(sPath), Id));
     return;
   }
-  SetActionError(Id, QFileInfo::exists(ResolvePath(sPath)) ? QStringLiteral("not implemented yet") : QStringLiteral("file not found"));
-  SetActionResult(Id, -1);
+  FailAction(Id, QFileInfo::exists(ResolvePath(sPath)) ? QStringLiteral("not implemented yet") : QStringLiteral("file not found"));
 }
 
 void OnFileNewProject(int Id) {
@@ -552,8 +554,7 @@ void OnFileSaveProjectAs(int Id) {
   }
   if (QFileInfo(sPath).suffix().isEmpty()) sPath += QStringLiteral(".vdebug");
   if (!IsProjectPath(sPath)) {
-    SetActionError(Id, QStringLiteral("invalid project filename"));
-    SetActionResult(Id, -1);
+    FailAction(Id, QStringLiteral("invalid project filename"));
     return;
   }
   sPath = QFileInfo(sPath).absoluteFilePath();
@@ -561,15 +562,13 @@ void OnFileSaveProjectAs(int Id) {
   QFile f(sPath);
   const bool Existed = f.exists();
   if (!f.open(QIODevice::ReadWrite)) {
-    SetActionError(Id, QStringLiteral("invalid filename"));
-    SetActionResult(Id, -1);
+    FailAction(Id, QStringLiteral("invalid filename"));
     return;
   }
   f.close();
   if (!Existed) f.remove();
   if (!Project().SaveAs(sPath)) {
-    SetActionError(Id, ProjectSaveError(QStringLiteral("write failed")));
-    SetActionResult(Id, -1);
+    FailAction(Id, ProjectSaveError(QStringLiteral("write failed")));
     return;
   }
   AddRecentProject(sPath);
@@ -633,13 +632,11 @@ void OnScriptDefineConst(int Id) {
   // or the name of a known constant.
   I64 v = 0;
   if (!ArgNumber(Args[1].trimmed(), &v)) {
-    SetActionError(Id, QStringLiteral("invalid parameter"), Args[1]);
-    SetActionResult(Id, -1);
+    FailAction(Id, QStringLiteral("invalid parameter"), Args[1]);
     return;
   }
   if (!VScript::DefineConstant(sName, v)) {
-    SetActionError(Id, QStringLiteral("invalid parameter"), sName);
-    SetActionResult(Id, -1);
+    FailAction(Id, QStringLiteral("invalid parameter"), sName);
     return;
   }
   SetActionResult(Id, 0);
@@ -679,15 +676,13 @@ void OnSetHostIF(int Id) {
   else if (sIF.compare(QLatin1String("IP"), Qt::CaseInsensitive) == 0) sName = QStringLiteral("IP");
   else if (SettingsText::ParseInt(sIF, v) && (v == 1 || v == 2)) sName = v == 1 ? QStringLiteral("USB") : QStringLiteral("IP");
   if (sName.isEmpty()) {
-    SetActionError(Id, QStringLiteral("unknown host interface"), sIF);
-    SetActionResult(Id, -1);
+    FailAction(Id, QStringLiteral("unknown host interface"), sIF);
     return;
   }
   if (sName == QLatin1String("USB") && !sIdent.isEmpty()) {
     U64 n = 0;
     if (!SettingsText::ParseUInt(sIdent, n)) {
-      SetActionError(Id, QStringLiteral("invalid parameter"), QLatin1Char('"') + sIdent + QLatin1Char('"'));
-      SetActionResult(Id, -1);
+      FailAction(Id, QStringLiteral("invalid parameter"), QLatin1Char('"') + sIdent + QLatin1Char('"'));
       return;
     }
   }
@@ -707,8 +702,7 @@ void OnSetTargetIF(int Id) {
       return;
     }
   }
-  SetActionError(Id, QStringLiteral("unknown target interface"));
-  SetActionResult(Id, -1);
+  FailAction(Id, QStringLiteral("unknown target interface"));
 }
 
 void OnSetTIFSpeed(int Id) {
@@ -724,8 +718,7 @@ void OnSetTIFSpeed(int Id) {
     Hz = SettingsText::FrequencyFromText(s);
   }
   if (Hz < 0) {
-    SetActionError(Id, QStringLiteral("invalid number"));
-    SetActionResult(Id, -1);
+    FailAction(Id, QStringLiteral("invalid number"));
     return;
   }
   if (Hz != 0 && Hz != 0xFFFF) Hz = std::max<I64>(1000, (Hz + 500) / 1000 * 1000);
@@ -756,8 +749,7 @@ void OnSetVordenScript(int Id) {
   if (!CheckArgCount(Id)) return;
   const QString s = ResolvePath(GetActionArgs(Id).at(0).trimmed());
   if (!QFileInfo(s).isFile()) {
-    SetActionError(Id, QStringLiteral("file not found: ") + s);
-    SetActionResult(Id, -1);
+    FailAction(Id, QStringLiteral("file not found: ") + s);
     return;
   }
   Project().DeviceSettings().VordenScript = s;
@@ -770,8 +762,7 @@ void OnSetVordenLogFile(int Id) {
   const QFileInfo fi(s);
   const QFileInfo dir(fi.absolutePath());
   if (s.isEmpty() || fi.isDir() || !dir.isDir() || !dir.isWritable() || (fi.exists() && !fi.isWritable())) {
-    SetActionError(Id, QStringLiteral("invalid filename: ") + s);
-    SetActionResult(Id, -1);
+    FailAction(Id, QStringLiteral("invalid filename: ") + s);
     return;
   }
   Project().DeviceSettings().VordenLogFile = s;
@@ -782,14 +773,12 @@ void OnAddSvdFile(int Id) {
   if (!CheckArgCount(Id)) return;
   const QString s = ResolvePath(GetActionArgs(Id).at(0).trimmed());
   if (!QFileInfo(s).isFile()) {
-    SetActionError(Id, QStringLiteral("file not found"));
-    SetActionResult(Id, -1);
+    FailAction(Id, QStringLiteral("file not found"));
     return;
   }
   const QString sSuffix = QFileInfo(s).suffix().toLower();
   if (sSuffix != QLatin1String("svd") && sSuffix != QLatin1String("xml")) {
-    SetActionError(Id, QStringLiteral("invalid parameter"));
-    SetActionResult(Id, -1);
+    FailAction(Id, QStringLiteral("invalid parameter"));
     return;
   }
   // Register windows learn about the file when they exist.
@@ -847,8 +836,7 @@ void OnDisableSessionSave(int Id) {
   const SettingsEditResult r =
       EditPreference({QStringLiteral("PREF_SESSION_SAVE_FLAGS"), sFlags, QStringLiteral("0"), QStringLiteral("0")});
   if (!r.Ok()) {
-    SetActionError(Id, r.sError, r.sErrorText);
-    SetActionResult(Id, -1);
+    FailAction(Id, r.sError, r.sErrorText);
     return;
   }
   SetActionResult(Id, 0);

@@ -114,16 +114,7 @@ namespace Colors {
 
 const COLOR_ROW* Row(int Id) { return Valid(Id) ? &kRows[Id] : nullptr; }
 
-int FindColor(const QString& sText) {
-  const QString s = sText.trimmed();
-  I64 n = 0;
-  if (SettingsText::ParseInt(s, n)) return n >= 0 && n < COLOR_COUNT ? static_cast<int>(n) : -1;
-  for (int i = 0; i < COLOR_COUNT; ++i)
-    if (s.compare(QLatin1String(kRows[i].Name), Qt::CaseInsensitive) == 0) return i;
-  for (int i = 0; i < COLOR_COUNT; ++i)
-    if (s.compare(QLatin1String(kRows[i].Label), Qt::CaseInsensitive) == 0) return i;
-  return -1;
-}
+int FindColor(const QString& sText) { return SettingsText::FindRow(sText, kRows, true); }
 
 U32 GetValue(int Id) { return Valid(Id) ? Values()[Id].load(std::memory_order_relaxed) : 0; }
 

@@ -75,14 +75,7 @@ namespace Fonts {
 
 const FONT_ROW* Row(int Id) { return Valid(Id) ? &kRows[Id] : nullptr; }
 
-int FindFont(const QString& sText) {
-  const QString s = sText.trimmed();
-  I64 n = 0;
-  if (SettingsText::ParseInt(s, n)) return n >= 0 && n < FONT_COUNT ? static_cast<int>(n) : -1;
-  for (int i = 0; i < FONT_COUNT; ++i)
-    if (s.compare(QLatin1String(kRows[i].Name), Qt::CaseInsensitive) == 0) return i;
-  return -1;
-}
+int FindFont(const QString& sText) { return SettingsText::FindRow(sText, kRows); }
 
 QFont DefaultFont(int Id) {
   if (!Valid(Id)) return QFont();

@@ -400,14 +400,7 @@ const SYSVAR* Row(int Id) { return Valid(Id) ? &kRows[Id] : nullptr; }
 
 bool IsPreference(int Id) { return Id >= SYSVAR_FIRST_PREF && Id < SYSVAR_COUNT; }
 
-int FindSysVar(const QString& sText) {
-  const QString s = sText.trimmed();
-  I64 n = 0;
-  if (SettingsText::ParseInt(s, n)) return n >= 0 && n < SYSVAR_COUNT ? static_cast<int>(n) : -1;
-  for (int i = 0; i < SYSVAR_COUNT; ++i)
-    if (s.compare(QLatin1String(kRows[i].Name), Qt::CaseInsensitive) == 0) return i;
-  return -1;
-}
+int FindSysVar(const QString& sText) { return SettingsText::FindRow(sText, kRows); }
 
 const char* TypeName(SysVarType Type) {
   switch (Type) {

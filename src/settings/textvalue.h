@@ -3,6 +3,7 @@
 // anyone who has to read a setting typed by the user.
 #pragma once
 #include <QString>
+#include <cstddef>
 #include "common/types.h"
 
 namespace SettingsText {
@@ -25,5 +26,21 @@ QString FrequencyToText(U64 Hz);
 // are true; "false", "disabled", "inactive", "no", "off" and 0 are false. Any
 // other text returns false and leaves Out as it was.
 bool ParseTruth(const QString& sText, bool& Out);
+
+// The row of a value table that a user names: a number below Count (any other
+// number names no row), else the first row whose Name matches, ignoring case,
+// then, with MatchLabel, the first whose Label does. -1 if none.
+template <class Row, size_t Count>
+int FindRow(const QString& sText, const Row (&Rows)[Count], bool MatchLabel = false) {
+  const QString s = sText.trimmed();
+  I64 n = 0;
+  if (ParseInt(s, n)) return n >= 0 && n < static_cast<I64>(Count) ? static_cast<int>(n) : -1;
+  for (size_t i = 0; i < Count; ++i)
+    if (s.compare(QLatin1String(Rows[i].Name), Qt::CaseInsensitive) == 0) return static_cast<int>(i);
+  if (MatchLabel)
+    for (size_t i = 0; i < Count; ++i)
+      if (s.compare(QLatin1String(Rows[i].Label), Qt::CaseInsensitive) == 0) return static_cast<int>(i);
+  return -1;
+}
 
 }  // namespace SettingsText

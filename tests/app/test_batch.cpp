@@ -11,6 +11,8 @@
 #include <QSettings>
 #include <QStringList>
 
+#include "testsupport/testapp.h"
+
 namespace {
 
 struct RUN {
@@ -71,10 +73,7 @@ int FindLine(const QStringList& l, const char* sPattern) {
 class Batch : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    static int argc = 1;
-    static char arg0[] = "test";
-    static char* argv[] = {arg0, nullptr};
-    new QCoreApplication(argc, argv);
+    NewTestApp<QCoreApplication>();
   }
 };
 

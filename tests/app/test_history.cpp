@@ -4,15 +4,15 @@
 #include <gtest/gtest.h>
 
 #include <QApplication>
+#include <memory>
+
+#include "testsupport/testapp.h"
 
 namespace {
 
 TEST(ConsoleHistory, KeysAndDuplicates) {
-  static int argc = 1;
-  static char arg0[] = "test";
-  static char* argv[] = {arg0, nullptr};
   qputenv("QT_QPA_PLATFORM", "offscreen");
-  QApplication App(argc, argv);
+  const std::unique_ptr<QApplication> App(NewTestApp<QApplication>());
   CConsoleInput In;
   In.AddToHistory("a");
   In.AddToHistory("b");

@@ -3,6 +3,8 @@
 #include "commands/actions.h"
 #include "log/console.h"
 #include "log/log.h"
+#include "testsupport/consolelines.h"
+#include "testsupport/testapp.h"
 
 #include <gtest/gtest.h>
 
@@ -12,22 +14,13 @@
 
 namespace {
 
-QStringList Take() {
-  QStringList l;
-  ConsoleRingTake([&](const CONSOLE_ENTRY& e) { l.append(QString::fromUtf8(e.Text)); });
-  return l;
-}
-
 // A window with one action per command, linked and connected like the main
 // window's, plus a few unknown GUI actions.
 class Console : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    static int argc = 1;
-    static char arg0[] = "test";
-    static char* argv[] = {arg0, nullptr};
     qputenv("QT_QPA_PLATFORM", "offscreen");
-    s_pApp = new QGuiApplication(argc, argv);
+    s_pApp = NewTestApp<QGuiApplication>();
     SetUiThread();
     ConsoleRingStart();
     s_pWindow = new QObject;
@@ -42,7 +35,7 @@ class Console : public ::testing::Test {
     LinkActions(s_pWindow);
     LinkActions(s_pWindow);  // a second link adds no duplicate unlinked names
   }
-  void SetUp() override { Take(); }
+  void SetUp() override { TakeConsoleLines(); }
 
   static QGuiApplication* s_pApp;
   static QObject* s_pWindow;
@@ -67,7 +60,7 @@ TEST_F(Console, LinkingSetsShortcutsTipsAndCollectsUnknownNames) {
 
 TEST_F(Console, WrongParameterCountIsEchoedThenReported) {
   EXPECT_EQ(ExecuteCommand("Debug.Start(1)"), 1);
-  EXPECT_EQ(Take(), QStringList({"Debug.Start (1);", "Debug.Start (1): wrong parameter count"}));
+  EXPECT_EQ(TakeConsoleLines(), QStringList({"Debug.Start (1);", "Debug.Start (1): wrong parameter count"}));
 }
 
 TEST_F(Console, UnknownAndBlankLines) {
@@ -75,7 +68,7 @@ TEST_F(Console, UnknownAndBlankLines) {
   EXPECT_EQ(ExecuteCommand("foo;"), 0);
   EXPECT_EQ(ExecuteCommand("   "), 0);
   EXPECT_EQ(ExecuteCommand("(1)"), 0);
-  EXPECT_EQ(Take(), QStringList({"foo: unknown command. Type ? or help for a list of available commands.",
+  EXPECT_EQ(TakeConsoleLines(), QStringList({"foo: unknown command. Type ? or help for a list of available commands.",
                                  ": unknown command. Type ? or help for a list of available commands.",
                                  "(1): unknown command. Type ? or help for a list of available commands."}));
   EXPECT_EQ(GetCommandErrorCount(), Errors + 3);
@@ -93,7 +86,7 @@ TEST_F(Console, BothArgumentFormsAreTheSameCall) {
   ExecuteCommand("Break.Set(0x20000000)");
   EXPECT_EQ(Calls, 2);
   EXPECT_EQ(Seen, QStringList({"0x20000000", "0x20000000"}));
-  EXPECT_EQ(Take(), QStringList({"Break.Set (0x20000000);", "Break.Set (0x20000000);"}));
+  EXPECT_EQ(TakeConsoleLines(), QStringList({"Break.Set (0x20000000);", "Break.Set (0x20000000);"}));
   // The argument list and error text are cleared after the call; the result stays.
   EXPECT_TRUE(GetActionArgs(AID_BREAK_SET).isEmpty());
   EXPECT_EQ(GetActionResult(AID_BREAK_SET), 7);
@@ -112,18 +105,18 @@ TEST_F(Console, ResultStoreAndExecAction) {
   EXPECT_EQ(ExecAction(ACTION_COUNT), -1);
   EXPECT_EQ(ExecAction(-5), -1);
   SetCommandSlot(AID_ELF_GET_EXPR_VALUE, nullptr);
-  Take();
+  TakeConsoleLines();
 }
 
 TEST_F(Console, SlotsThatAreNotThereYetAnswerThroughTheErrorPath) {
   ExecuteCommand("Window.Add(\"Watched Data\", \"a,b\")");
-  EXPECT_EQ(Take(), QStringList({"Window.Add (\"Watched Data\", \"a,b\");",
+  EXPECT_EQ(TakeConsoleLines(), QStringList({"Window.Add (\"Watched Data\", \"a,b\");",
                                  "Window.Add (\"Watched Data\", \"a,b\"): not implemented yet"}));
 }
 
 TEST_F(Console, OldNamesEchoWithTheCurrentName) {
   ExecuteCommand("Project.SetRootPath(\"C:\\src\")");
-  const QStringList l = Take();
+  const QStringList l = TakeConsoleLines();
   ASSERT_FALSE(l.isEmpty());
   EXPECT_EQ(l[0], "Project.AddRootPath (\"C:\\src\");");
 }
@@ -131,7 +124,7 @@ TEST_F(Console, OldNamesEchoWithTheCurrentName) {
 TEST_F(Console, EchoAfterRowsEchoAfterTheSlot) {
   SetCommandSlot(AID_FILE_CLOSE_ALL, [](int) { ConsolePrintLine("closing"); });
   ExecuteCommand("File.CloseAll()");
-  EXPECT_EQ(Take(), QStringList({"closing", "File.CloseAll();"}));
+  EXPECT_EQ(TakeConsoleLines(), QStringList({"closing", "File.CloseAll();"}));
   SetCommandSlot(AID_FILE_CLOSE_ALL, nullptr);
 }
 
@@ -142,9 +135,9 @@ TEST_F(Console, SlotCanSilenceTheEcho) {
     SetActionNoEcho(Id);
   });
   ExecuteCommand("Util.Log \"a b\"");
-  EXPECT_EQ(Take(), QStringList({"a b"}));
+  EXPECT_EQ(TakeConsoleLines(), QStringList({"a b"}));
   ExecuteCommand("Util.Log a b");
-  EXPECT_EQ(Take(), QStringList({"Util.Log (\"a\", b);", "Util.Log (\"a\", b): wrong parameter count"}));
+  EXPECT_EQ(TakeConsoleLines(), QStringList({"Util.Log (\"a\", b);", "Util.Log (\"a\", b): wrong parameter count"}));
   SetCommandSlot(AID_UTIL_LOG, nullptr);
 }
 
@@ -157,7 +150,7 @@ TEST_F(Console, CommandFlagGatesConsoleButNotTheGuiState) {
   EXPECT_EQ(TriggerAction(AID_DEBUG_HALT), -1);
   EXPECT_EQ(ExecAction(AID_DEBUG_HALT), -1);
   EXPECT_EQ(Calls, 0);
-  EXPECT_EQ(Take(), QStringList({"Debug.Halt: Command disabled", "Debug.Halt: Command disabled", "Debug.Halt: Command disabled"}));
+  EXPECT_EQ(TakeConsoleLines(), QStringList({"Debug.Halt: Command disabled", "Debug.Halt: Command disabled", "Debug.Halt: Command disabled"}));
   // A greyed menu item with the command flag set still runs from the console.
   a->setEnabled(false);
   SetCommandEnabled(AID_DEBUG_HALT, true);
@@ -166,7 +159,7 @@ TEST_F(Console, CommandFlagGatesConsoleButNotTheGuiState) {
   SetActionEnabled(AID_DEBUG_HALT, true);
   EXPECT_TRUE(a->isEnabled());
   SetCommandSlot(AID_DEBUG_HALT, nullptr);
-  Take();
+  TakeConsoleLines();
 }
 
 TEST_F(Console, ErrorDetailOnlyForCommandsWithSeveralParameters) {
@@ -224,7 +217,7 @@ TEST_F(Console, HelpListsLinkedListedCommandsSorted) {
   }
   ExecuteCommand("?");
   ExecuteCommand("HELP");
-  const QStringList l = Take();
+  const QStringList l = TakeConsoleLines();
   // No slot for Help.Commands here: it answers through the error path.
   EXPECT_TRUE(l.contains("Help.Commands(): not implemented yet"));
 }
@@ -233,7 +226,7 @@ TEST_F(Console, UnlinkedRowsAreNotTriggerable) {
   UnlinkActions(s_pWindow);
   EXPECT_EQ(GetActionDesc(AID_FILE_OPEN)->Action, nullptr);
   EXPECT_EQ(ExecuteCommand("File.Open(x)"), 2);
-  EXPECT_EQ(Take(), QStringList({"File.Open: Command disabled"}));
+  EXPECT_EQ(TakeConsoleLines(), QStringList({"File.Open: Command disabled"}));
   LinkActions(s_pWindow);
   EXPECT_NE(GetActionDesc(AID_FILE_OPEN)->Action, nullptr);
 }

@@ -47,18 +47,26 @@ inline std::string RunCommand(const std::string& sCmd) {
   return Out;
 }
 
+// The lines of a tool's output, without their line ends.
+inline std::vector<std::string> SplitLines(const std::string& s) {
+  std::vector<std::string> Lines;
+  size_t Pos = 0;
+  while (Pos < s.size()) {
+    size_t End = s.find('\n', Pos);
+    if (End == std::string::npos) End = s.size();
+    Lines.push_back(s.substr(Pos, End - Pos));
+    Pos = End + 1;
+  }
+  return Lines;
+}
+
 // Instructions by address; objdump's ".word" data lines go to pWords.
 inline std::map<uint32_t, ObjdumpInst> RunObjdump(const std::string& sElf,
                                                   std::map<uint32_t, uint32_t>* pWords = nullptr) {
   std::map<uint32_t, ObjdumpInst> M;
   std::string s = RunCommand("arm-none-eabi-objdump -d '" + sElf + "' 2>/dev/null");
   static const std::regex Line(R"(^\s*([0-9a-f]+):\t([0-9a-f]{4}(?: [0-9a-f]{4})?|[0-9a-f]{8}) *\t([^\t]+?)(?:\t(.*))?$)");
-  size_t Pos = 0;
-  while (Pos < s.size()) {
-    size_t End = s.find('\n', Pos);
-    if (End == std::string::npos) End = s.size();
-    std::string L = s.substr(Pos, End - Pos);
-    Pos = End + 1;
+  for (const std::string& L : SplitLines(s)) {
     std::smatch m;
     if (!std::regex_match(L, m, Line)) continue;
     ObjdumpInst I;

@@ -597,12 +597,7 @@ std::vector<Fde> ReadCfi(const std::string& f) {
   std::string s = RunCommand("arm-none-eabi-readelf --debug-dump=frames-interp '" + f + "' 2>/dev/null");
   static const std::regex FdeLine(R"(FDE cie=\w+ pc=([0-9a-f]+)\.\.([0-9a-f]+))");
   std::vector<int> Cols;
-  size_t Pos = 0;
-  while (Pos < s.size()) {
-    size_t End = s.find('\n', Pos);
-    if (End == std::string::npos) End = s.size();
-    std::string L = s.substr(Pos, End - Pos);
-    Pos = End + 1;
+  for (const std::string& L : SplitLines(s)) {
     std::smatch m;
     if (std::regex_search(L, m, FdeLine)) {
       v.push_back({uint32_t(std::stoul(m[1].str(), nullptr, 16)), uint32_t(std::stoul(m[2].str(), nullptr, 16)), {}});

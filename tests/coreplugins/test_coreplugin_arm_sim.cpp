@@ -29,15 +29,21 @@ U32 ProbeReg(U32 Idx) {
   return U32(v);
 }
 
-}  // namespace
-
-TEST(CorePluginArmSim, DefaultExecStateAndRegistersOnTheSimulator) {
-  LoadedPlugin P;
+// Loads the plug-in with a host whose memory reads and program information
+// come from the simulator.
+void LoadOnSimulator(LoadedPlugin& P) {
   ASSERT_TRUE(P.Load(LoadedPlugin::DefaultPath())) << P.Error;
   CORE_HOST_API H = TestHost::Table();
   H.pfReadMem = SimReadMem;
   H.pfGetProgramInfo = SimProgramInfo;
   ASSERT_EQ(P.pfSetAPI(&H, sizeof H), 0);
+}
+
+}  // namespace
+
+TEST(CorePluginArmSim, DefaultExecStateAndRegistersOnTheSimulator) {
+  LoadedPlugin P;
+  ASSERT_NO_FATAL_FAILURE(LoadOnSimulator(P));
 
   probetest::ConnectFresh("STM32F407VG");
   std::string Path = probetest::FirmwarePath("tests_stm32f407vg");
@@ -112,11 +118,7 @@ TEST(CorePluginArmSim, DefaultExecStateAndRegistersOnTheSimulator) {
 // program run on to its end.
 TEST(CorePluginArmSim, SemihostingCallOfTheFirmware) {
   LoadedPlugin P;
-  ASSERT_TRUE(P.Load(LoadedPlugin::DefaultPath())) << P.Error;
-  CORE_HOST_API H = TestHost::Table();
-  H.pfReadMem = SimReadMem;
-  H.pfGetProgramInfo = SimProgramInfo;
-  ASSERT_EQ(P.pfSetAPI(&H, sizeof H), 0);
+  ASSERT_NO_FATAL_FAILURE(LoadOnSimulator(P));
   g_pImage = nullptr;
   ASSERT_EQ(P.Api.pfInitSemihosting(""), 0);
 

@@ -4,6 +4,8 @@
 #include "log/messagebox.h"
 #include "settings/store.h"
 #include "settings/sysvars.h"
+#include "testsupport/consolelines.h"
+#include "testsupport/testapp.h"
 
 #include <gtest/gtest.h>
 
@@ -18,11 +20,8 @@ namespace {
 class MessageBox : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    static int argc = 1;
-    static char arg0[] = "test";
-    static char* argv[] = {arg0, nullptr};
     qputenv("QT_QPA_PLATFORM", "offscreen");
-    new QApplication(argc, argv);
+    NewTestApp<QApplication>();
     SetUiThread();
     ConsoleRingStart();
     SysVars::Reset();
@@ -30,11 +29,6 @@ class MessageBox : public ::testing::Test {
   void SetUp() override {
     Settings::Remove("AppData/MessageTimeouts");
     CMessageBox::SetBatchMode(false);
-  }
-  static QStringList Take() {
-    QStringList l;
-    ConsoleRingTake([&](const CONSOLE_ENTRY& e) { l.append(QString::fromUtf8(e.Text)); });
-    return l;
   }
   // Runs a box and, once it is on the screen, ticks the check box (if asked)
   // and clicks a button.
@@ -83,11 +77,11 @@ TEST_F(MessageBox, DoNotShowAgainTodayAnswersNoWithoutShowing) {
   // Even a box that would answer Yes by default now answers No unseen.
   CMessageBox::SetBatchMode(true);
   EXPECT_EQ(CMessageBox::Ask("T", sText, 24, QDialogButtonBox::Yes | QDialogButtonBox::No), 0);
-  EXPECT_TRUE(Take().isEmpty());
+  EXPECT_TRUE(TakeConsoleLines().isEmpty());
   // An expired time shows the box again.
   Settings::SetValue(CMessageBox::StorageKey(sText), Now - 1);
   EXPECT_EQ(CMessageBox::Ask("T", sText, 24, QDialogButtonBox::Yes | QDialogButtonBox::No), 1);
-  EXPECT_EQ(Take(), QStringList({"[box] T: Is it today? -> Yes"}));
+  EXPECT_EQ(TakeConsoleLines(), QStringList({"[box] T: Is it today? -> Yes"}));
 }
 
 TEST_F(MessageBox, ClicksGiveResultsAndOnlyTickedAnswersAreStored) {
@@ -120,11 +114,11 @@ TEST_F(MessageBox, EmptyTextAnswersYes) { EXPECT_EQ(CMessageBox::Ask("T", "", 0,
 
 TEST_F(MessageBox, BatchModeAnswersWithTheDefaultButtonAndSaysSo) {
   CMessageBox::SetBatchMode(true);
-  Take();
+  TakeConsoleLines();
   EXPECT_EQ(AskSaveProjectChanges(), 1);
   EXPECT_EQ(CMessageBox::Ask("&Only No", "Really?", 0, QDialogButtonBox::No | QDialogButtonBox::Cancel), 0);
   EXPECT_EQ(AskSaveDocumentChanges("main.c"), 1);
-  EXPECT_EQ(Take(), QStringList({"[box] Save Project Changes?: The current project was modified. Save changes? -> Yes",
+  EXPECT_EQ(TakeConsoleLines(), QStringList({"[box] Save Project Changes?: The current project was modified. Save changes? -> Yes",
                                  "[box] Only No: Really? -> No",
                                  "[box] Save Document Changes?: main.c is modified. Save changes? -> Yes"}));
 }

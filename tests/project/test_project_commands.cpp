@@ -8,6 +8,9 @@
 #include "project/projecttext.h"
 #include "project/vscript.h"
 #include "settings/sysvars.h"
+#include "testsupport/consolelines.h"
+#include "testsupport/files.h"
+#include "testsupport/testapp.h"
 #include "ui/shell/consolewindow.h"
 #include "ui/shell/mainwindow.h"
 
@@ -19,23 +22,10 @@
 
 namespace {
 
-QByteArray ReadAll(const QString& p) {
-  QFile f(p);
-  return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray("<missing>");
-}
-void WriteAll(const QString& p, const QByteArray& d) {
-  QFile f(p);
-  ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-  f.write(d);
-}
-
 class ProjectCommands : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    static int argc = 1;
-    static char arg0[] = "test";
-    static char* argv[] = {arg0, nullptr};
-    s_pApp = new QApplication(argc, argv);
+    s_pApp = NewTestApp<QApplication>();
     CMessageBox::SetBatchMode(true);
     ProjectModule::Install();
     s_pMain = new CMainWindow;
@@ -51,11 +41,7 @@ class ProjectCommands : public ::testing::Test {
     Project().Close();
   }
   // The console text since the last call.
-  static QString Console() {
-    QStringList l;
-    ConsoleRingTake([&l](const CONSOLE_ENTRY& e) { l.append(QString::fromUtf8(e.Text)); });
-    return l.join('\n');
-  }
+  static QString Console() { return TakeConsoleLines().join('\n'); }
   QString Path(const QString& n) const { return Dir.filePath(n); }
   QTemporaryDir Dir;
   static QApplication* s_pApp;

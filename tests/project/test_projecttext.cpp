@@ -3,6 +3,7 @@
 // checked against the interpreter itself.
 #include "project/projecttext.h"
 #include "script/script.h"
+#include "testsupport/files.h"
 
 #include <QDir>
 #include <QFile>
@@ -11,18 +12,6 @@
 #include <gtest/gtest.h>
 
 using namespace ProjectText;
-
-namespace {
-QByteArray ReadAll(const QString& p) {
-  QFile f(p);
-  return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray("<missing>");
-}
-void WriteAll(const QString& p, const QByteArray& d) {
-  QFile f(p);
-  ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-  f.write(d);
-}
-}  // namespace
 
 TEST(ProjectTemplate, CommentBlocksHaveTheirShape) {
   for (int Id = 1; Id <= EVENT_COUNT; ++Id) {

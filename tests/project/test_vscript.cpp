@@ -3,6 +3,7 @@
 #include "log/console.h"
 #include "project/vscript.h"
 #include "script/script.h"
+#include "testsupport/consolelines.h"
 
 #include <QFile>
 #include <QTemporaryDir>
@@ -11,12 +12,6 @@
 using namespace VScript;
 
 namespace {
-
-QStringList TakeConsole() {
-  QStringList l;
-  ConsoleRingTake([&l](const CONSOLE_ENTRY& e) { l.append(QString::fromUtf8(e.Text)); });
-  return l;
-}
 
 class VScriptTest : public ::testing::Test {
  protected:
@@ -174,10 +169,10 @@ TEST_F(VScriptTest, ConstantsAndPointerTest) {
   EXPECT_EQ(r, 0x20000000);
   ASSERT_EQ(ExecScriptFunction("C4", -1, 0, nullptr, &r), EXEC_OK);
   EXPECT_EQ(r, 1 + 0 + 4);
-  TakeConsole();
+  TakeConsoleLines();
   ASSERT_EQ(ExecScriptFunction("Bad", -1, 0, nullptr, &r), EXEC_OK);
   EXPECT_EQ(r, -1);
-  EXPECT_TRUE(TakeConsole().contains("Invalid command argument in command \"File.Open\": 0x5 (5)"));
+  EXPECT_TRUE(TakeConsoleLines().contains("Invalid command argument in command \"File.Open\": 0x5 (5)"));
   // The old name of a command is a host function with the current prototype.
   EXPECT_EQ(ExecScriptFunction("Alias", -1, 0, nullptr, &r), EXEC_OK);
 }

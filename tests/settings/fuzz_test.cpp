@@ -10,6 +10,7 @@
 #include "settings/fonts.h"
 #include "settings/sysvars.h"
 #include "settings/textvalue.h"
+#include "testsupport/testapp.h"
 
 namespace {
 
@@ -30,10 +31,7 @@ QString RandomText(std::mt19937& rng) {
 }
 
 TEST(SettingsFuzz, ParsersSurviveAndRoundTrip) {
-  static int argc = 1;
-  static char name[] = "test_settings_fuzz";
-  static char* argv[] = {name, nullptr};
-  if (!qGuiApp) new QGuiApplication(argc, argv);
+  if (!qGuiApp) NewTestApp<QGuiApplication>("test_settings_fuzz");
 
   std::mt19937 rng(20261122);
   std::uniform_int_distribution<int> row(0, SYSVAR_COUNT - 1);

@@ -8,16 +8,14 @@
 #include "settings/fonts.h"
 #include "settings/sysvars.h"
 #include "settings/textvalue.h"
+#include "testsupport/testapp.h"
 
 namespace {
 
 class SettingsValues : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    static int argc = 1;
-    static char name[] = "test_settings_values";
-    static char* argv[] = {name, nullptr};
-    if (!qGuiApp) new QGuiApplication(argc, argv);
+    if (!qGuiApp) NewTestApp<QGuiApplication>("test_settings_values");
   }
   void SetUp() override {
     SysVars::Reset();
