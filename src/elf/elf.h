@@ -132,6 +132,9 @@ int ELF_GetSlot(const ELF_FILE* pFile);      // -1 if not in a slot
 // result < 0 reports error 133 and the file stays open.
 typedef int (*ELF_DEBUG_PARSER)(ELF_FILE* pFile);
 void ELF_SetDebugInfoParser(ELF_DEBUG_PARSER pfParser);
+// ...and frees what it read here: called by ELF_Close before the file goes.
+typedef void (*ELF_DEBUG_CLOSER)(ELF_FILE* pFile);
+void ELF_SetDebugInfoCloser(ELF_DEBUG_CLOSER pfCloser);
 
 // Process-wide instruction alignment (from the core plug-in, default 2).
 void ELF_SetInstAlignment(U32 Alignment);

@@ -60,4 +60,23 @@ bool HaveRelocations();
 // Reading steps of ELF_Open; each returns 0 or a reporter code.
 int ParseSymbols(ELF_FILE* f);
 void BuildImageSegments(ELF_FILE* f);
+
+// Binary search over Count entries whose keys (KeyAt(i)) ascend: an entry
+// whose key equals Key, else the last entry below it; -1 if all lie above.
+template <class KeyAtFn>
+int FindAtOrBelow(int Count, U32 Key, KeyAtFn KeyAt) {
+  int lo = 0, hi = Count - 1, at = -1;
+  while (lo <= hi) {
+    const int mid = lo + (hi - lo) / 2;
+    const U32 k = KeyAt(mid);
+    if (k == Key) return mid;
+    if (k < Key) {
+      at = mid;
+      lo = mid + 1;
+    } else {
+      hi = mid - 1;
+    }
+  }
+  return at;
+}
 }

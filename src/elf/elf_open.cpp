@@ -19,6 +19,7 @@ using namespace elf_internal;
 namespace {
 ELF_DIAG_HOOK s_pfHook = nullptr;
 ELF_DEBUG_PARSER s_pfDebugParser = nullptr;
+ELF_DEBUG_CLOSER s_pfDebugCloser = nullptr;
 U32 s_InstAlignment = 2;
 bool s_TargetBigEndian = false;
 U32 s_SymbolLow = 0xFFFFFFFF, s_SymbolHigh = 0;
@@ -219,6 +220,7 @@ void ELF_GetSymbolAddressSpan(U32* pLow, U32* pHigh) {
   if (pHigh) *pHigh = s_SymbolHigh;
 }
 void ELF_SetDebugInfoParser(ELF_DEBUG_PARSER pfParser) { s_pfDebugParser = pfParser; }
+void ELF_SetDebugInfoCloser(ELF_DEBUG_CLOSER pfCloser) { s_pfDebugCloser = pfCloser; }
 ELF_FILE* ELF_GetCurrentProgram() { return g_pCurrent; }
 
 int ELF_GetSlot(const ELF_FILE* pFile) {
@@ -336,6 +338,7 @@ void ELF_Close(ELF_FILE* pFile) {
   int slot = ELF_GetSlot(pFile);
   if (slot < 0 || pFile->state != 1 || g_Opening || g_Closing) return;
   pFile->imageSegments.clear();
+  if (s_pfDebugCloser && pFile->dwarf) s_pfDebugCloser(pFile);
   g_Closing = true;
   pFile->state = 0;
   g_aSlots[slot] = nullptr;

@@ -19,6 +19,17 @@ const ELF_SEGMENT* Segment(const ELF_FILE* f, int i) {
   return &f->segments[i];
 }
 
+// One header field of section or segment i; 0 if there is no such entry.
+U32 SectionField(const ELF_FILE* f, int i, U32 ELF_SECTION::*Field) {
+  const ELF_SECTION* s = Section(f, i);
+  return s ? s->*Field : 0;
+}
+
+U32 SegmentField(const ELF_FILE* f, int i, U32 ELF_SEGMENT::*Field) {
+  const ELF_SEGMENT* p = Segment(f, i);
+  return p ? p->*Field : 0;
+}
+
 const U8* SegmentData(const ELF_FILE* f, const ELF_SEGMENT& p) {
   if ((I32)p.p_offset < 0 || p.p_filesz == 0 || !RangeInFile(f, p.p_offset, p.p_filesz)) return nullptr;
   return f->fileData + p.p_offset;
@@ -87,30 +98,15 @@ const char* ELF_GetSectionName(const ELF_FILE* pFile, int Index) {
   return s_acSectionName;
 }
 
-U32 ELF_GetSectionType(const ELF_FILE* pFile, int Index) {
-  const ELF_SECTION* s = Section(pFile, Index);
-  return s ? s->sh_type : 0;
-}
-U32 ELF_GetSectionFlags(const ELF_FILE* pFile, int Index) {
-  const ELF_SECTION* s = Section(pFile, Index);
-  return s ? s->sh_flags : 0;
-}
+U32 ELF_GetSectionType(const ELF_FILE* pFile, int Index) { return SectionField(pFile, Index, &ELF_SECTION::sh_type); }
+U32 ELF_GetSectionFlags(const ELF_FILE* pFile, int Index) { return SectionField(pFile, Index, &ELF_SECTION::sh_flags); }
 U32 ELF_GetSectionAddr(const ELF_FILE* pFile, int Index) {
   const ELF_SECTION* s = Section(pFile, Index);
   return s ? Reloc(s->sh_addr) : 0;
 }
-U32 ELF_GetSectionOffset(const ELF_FILE* pFile, int Index) {
-  const ELF_SECTION* s = Section(pFile, Index);
-  return s ? s->sh_offset : 0;
-}
-U32 ELF_GetSectionSize(const ELF_FILE* pFile, int Index) {
-  const ELF_SECTION* s = Section(pFile, Index);
-  return s ? s->sh_size : 0;
-}
-U32 ELF_GetSectionEntSize(const ELF_FILE* pFile, int Index) {
-  const ELF_SECTION* s = Section(pFile, Index);
-  return s ? s->sh_entsize : 0;
-}
+U32 ELF_GetSectionOffset(const ELF_FILE* pFile, int Index) { return SectionField(pFile, Index, &ELF_SECTION::sh_offset); }
+U32 ELF_GetSectionSize(const ELF_FILE* pFile, int Index) { return SectionField(pFile, Index, &ELF_SECTION::sh_size); }
+U32 ELF_GetSectionEntSize(const ELF_FILE* pFile, int Index) { return SectionField(pFile, Index, &ELF_SECTION::sh_entsize); }
 const ELF_SECTION* ELF_GetSectionHeader(const ELF_FILE* pFile, int Index) { return Section(pFile, Index); }
 
 const U8* ELF_GetSectionData(const ELF_FILE* pFile, int Index) {
@@ -131,22 +127,10 @@ int ELF_FindSectionByInfo(const ELF_FILE* pFile, U32 Info) {
 // ---- segments --------------------------------------------------------------
 
 int ELF_GetNumSegments(const ELF_FILE* pFile) { return ELF_IsValidFile(pFile) ? (int)pFile->segments.size() : 0; }
-U32 ELF_GetSegmentType(const ELF_FILE* pFile, int Index) {
-  const ELF_SEGMENT* p = Segment(pFile, Index);
-  return p ? p->p_type : 0;
-}
-U32 ELF_GetSegmentVAddr(const ELF_FILE* pFile, int Index) {
-  const ELF_SEGMENT* p = Segment(pFile, Index);
-  return p ? p->p_vaddr : 0;
-}
-U32 ELF_GetSegmentPAddr(const ELF_FILE* pFile, int Index) {
-  const ELF_SEGMENT* p = Segment(pFile, Index);
-  return p ? p->p_paddr : 0;
-}
-U32 ELF_GetSegmentFileSize(const ELF_FILE* pFile, int Index) {
-  const ELF_SEGMENT* p = Segment(pFile, Index);
-  return p ? p->p_filesz : 0;
-}
+U32 ELF_GetSegmentType(const ELF_FILE* pFile, int Index) { return SegmentField(pFile, Index, &ELF_SEGMENT::p_type); }
+U32 ELF_GetSegmentVAddr(const ELF_FILE* pFile, int Index) { return SegmentField(pFile, Index, &ELF_SEGMENT::p_vaddr); }
+U32 ELF_GetSegmentPAddr(const ELF_FILE* pFile, int Index) { return SegmentField(pFile, Index, &ELF_SEGMENT::p_paddr); }
+U32 ELF_GetSegmentFileSize(const ELF_FILE* pFile, int Index) { return SegmentField(pFile, Index, &ELF_SEGMENT::p_filesz); }
 const ELF_SEGMENT* ELF_GetSegmentHeader(const ELF_FILE* pFile, int Index) { return Segment(pFile, Index); }
 const U8* ELF_GetSegmentData(const ELF_FILE* pFile, int Index) {
   const ELF_SEGMENT* p = Segment(pFile, Index);
@@ -232,21 +216,7 @@ int ELF_FindRelocEntry(const ELF_FILE* pFile, U32 Address, U32 SectionType, ELF_
   const U8* data = SectionData(f, (U32)relSec);
   if (!data || rs.sh_entsize < minEnt) return -1;
   const int n = (int)(rs.sh_size / rs.sh_entsize);
-  int lo = 0, hi = n - 1, at = -1;
-  while (lo <= hi) {
-    const int mid = lo + (hi - lo) / 2;
-    const U32 off = Read32(f, data + (size_t)mid * rs.sh_entsize);
-    if (off == Address) {
-      at = mid;
-      break;
-    }
-    if (off < Address) {
-      at = mid;
-      lo = mid + 1;
-    } else {
-      hi = mid - 1;
-    }
-  }
+  const int at = FindAtOrBelow(n, Address, [&](int i) { return Read32(f, data + (size_t)i * rs.sh_entsize); });
   if (at < 0) return -1;
   if (pEntry) {
     const U8* p = data + (size_t)at * rs.sh_entsize;

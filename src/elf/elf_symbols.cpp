@@ -112,22 +112,11 @@ const char* CopyName(const char* s) {
   return s_acName;
 }
 
-// Binary search of the value-sorted list: exact hit or the last element that
+// Position in the value-sorted list: exact hit or the last element that
 // compared lower; -1 if neither.
 int NearestIndex(const ELF_FILE* f, U32 Address) {
-  int lo = 0, hi = (int)f->symbolsByValue.size() - 1, lower = -1;
-  while (lo <= hi) {
-    const int mid = lo + (hi - lo) / 2;
-    const U32 v = f->symbols[f->symbolsByValue[mid]].st_value;
-    if (v == Address) return mid;
-    if (v < Address) {
-      lower = mid;
-      lo = mid + 1;
-    } else {
-      hi = mid - 1;
-    }
-  }
-  return lower;
+  return FindAtOrBelow((int)f->symbolsByValue.size(), Address,
+                       [f](int i) { return f->symbols[f->symbolsByValue[i]].st_value; });
 }
 
 bool TypeMatches(int Want, int Have) {
@@ -332,21 +321,8 @@ int ELF_GetFunctionSymbols(const ELF_FILE* pFile, U32 Address, bool Strict, ELF_
   if (!ELF_IsValidFile(pFile)) return 0;
   const ELF_FILE* f = pFile;
   const U32 a = Address | 1;
-  int lo = 0, hi = (int)f->functionSymbols.size() - 1, at = -1;
-  while (lo <= hi) {
-    const int mid = lo + (hi - lo) / 2;
-    const U32 v = f->symbols[f->functionSymbols[mid]].st_value;
-    if (v == a) {
-      at = mid;
-      break;
-    }
-    if (v < a) {
-      at = mid;
-      lo = mid + 1;
-    } else {
-      hi = mid - 1;
-    }
-  }
+  const int at = FindAtOrBelow((int)f->functionSymbols.size(), a,
+                               [f](int i) { return f->symbols[f->functionSymbols[i]].st_value; });
   if (at < 0) return 0;
   auto contains = [f, a](int i) {
     const ELF_SYMBOL& s = f->symbols[f->functionSymbols[i]];

@@ -28,6 +28,12 @@ void ElfApiDiagHook(const ELF_DIAG* pDiag) {
     ReportDiagnostic(row, pDiag->asArg[0], pDiag->asArg[1], pDiag->asArg[2], pDiag->asArg[3]);
 }
 
+namespace {
+CElfApi::STAGES_HOOK s_pfStagesHook = nullptr;
+}
+
+void CElfApi::SetDebugStagesHook(STAGES_HOOK pfHook) { s_pfStagesHook = pfHook; }
+
 CElfApi& CElfApi::Instance() {
   static CElfApi s_Api;
   return s_Api;
@@ -55,11 +61,15 @@ int CElfApi::Load(const QString& sFilePath) {
   // Stage 3: program data segments.
   BuildProgramData();
   LogStage("Program data segments initialized in: ", timer);
+  // Stages 4-18 in the debug reader.
+  int functionCount = ELF_GetNumFunctionSymbols(m_pFile), globalCount = 0;
+  if (s_pfStagesHook) s_pfStagesHook(m_pFile, &timer, &functionCount, &globalCount);
 
   m_Loading = false;
   m_Loaded = true;
   LogStage("ELF-API wrapper initialized in ", timer);
-  LogInfo(QStringLiteral("Function count: %1").arg(ELF_GetNumFunctionSymbols(m_pFile)));
+  LogInfo(QStringLiteral("Function count: %1").arg(functionCount));
+  LogInfo(QStringLiteral("Global variable count: %1").arg(globalCount));
   return 0;
 }
 
@@ -69,6 +79,7 @@ void CElfApi::Close() {
   m_Loading = true;
   QElapsedTimer timer;
   timer.start();
+  if (s_pfStagesHook) s_pfStagesHook(nullptr, nullptr, nullptr, nullptr);
   ELF_Close(m_pFile);
   const qint64 tClose = timer.nsecsElapsed() / 1000;
   m_pFile = nullptr;

@@ -19,9 +19,19 @@ struct CProgramDataSegment {
   QByteArray Data;
 };
 
+class QElapsedTimer;
+
 class CElfApi {
 public:
   static CElfApi& Instance();
+
+  // Load stages 4-18 (address mapping, function list, interval trees, call
+  // frame table) belong to the debug reader above this layer, which installs
+  // itself here. Called under the mutex at the end of a load with the timer
+  // of the load (it fills the sizes of the function and global variable
+  // lists), and with a null file when the program closes.
+  typedef void (*STAGES_HOOK)(ELF_FILE* pFile, const QElapsedTimer* pTimer, int* pFunctionCount, int* pGlobalCount);
+  static void SetDebugStagesHook(STAGES_HOOK pfHook);
 
   // Closes the previous program, opens sFilePath and runs the load stages.
   // 0 on success, -1 on failure (reported through the diagnostic catalogue).

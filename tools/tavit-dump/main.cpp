@@ -6,6 +6,8 @@
 // All numbers are hexadecimal with 0x unless a column says otherwise. Names
 // stand last on their lines so that empty names keep the columns intact.
 #include "elf/elf.h"
+#include "elf/dwarf/debug_dump.h"
+#include "elf/dwarf/debuginfo.h"
 #include "expr/exprdump.h"
 #include "log/diag.h"
 
@@ -30,6 +32,15 @@ void Usage(FILE* fp) {
         "  --relocate RANGE:OFFSET\n"
         "                       relocate symbols before the other options; RANGE is \"*\",\n"
         "                       \"START-END\", a section name or a symbol name\n"
+        "  --lines              address map after the load clean-up: address, path:line:column\n"
+        "  --files              source files of the line tables\n"
+        "  --functions-debug    debug functions: start, size, name, decl file:line\n"
+        "  --inlines            inlined instances: range, name, call file:line\n"
+        "  --globals            global variables: name, address, size, type\n"
+        "  --types              types with their members and bit fields\n"
+        "  --locals PC          locals and parameters visible at PC with their locations\n"
+        "  --cfa                call frame rules at each row of each frame description\n"
+        "  --macros             macro definitions\n"
         "  --expr-tokens EXPR   tokens, postfix list and status of an expression\n"
         "                       (FILE may be left out)\n"
         "  --verbose            also print the ELF layer's log lines to stderr\n",
@@ -152,6 +163,8 @@ int main(int argc, char** argv) {
   const char* sPath = nullptr;
   std::vector<const char*> relocations;
   std::vector<const char*> expressions;
+  std::vector<std::string> debugDumps;
+  std::vector<U32> localPcs;
   for (int i = 1; i < argc; ++i) {
     const char* a = argv[i];
     if (!strcmp(a, "--header")) header = true;
@@ -161,6 +174,14 @@ int main(int argc, char** argv) {
     else if (!strcmp(a, "--functions")) functions = true;
     else if (!strcmp(a, "--program-data")) data = true;
     else if (!strcmp(a, "--verbose")) g_Verbose = true;
+    else if (!strcmp(a, "--lines") || !strcmp(a, "--files") || !strcmp(a, "--functions-debug") ||
+             !strcmp(a, "--inlines") || !strcmp(a, "--globals") || !strcmp(a, "--types") || !strcmp(a, "--cfa") ||
+             !strcmp(a, "--macros"))
+      debugDumps.push_back(a + 2);
+    else if (!strcmp(a, "--locals") && i + 1 < argc) {
+      debugDumps.push_back("locals");
+      localPcs.push_back((U32)strtoul(argv[++i], nullptr, 0));
+    }
     else if (!strcmp(a, "--help") || !strcmp(a, "-h")) {
       Usage(stdout);
       return 0;
@@ -178,7 +199,7 @@ int main(int argc, char** argv) {
       return 1;
     }
   }
-  const bool wantFile = header || sections || segments || symbols || functions || data;
+  const bool wantFile = header || sections || segments || symbols || functions || data || !debugDumps.empty();
   if (!sPath && (wantFile || expressions.empty())) {
     Usage(stderr);
     return 1;
@@ -190,6 +211,7 @@ int main(int argc, char** argv) {
       return 1;
     }
   ELF_FILE* f = nullptr;
+  DWARF_Install();
   if (sPath) {
     f = ELF_Open(sPath, true);
     if (!f) return 1;
@@ -209,6 +231,20 @@ int main(int argc, char** argv) {
   if (symbols) PrintSymbols(f);
   if (functions) PrintFunctions(f);
   if (data) PrintProgramData(f);
+  size_t nextPc = 0;
+  for (const std::string& d : debugDumps) {
+    std::string text;
+    if (d == "lines") text = DWARF_DumpAddressMap(f);
+    else if (d == "files") text = DWARF_DumpFiles(f);
+    else if (d == "functions-debug") text = DWARF_DumpFunctions(f);
+    else if (d == "inlines") text = DWARF_DumpInlines(f);
+    else if (d == "globals") text = DWARF_DumpGlobals(f);
+    else if (d == "types") text = DWARF_DumpTypes(f);
+    else if (d == "cfa") text = DWARF_DumpCfa(f);
+    else if (d == "macros") text = DWARF_DumpMacros(f);
+    else if (d == "locals") text = DWARF_DumpLocals(f, localPcs[nextPc++]);
+    fputs(text.c_str(), stdout);
+  }
   for (const char* e : expressions)
     for (const QString& line : EXPR_RenderTokenLines(QString::fromUtf8(e))) printf("%s\n", line.toUtf8().constData());
   if (f) ELF_Close(f);

@@ -1,0 +1,569 @@
+#include "elf/dwarf/location.h"
+#include "elf/dwarf/dwarf_internal.h"
+#include "elf/elf_file.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+namespace {
+U32 g_SpRegister = 13;
+char g_acLocText[64];
+
+const char* RegText(U32 reg, char* buf, size_t n) {
+  if (reg == ELF_REG_UNDEFINED) return "<undefined>";
+  if (reg == ELF_REG_SAME) return "same as caller";
+  snprintf(buf, n, "R%u", reg);
+  return buf;
+}
+
+bool IsMemoryKind(U32 k) {
+  return k == 2 || k == 3 || k == 6 || k == 10 || k == 11 || k == 12 || k == 15 || k == 16;
+}
+bool IsRegisterKind(U32 k) { return k == 4 || k == 5; }
+} // namespace
+
+void ELF_SetSpRegister(U32 Reg) { g_SpRegister = Reg; }
+U32 ELF_GetSpRegister() { return g_SpRegister; }
+
+const char* ELF_LocationToText(const ELF_SYM_LOC& Loc) {
+  char* out = g_acLocText;
+  const size_t n = sizeof g_acLocText;
+  if (Loc.count == 0) {
+    snprintf(out, n, "N/A");
+    return out;
+  }
+  const ELF_LOC_PART& p = Loc.parts[0];
+  const char* sign = p.offset >= 1 ? "+" : "-";
+  const int mag = p.offset < 0 ? -(int)p.offset : (int)p.offset;
+  const bool off = p.offset != 0;
+  char reg[32];
+  switch (p.kind) {
+  case 1: snprintf(out, n, "const"); break;
+  case 2: snprintf(out, n, "[%X]", p.address); break;
+  case 3:
+    if (off) snprintf(out, n, "[%X] %s %d", p.address, sign, mag);
+    else snprintf(out, n, "[%X]", p.address);
+    break;
+  case 4: snprintf(out, n, "%s", RegText(p.reg, reg, sizeof reg)); break;
+  case 5:
+    if (off) snprintf(out, n, "%s %s %d", RegText(p.reg, reg, sizeof reg), sign, mag);
+    else snprintf(out, n, "%s", RegText(p.reg, reg, sizeof reg));
+    break;
+  case 6:
+    if (off) snprintf(out, n, "[R%u] %s %d", p.reg, sign, mag);
+    else snprintf(out, n, "[%s]", RegText(p.reg, reg, sizeof reg));
+    break;
+  case 7: off ? snprintf(out, n, "SP %s %d", sign, mag) : snprintf(out, n, "SP"); break;
+  case 8: off ? snprintf(out, n, "BP %s %d", sign, mag) : snprintf(out, n, "BP"); break;
+  case 9: off ? snprintf(out, n, "CFA %s %d", sign, mag) : snprintf(out, n, "CFA"); break;
+  case 10: off ? snprintf(out, n, "[SP %s %d]", sign, mag) : snprintf(out, n, "[SP]"); break;
+  case 11: off ? snprintf(out, n, "[BP %s %d]", sign, mag) : snprintf(out, n, "[BP]"); break;
+  case 12: off ? snprintf(out, n, "[CFA %s %d]", sign, mag) : snprintf(out, n, "[CFA]"); break;
+  case 13: off ? snprintf(out, n, "Parent value %s %d", sign, mag) : snprintf(out, n, "Parent value"); break;
+  case 14: off ? snprintf(out, n, "Parent loc %s %d", sign, mag) : snprintf(out, n, "Parent loc"); break;
+  case 15: snprintf(out, n, "%s (on entry)", "?"); break;
+  default: snprintf(out, n, "N/A"); break;
+  }
+  return out;
+}
+
+bool ELF_IsMixedLocation(const ELF_SYM_LOC& Loc) {
+  bool reg = false, mem = false;
+  for (U32 i = 0; i < Loc.count && i < 2; ++i) {
+    reg |= IsRegisterKind(Loc.parts[i].kind);
+    mem |= IsMemoryKind(Loc.parts[i].kind);
+  }
+  return reg && mem;
+}
+
+bool ELF_IsMemoryLocation(const ELF_SYM_LOC& Loc) {
+  if (Loc.count == 0) return false;
+  if (Loc.count == 1) return IsMemoryKind(Loc.parts[0].kind);
+  return IsMemoryKind(Loc.parts[0].kind) && !ELF_IsMixedLocation(Loc);
+}
+
+ELF_SYM_LOC ELF_RuleToLocation(U32 ValueType, bool OffsetRelevant, U32 Column, U32 Register, I32 Offset) {
+  ELF_SYM_LOC l;
+  memset(&l, 0, sizeof l);
+  ELF_LOC_PART& p = l.parts[0];
+  if (Register == ELF_REG_SAME) {
+    l.count = 1;
+    p.kind = ELF_LOC_REG;
+    p.reg = Column;
+    return l;
+  }
+  if (ValueType == 1) {
+    l.count = 1;
+    p.kind = ELF_LOC_CFA_VALUE;
+    p.offset = Offset;
+    return l;
+  }
+  if (ValueType != 0) {
+    ELF_ReportLogged(ValueType == 2 ? 115 : ValueType == 3 ? 116 : 117);
+    return l;
+  }
+  l.count = 1;
+  if (!OffsetRelevant) {
+    p.kind = ELF_LOC_REG;
+    p.reg = Register;
+    return l;
+  }
+  p.offset = Offset;
+  if (Column != 0 && Column != g_SpRegister) {
+    p.kind = ELF_LOC_AT_CFA; // saved at CFA + offset
+  } else {
+    p.kind = ELF_LOC_REG_VALUE; // the CFA rule itself
+    p.reg = Register;
+  }
+  return l;
+}
+
+namespace {
+struct CfiState {
+  bool loaded = false;
+  int status = 0;
+  int raColumn = -1;
+  U32 cachePc = 0;
+  ELF_SYM_LOC cacheLoc{};
+};
+// Per file, beside the reader's context (one entry per slot).
+CfiState g_aCfi[ELF_MAX_FILES];
+const ELF_FILE* g_aCfiOwner[ELF_MAX_FILES];
+
+CfiState* Cfi(const ELF_FILE* f) {
+  DW_CTX* c = DwCtx(f);
+  if (!c) return nullptr;
+  for (int i = 0; i < ELF_MAX_FILES; ++i)
+    if (elf_internal::g_aSlots[i] == f) {
+      if (g_aCfiOwner[i] != f || !g_aCfi[i].loaded) {
+        g_aCfi[i] = CfiState();
+        g_aCfiOwner[i] = f;
+        g_aCfi[i].loaded = true;
+        g_aCfi[i].status = dwb::CfiLoad(c->s, &g_aCfi[i].raColumn);
+      }
+      return &g_aCfi[i];
+    }
+  return nullptr;
+}
+} // namespace
+
+// Called by the debug parse (load step 7) and by ELF_FreeDebugInfo.
+int DWARF_LoadCallFrames(ELF_FILE* f) {
+  for (int i = 0; i < ELF_MAX_FILES; ++i)
+    if (g_aCfiOwner[i] == f) {
+      g_aCfiOwner[i] = nullptr;
+      g_aCfi[i] = CfiState();
+    }
+  CfiState* s = Cfi(f);
+  return s ? (s->status < 0 ? -1 : 0) : 0;
+}
+void DWARF_ForgetCallFrames(const ELF_FILE* f) {
+  for (int i = 0; i < ELF_MAX_FILES; ++i)
+    if (g_aCfiOwner[i] == f) {
+      g_aCfiOwner[i] = nullptr;
+      g_aCfi[i] = CfiState();
+    }
+}
+
+int ELF_GetReturnAddressColumn(const ELF_FILE* f) {
+  CfiState* s = Cfi(f);
+  return s ? s->raColumn : -1;
+}
+
+int ELF_GetNumFrameDescriptions(const ELF_FILE* f) {
+  CfiState* s = Cfi(f);
+  return s && s->status > 0 ? dwb::CfiFdeCount(DwCtx(f)->s) : 0;
+}
+
+bool ELF_GetFrameDescriptionRange(const ELF_FILE* f, int i, U32* pStart, U32* pEnd) {
+  if (i < 0 || i >= ELF_GetNumFrameDescriptions(f)) return false;
+  U64 lo, hi;
+  if (!dwb::CfiFdeRange(DwCtx(f)->s, i, &lo, &hi)) return false;
+  *pStart = (U32)lo;
+  *pEnd = (U32)hi;
+  return true;
+}
+
+std::vector<U32> ELF_GetFrameRowAddresses(const ELF_FILE* f, int i) {
+  std::vector<U32> out;
+  if (i < 0 || i >= ELF_GetNumFrameDescriptions(f)) return out;
+  std::vector<U64> pcs;
+  dwb::CfiRowPcs(DwCtx(f)->s, i, pcs);
+  for (U64 p : pcs) out.push_back((U32)p);
+  return out;
+}
+
+int ELF_GetRegisterRules(ELF_FILE* f, U32 Pc, int Count, ELF_SYM_LOCS& Rows) {
+  Rows.clear();
+  CfiState* s = Cfi(f);
+  if (!s || s->status <= 0 || Count <= 0) return 0;
+  if (Count > 16400) Count = 16400;
+  std::vector<dwb::CfiRule> regs;
+  dwb::CfiRule cfa{};
+  U64 rowPc = 0;
+  if (dwb::CfiRulesAt(DwCtx(f)->s, Pc, Count, regs, cfa, &rowPc) <= 0) return 0;
+  const U32 sp = g_SpRegister;
+  for (int col = 0; col < Count; ++col) {
+    if ((U32)col == sp) {
+      Rows.push_back(ELF_RuleToLocation(cfa.valueType, cfa.offsetRelevant, sp, cfa.reg,
+                                        (I32)(cfa.offset * f->cfaScale)));
+    } else if ((size_t)col < regs.size()) {
+      const dwb::CfiRule& r = regs[col];
+      Rows.push_back(ELF_RuleToLocation(r.valueType, r.offsetRelevant, (U32)col, r.reg, (I32)r.offset));
+    } else {
+      // Columns beyond the library's table keep their value.
+      Rows.push_back(ELF_RuleToLocation(0, false, (U32)col, ELF_REG_SAME, 0));
+    }
+  }
+  return (int)Rows.size();
+}
+
+ELF_SYM_LOC ELF_GetCfaRule(ELF_FILE* f, U32 Pc) {
+  ELF_SYM_LOC none;
+  memset(&none, 0, sizeof none);
+  CfiState* s = Cfi(f);
+  if (!s || s->status <= 0) return none;
+  if (s->cachePc && s->cachePc == Pc) return s->cacheLoc;
+  std::vector<dwb::CfiRule> regs;
+  dwb::CfiRule cfa{};
+  U64 rowPc = 0;
+  if (dwb::CfiRulesAt(DwCtx(f)->s, Pc, 1, regs, cfa, &rowPc) <= 0) return none;
+  s->cacheLoc = ELF_RuleToLocation(cfa.valueType, cfa.offsetRelevant, g_SpRegister, cfa.reg, (I32)cfa.offset);
+  s->cachePc = Pc;
+  return s->cacheLoc;
+}
+
+// ---- location decoder -------------------------------------------------------------
+
+namespace dwarf_internal {
+dwb::Die GetDieOf(DW_CTX* c, U32 key);
+U32 TagOfKey(DW_CTX* c, U32 key);
+ELF_DIE_INFO* InfoOf(DW_CTX* c, U32 key);
+bool Attr(DW_CTX* c, U32 key, U32 code, dwb::AttrValue* v);
+U32 InheritedOwner(DW_CTX* c, U32 key, U32 code);
+bool HasOwnAttr(DW_CTX* c, U32 key, U32 code);
+} // namespace dwarf_internal
+
+namespace {
+using namespace dwarf_internal;
+
+enum : U32 { AT_LOCATION = 2, AT_DATA_MEMBER_LOCATION = 56, AT_FRAME_BASE = 64, AT_DATA_BIT_OFFSET = 107 };
+
+ELF_READ_WORD_FN g_pfRead = nullptr;
+void* g_pReadContext = nullptr;
+
+struct Ctx {
+  ELF_FILE* f = nullptr;
+  DW_CTX* c = nullptr;
+  U32 key = 0;
+};
+
+Ctx DecodeHandle(ELF_SYM_HANDLE h) {
+  Ctx x;
+  if ((h & 0xFFFFFF0000000000ull) != ELF_HANDLE_TAG || ((h >> 32) & 7) != 1) return x;
+  const U32 slot = (U32)(h >> 35) & 7;
+  if (slot >= ELF_MAX_FILES) return x;
+  ELF_FILE* f = elf_internal::g_aSlots[slot];
+  DW_CTX* c = DwCtx(f);
+  if (!c || !(U32)h || !GetDieOf(c, (U32)h)) return x;
+  x.f = f;
+  x.c = c;
+  x.key = (U32)h;
+  return x;
+}
+
+ELF_SYM_LOC Empty() {
+  ELF_SYM_LOC l;
+  memset(&l, 0, sizeof l);
+  return l;
+}
+
+ELF_SYM_LOC ParseOps(const Ctx& x, U32 pc, U32 attr, const std::vector<dwb::LocOp>& ops, int depth);
+
+bool ReadUleb(const U8*& p, const U8* end, U64* v) {
+  U64 r = 0;
+  for (int shift = 0; p < end; shift += 7) {
+    const U8 b = *p++;
+    if (shift < 64) r |= (U64)(b & 0x7F) << shift;
+    if (!(b & 0x80)) {
+      *v = r;
+      return true;
+    }
+  }
+  return false;
+}
+
+bool ReadSleb(const U8*& p, const U8* end, I64* v) {
+  I64 r = 0;
+  int shift = 0;
+  for (; p < end; shift += 7) {
+    const U8 b = *p++;
+    if (shift < 64) r |= (I64)(b & 0x7F) << shift;
+    if (!(b & 0x80)) {
+      if (shift + 7 < 64 && (b & 0x40)) r |= -((I64)1 << (shift + 7));
+      *v = r;
+      return true;
+    }
+  }
+  return false;
+}
+
+// The operations a sub-expression of DW_OP_entry_value holds in practice:
+// a register, or a register or frame base with an offset.
+bool DecodeSub(const std::vector<U8>& block, std::vector<dwb::LocOp>& out) {
+  const U8* p = block.data();
+  const U8* end = p + block.size();
+  while (p < end) {
+    dwb::LocOp op{};
+    op.atom = *p++;
+    U64 u = 0;
+    I64 sv = 0;
+    if (op.atom >= 0x50 && op.atom <= 0x6F) {
+    } else if ((op.atom >= 0x70 && op.atom <= 0x8F) || op.atom == 0x91) {
+      if (!ReadSleb(p, end, &sv)) return false;
+      op.op1 = (U64)sv;
+    } else if (op.atom == 0x90) {
+      if (!ReadUleb(p, end, &u)) return false;
+      op.op1 = u;
+    } else if (op.atom == 0x92) {
+      if (!ReadUleb(p, end, &u) || !ReadSleb(p, end, &sv)) return false;
+      op.op1 = u;
+      op.op2 = (U64)sv;
+    } else {
+      return false;
+    }
+    out.push_back(std::move(op));
+  }
+  return !out.empty();
+}
+
+// A sub-expression of DW_OP_entry_value, as a one-entry list.
+ELF_SYM_LOC ParseBlock(const Ctx& x, U32 pc, U32 attr, const std::vector<U8>& block, int depth) {
+  std::vector<dwb::LocOp> sub;
+  if (depth > 4 || !DecodeSub(block, sub)) return Empty();
+  return ParseOps(x, pc, attr, sub, depth + 1);
+}
+
+ELF_SYM_LOC ParseOps(const Ctx& x, U32 pc, U32 attr, const std::vector<dwb::LocOp>& ops, int depth) {
+  ELF_SYM_LOC l = Empty();
+  for (const dwb::LocOp& op : ops) {
+    const U8 a = op.atom;
+    ELF_LOC_PART p;
+    memset(&p, 0, sizeof p);
+    bool made = true;
+    if (a == 0x03) {
+      p.kind = ELF_LOC_ADDR;
+      p.address = (U32)op.op1;
+    } else if (a >= 0x08 && a <= 0x0F) {
+      p.kind = ELF_LOC_CONST;
+      p.value = op.op1;
+    } else if (a >= 0x50 && a <= 0x6F) {
+      p.kind = ELF_LOC_REG;
+      p.reg = a - 0x50;
+    } else if ((a >= 0x70 && a <= 0x8F) || a == 0x92) {
+      const U32 reg = a == 0x92 ? (U32)op.op1 : (U32)(a - 0x70);
+      const I32 off = (I32)(a == 0x92 ? op.op2 : op.op1);
+      if (attr == AT_FRAME_BASE) {
+        p.kind = ELF_LOC_REG_VALUE;
+        p.reg = reg;
+        p.offset = off;
+      } else {
+        p.kind = ELF_LOC_AT_REG;
+        p.baseKind = ELF_LOC_REG_VALUE;
+        p.baseRegister = reg;
+        p.baseOffset = off;
+      }
+    } else if (a == 0x91) {
+      p.kind = ELF_LOC_AT_BP;
+      p.offset = (I32)op.op1;
+    } else if (a == 0x23) {
+      p.kind = ELF_LOC_PARENT_LOC;
+      p.offset = (I32)op.op1;
+    } else if (a == 0x9C) {
+      const ELF_SYM_LOC cfa = ELF_GetCfaRule(x.f, pc);
+      if (cfa.count) p = cfa.parts[0];
+      else made = false;
+    } else if (a == 0x9E) {
+      p.kind = ELF_LOC_CONST;
+      size_t n = op.block.size();
+      if (n > 8) {
+        ELF_ReportLogged(103);
+        n = 8;
+      }
+      U64 v = 0;
+      memcpy(&v, op.block.data(), n);
+      p.value = v;
+    } else if (a == 0xA3 || a == 0xF3) {
+      const ELF_SYM_LOC inner = ParseBlock(x, pc, attr, op.block, depth);
+      if (!inner.count) {
+        ELF_ReportLogged(104);
+        made = false;
+      } else {
+        p.kind = ELF_LOC_ENTRY_VALUE;
+        p.baseKind = inner.parts[0].kind;
+        p.baseAddress = inner.parts[0].address;
+        p.baseRegister = inner.parts[0].reg;
+        p.baseOffset = inner.parts[0].offset;
+      }
+    } else {
+      made = false;
+    }
+    if (made) {
+      if (l.count >= 2) {
+        ELF_ReportLogged(105);
+        break;
+      }
+      l.parts[l.count++] = p;
+      continue;
+    }
+    if (a == 0x93) {
+      if (l.count) l.parts[l.count - 1].size = (U32)op.op1;
+    } else if (a == 0x9D) {
+      ELF_ReportLogged(106);
+    } else if (a != 0x9F) {
+      ELF_ReportLogged(107);
+    }
+  }
+  if (!l.count) return l;
+  if (l.count == 2 && l.parts[1].kind == ELF_LOC_PARENT_LOC) {
+    ELF_LOC_PART& p = l.parts[0];
+    const I32 off = l.parts[1].offset;
+    if (p.kind == ELF_LOC_ADDR) p.address += (U32)off;
+    else if (p.kind == ELF_LOC_REG) {
+      p.kind = ELF_LOC_REG_VALUE;
+      p.offset = off;
+    } else p.offset += off;
+    memset(&l.parts[1], 0, sizeof l.parts[1]);
+    l.count = 1;
+  }
+  if (!ops.empty() && ops.back().atom == 0x9F && l.count == 1) {
+    ELF_LOC_PART& p = l.parts[0];
+    p.baseKind = p.kind;
+    p.baseAddress = (U32)p.offset;
+    p.baseRegister = p.reg;
+    p.kind = ELF_LOC_INNER_VALUE;
+  }
+  return l;
+}
+
+ELF_SYM_LOC AttrLocation(const Ctx& x, U32 filePc, U32 attr) {
+  const U32 owner = InheritedOwner(x.c, x.key, attr);
+  std::vector<dwb::LocEntry> entries;
+  int r = 0;
+  dwb::AttrValue v;
+  bool numeric = false;
+  if (owner) {
+    numeric = Attr(x.c, owner, attr, &v) &&
+              (v.cls == dwb::AC_UNSIGNED || v.cls == dwb::AC_SIGNED) && attr == AT_DATA_MEMBER_LOCATION;
+    if (!numeric) r = dwb::GetLocations(x.c->s, GetDieOf(x.c, owner), attr, entries);
+  }
+  if (r > 0) {
+    for (const dwb::LocEntry& e : entries) {
+      if (e.ops.empty()) continue;
+      bool take;
+      if (filePc == 0 || filePc == 0xFFFFFFFFu) take = true;
+      else if (e.lo == e.hi) take = filePc == e.hi;
+      else take = e.lo <= filePc && filePc < (e.hi > 0xFFFFFFFFull ? 0xFFFFFFFFull : e.hi);
+      if (!take) continue;
+      ELF_SYM_LOC l = ParseOps(x, filePc, attr, e.ops, 0);
+      if (l.count || attr != AT_DATA_MEMBER_LOCATION) return l;
+      break;
+    }
+    if (attr != AT_DATA_MEMBER_LOCATION) return Empty();
+  }
+  if (attr != AT_DATA_MEMBER_LOCATION) return Empty();
+  ELF_SYM_LOC l = Empty();
+  ELF_DIE_INFO* i = InfoOf(x.c, x.key);
+  const bool inUnion = i && i->parent && TagOfKey(x.c, i->parent) == ELF_TAG_UNION;
+  if (inUnion || numeric || HasOwnAttr(x.c, x.key, AT_DATA_BIT_OFFSET)) {
+    l.count = 1;
+    l.parts[0].kind = ELF_LOC_PARENT_LOC;
+    l.parts[0].offset = (!inUnion && numeric) ? (I32)v.u : 0;
+  }
+  return l;
+}
+
+void RelocateParts(ELF_SYM_LOC& l) {
+  for (U32 i = 0; i < l.count && i < 2; ++i) {
+    if (l.parts[i].address) l.parts[i].address = ELF_RelocateAddress(l.parts[i].address, 1, 0);
+    if (l.parts[i].baseAddress && l.parts[i].baseKind == ELF_LOC_ADDR)
+      l.parts[i].baseAddress = ELF_RelocateAddress(l.parts[i].baseAddress, 1, 0);
+  }
+}
+} // namespace
+
+void ELF_SetTargetReader(ELF_READ_WORD_FN pfRead, void* pContext) {
+  g_pfRead = pfRead;
+  g_pReadContext = pContext;
+}
+int ELF_ReadTargetWord(U32 Address, U32* pWord) {
+  if (!g_pfRead) return -1;
+  return g_pfRead(Address, pWord, g_pReadContext);
+}
+
+ELF_SYM_LOC ELF_GetAttrLocation(ELF_SYM_HANDLE h, U32 Pc, U32 Attribute) {
+  Ctx x = DecodeHandle(h);
+  if (!x.c) return Empty();
+  const U32 filePc = (Pc == 0 || Pc == 0xFFFFFFFFu) ? Pc : ELF_UnrelocateAddress(Pc, 1, 0);
+  ELF_SYM_LOC l = AttrLocation(x, filePc, Attribute);
+  RelocateParts(l);
+  return l;
+}
+
+ELF_SYM_LOC ELF_GetSymbolLocation(ELF_SYM_HANDLE h, U32 Pc) {
+  const int row = ELF_GetSymbolRowOfHandle(h);
+  if (row >= 0) {
+    ELF_SYM_LOC l = Empty();
+    if (ELF_IsFunctionType(ELF_GetSymbolType(h))) return l;
+    l.count = 1;
+    l.parts[0].kind = ELF_LOC_ADDR;
+    l.parts[0].address = ELF_GetSymbolValue(h);
+    return l;
+  }
+  Ctx x = DecodeHandle(h);
+  if (!x.c) return Empty();
+  const U32 tag = TagOfKey(x.c, x.key);
+  U32 attr = AT_LOCATION;
+  if (tag == ELF_TAG_MEMBER || tag == ELF_TAG_INHERITANCE) attr = AT_DATA_MEMBER_LOCATION;
+  else if (tag == ELF_TAG_INLINED || tag == ELF_TAG_SUBPROGRAM) attr = AT_FRAME_BASE;
+  ELF_SYM_LOC l = ELF_GetAttrLocation(h, Pc, attr);
+  if (!l.count && tag == ELF_TAG_MEMBER) l = ELF_GetAttrLocation(h, Pc, AT_LOCATION);
+  return l;
+}
+
+bool ELF_IsRegisterLocation(const ELF_SYM_LOC& Loc) {
+  if (!Loc.count) return false;
+  const U32 k = Loc.parts[0].kind;
+  if (Loc.count == 1) return k == 4 || k == 5;
+  return (k == 4 || k == 5) && !ELF_IsMixedLocation(Loc);
+}
+bool ELF_IsConstLocation(const ELF_SYM_LOC& Loc) {
+  return Loc.count && Loc.parts[0].kind == ELF_LOC_CONST && !ELF_IsMixedLocation(Loc);
+}
+bool ELF_IsResolvedLocation(const ELF_SYM_LOC& Loc) {
+  if (!Loc.count) return false;
+  for (U32 i = 0; i < Loc.count && i < 2; ++i) {
+    const ELF_LOC_PART& p = Loc.parts[i];
+    if (p.kind == 1 || p.kind == 2 || p.kind == 3) continue;
+    if ((p.kind == 4 || p.kind == 5) && p.reg != ELF_REG_UNDEFINED && p.reg != ELF_REG_SAME) continue;
+    return false;
+  }
+  return true;
+}
+bool ELF_IsStaticLocation(ELF_SYM_HANDLE h) {
+  const ELF_SYM_LOC l = ELF_GetAttrLocation(h, 0, AT_LOCATION);
+  return l.count && ELF_IsMemoryLocation(l) && ELF_IsResolvedLocation(l);
+}
+
+std::vector<std::pair<U32, U32>> ELF_GetLocationRanges(ELF_SYM_HANDLE h, U32 Attribute) {
+  std::vector<std::pair<U32, U32>> out;
+  Ctx x = DecodeHandle(h);
+  if (!x.c) return out;
+  const U32 owner = InheritedOwner(x.c, x.key, Attribute);
+  std::vector<dwb::LocEntry> entries;
+  if (!owner || dwb::GetLocations(x.c->s, GetDieOf(x.c, owner), Attribute, entries) <= 0) return out;
+  for (auto& e : entries)
+    if (!e.ops.empty()) out.emplace_back((U32)e.lo, (U32)std::min<U64>(e.hi, 0xFFFFFFFFull));
+  return out;
+}

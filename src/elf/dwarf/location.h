@@ -1,0 +1,98 @@
+// Data locations and call frame rules as one small value, ELF_SYM_LOC: a
+// count and up to two parts. Plain data: copied, compared bytewise, queued.
+#pragma once
+#include "common/types.h"
+#include "elf/elf.h"
+#include <vector>
+
+enum ELF_LOC_KIND : U32 {
+  ELF_LOC_NONE = 0,
+  ELF_LOC_CONST = 1,          // constant value
+  ELF_LOC_ADDR = 2,           // at an address
+  ELF_LOC_ADDR_OFFSET = 3,    // at address + offset
+  ELF_LOC_REG = 4,            // in a register
+  ELF_LOC_REG_VALUE = 5,      // value register + offset
+  ELF_LOC_AT_REG = 6,         // at [register + offset]
+  ELF_LOC_SP_VALUE = 7,       // value SP + offset
+  ELF_LOC_BP_VALUE = 8,       // value BP + offset
+  ELF_LOC_CFA_VALUE = 9,      // value CFA + offset
+  ELF_LOC_AT_SP = 10,         // at [SP + offset]
+  ELF_LOC_AT_BP = 11,         // at [BP + offset]
+  ELF_LOC_AT_CFA = 12,        // at [CFA + offset]
+  ELF_LOC_PARENT_VALUE = 13,  // parent value + offset
+  ELF_LOC_PARENT_LOC = 14,    // parent location + offset
+  ELF_LOC_ENTRY_VALUE = 15,   // value on function entry
+  ELF_LOC_INNER_VALUE = 16,   // value of the inner location
+};
+
+// libdwarf's pseudo registers for "undefined" and "same value".
+constexpr U32 ELF_REG_UNDEFINED = 1034;
+constexpr U32 ELF_REG_SAME = 1035;
+
+struct ELF_LOC_PART {
+  U32 kind;
+  U32 address;
+  U32 reg;
+  I32 offset;
+  U32 size;
+  U32 pad;
+  U64 value;
+  U32 baseKind;
+  U32 baseAddress;
+  U32 baseRegister;
+  I32 baseOffset;
+};
+
+struct ELF_SYM_LOC {
+  U32 count;
+  U32 pad;
+  ELF_LOC_PART parts[2];
+};
+static_assert(sizeof(ELF_SYM_LOC) == 8 + 2 * 48);
+
+typedef std::vector<ELF_SYM_LOC> ELF_SYM_LOCS;
+
+// Text of the first part (64-byte shared buffer).
+const char* ELF_LocationToText(const ELF_SYM_LOC& Loc);
+bool ELF_IsMixedLocation(const ELF_SYM_LOC& Loc);
+bool ELF_IsMemoryLocation(const ELF_SYM_LOC& Loc);
+
+// The stack pointer's DWARF register number (from the core plug-in; 13 on ARM).
+void ELF_SetSpRegister(U32 Reg);
+U32 ELF_GetSpRegister();
+
+// One call frame rule as a location (see the rules in location.cpp).
+ELF_SYM_LOC ELF_RuleToLocation(U32 ValueType, bool OffsetRelevant, U32 Column, U32 Register, I32 Offset);
+
+// Rules of columns 0..Count-1 at pc (file address). The SP column holds the
+// CFA rule, its offset times the file's cfaScale. Returns the number of rows
+// written, 0 if no frame description holds pc.
+int ELF_GetRegisterRules(ELF_FILE* pFile, U32 Pc, int Count, ELF_SYM_LOCS& Rows);
+// The CFA rule at pc (one part, column = SP), cached for one pc; empty if none.
+ELF_SYM_LOC ELF_GetCfaRule(ELF_FILE* pFile, U32 Pc);
+// Return address column of the first CIE, -1 if none.
+int ELF_GetReturnAddressColumn(const ELF_FILE* pFile);
+// Frame descriptions: count and the range of one.
+int ELF_GetNumFrameDescriptions(const ELF_FILE* pFile);
+bool ELF_GetFrameDescriptionRange(const ELF_FILE* pFile, int Index, U32* pStart, U32* pEnd);
+// Addresses at which the rows of one frame description begin.
+std::vector<U32> ELF_GetFrameRowAddresses(const ELF_FILE* pFile, int Index);
+
+// Location of a debug entry or ELF symbol at pc (relocated target address;
+// 0 or 0xFFFFFFFF take the first entry of a list).
+ELF_SYM_LOC ELF_GetSymbolLocation(ELF_SYM_HANDLE h, U32 Pc);
+// The same for one attribute (DW_AT_location, DW_AT_frame_base, ...).
+ELF_SYM_LOC ELF_GetAttrLocation(ELF_SYM_HANDLE h, U32 Pc, U32 Attribute);
+bool ELF_IsRegisterLocation(const ELF_SYM_LOC& Loc);
+bool ELF_IsConstLocation(const ELF_SYM_LOC& Loc);
+bool ELF_IsResolvedLocation(const ELF_SYM_LOC& Loc);
+bool ELF_IsStaticLocation(ELF_SYM_HANDLE h);
+// Address ranges over which an entry's location list applies ([0, ~0) for a
+// single expression), file addresses.
+std::vector<std::pair<U32, U32>> ELF_GetLocationRanges(ELF_SYM_HANDLE h, U32 Attribute);
+
+// Target reads for resolving locations against a frame: the device layer
+// installs the callback; 0 on success.
+typedef int (*ELF_READ_WORD_FN)(U32 Address, U32* pWord, void* pContext);
+void ELF_SetTargetReader(ELF_READ_WORD_FN pfRead, void* pContext);
+int ELF_ReadTargetWord(U32 Address, U32* pWord); // -1 without a reader
