@@ -1,0 +1,53 @@
+// Helpers of the symbol and evaluator tests: corpus paths, the oracle tool,
+// loading a program through the wrapper.
+#pragma once
+#include "elf/dwarf/debuginfo.h"
+#include "elf/elfapi.h"
+
+#include <QString>
+#include <QStringList>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string>
+#include <ostream>
+
+inline void PrintTo(const QString& s, std::ostream* os) { *os << '"' << s.toStdString() << '"'; }
+
+inline QString SymCorpusPath(const QString& sName) {
+  const char* src = getenv("TAVIT_SOURCE_DIR");
+  return QString::fromUtf8(src ? src : ".") + "/firmware/corpus/" + sName;
+}
+
+inline bool LoadProgram(const QString& sName) {
+  DWARF_Install();
+  return CElfApi::Instance().Load(SymCorpusPath(sName)) == 0;
+}
+
+inline QString RunOracle(const QString& sCommand) {
+  std::string out;
+  FILE* p = popen((sCommand.toStdString() + " 2>&1").c_str(), "r");
+  if (!p) return QString();
+  char buf[8192];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+  pclose(p);
+  return QString::fromStdString(out);
+}
+
+inline bool HaveGdb() { return system("gdb-multiarch --version > /dev/null 2>&1") == 0; }
+
+// Runs gdb once over a file with the commands; returns the output of each
+// command in order (split at markers echoed between them).
+inline QStringList RunGdbBatch(const QString& sFile, const QStringList& Commands) {
+  QString Cmd = "gdb-multiarch -nx -batch -ex 'set width 0' -ex 'set print elements 1000' -ex 'set print repeats 1000'";
+  for (const QString& c : Commands) {
+    QString q = c;
+    q.replace("'", "'\\''");
+    Cmd += " -ex 'echo @@@\\n' -ex '" + q + "'";
+  }
+  Cmd += " -ex 'echo @@@\\n' " + sFile;
+  const QString Out = RunOracle(Cmd);
+  QStringList Parts = Out.split("@@@\n");
+  Parts.removeFirst();
+  return Parts;
+}
