@@ -41,6 +41,8 @@ function(tavit_test)
   add_executable(${exe} ${T_SOURCES})
   set_target_properties(${exe} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${TAVIT_TEST_BIN_DIR} AUTOMOC ON)
   target_include_directories(${exe} PRIVATE ${CMAKE_SOURCE_DIR}/src ${CMAKE_SOURCE_DIR}/tests)
+  # "if (x) EXPECT_EQ(...)" is idiomatic with GoogleTest's macros.
+  target_compile_options(${exe} PRIVATE -Wno-dangling-else)
   if(T_QTEST)
     target_link_libraries(${exe} PRIVATE ${T_LIBS} Qt6::Test)
   else()

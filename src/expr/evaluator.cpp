@@ -101,7 +101,6 @@ bool IsValidName(const CSymbol& s) {
   return CType::IsValidName(n.trimmed());
 }
 
-bool HasNameOrType(const CSymbol& s) { return !s.IsEmpty(); }
 bool IsPtr(const CSymbol& s) { return s.type.IsPointer() || s.IsPointer(); }
 bool IsArr(const CSymbol& s) { return s.type.IsArray() || s.IsArray(); }
 bool IsPlain(const CSymbol& s) { return s.type.IsPlain(); }
