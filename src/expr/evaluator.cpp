@@ -976,3 +976,10 @@ QStringList EXPR_GetValueBlock(CExpression& e, int Result) {
   }
   return Lines;
 }
+
+QStringList EXPR_GetFramedValueBlock(const QString& sText, CExpression& e, int Result) {
+  const QString sDashes(40, QLatin1Char('-'));
+  QStringList Lines;
+  Lines << sDashes << sText << sDashes << EXPR_GetValueBlock(e, Result) << sDashes;
+  return Lines;
+}

@@ -33,3 +33,6 @@ void EXPR_SetSysVarResolver(const EXPR_NAME_RESOLVER& Resolver);
 // The lines of the console block of Elf.GetExprValue for an evaluated
 // expression (without the dashed frame lines).
 QStringList EXPR_GetValueBlock(CExpression& Expression, int Result);
+// The whole console block: the expression text and its value block framed by
+// dashed lines.
+QStringList EXPR_GetFramedValueBlock(const QString& sText, CExpression& Expression, int Result);

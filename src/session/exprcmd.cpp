@@ -12,8 +12,6 @@
 
 namespace {
 
-const QString kDashes = QString(40, QLatin1Char('-'));
-
 // The value-text preferences of the symbol service, from the preference rows.
 void SyncSymbolPrefs() {
   auto Pref = [](const char* sName, int& Field) {
@@ -47,9 +45,7 @@ void OnGetExprValue(int Id) {
     SetActionResult(Id, -1);
     return;
   }
-  QStringList Lines;
-  Lines << kDashes << sText << kDashes << EXPR_GetValueBlock(e, r) << kDashes;
-  ConsolePrintLines(Lines, 0, false, CommandColorId());
+  ConsolePrintLines(EXPR_GetFramedValueBlock(sText, e, r), 0, false, CommandColorId());
   if (r < 0) {
     SetActionError(Id, "Error evaluating expression.: " + e.GetError());
     SetActionResult(Id, -1);

@@ -5,6 +5,9 @@
 //
 // All numbers are hexadecimal with 0x unless a column says otherwise. Names
 // stand last on their lines so that empty names keep the columns intact.
+#include "elf/elfapi.h"
+#include "elf/symbol/symdump.h"
+#include "expr/evaluator.h"
 #include "elf/elf.h"
 #include "elf/dwarf/debug_dump.h"
 #include "elf/dwarf/debuginfo.h"
@@ -41,6 +44,9 @@ void Usage(FILE* fp) {
         "  --locals PC          locals and parameters visible at PC with their locations\n"
         "  --cfa                call frame rules at each row of each frame description\n"
         "  --macros             macro definitions\n"
+        "  --expr EXPR          value block of an expression over the program image\n"
+        "  --symbol NAME        children tree of a global to a depth of 3: names,\n"
+        "                       types, offsets, sizes and values\n"
         "  --expr-tokens EXPR   tokens, postfix list and status of an expression\n"
         "                       (FILE may be left out)\n"
         "  --verbose            also print the ELF layer's log lines to stderr\n",
@@ -163,6 +169,8 @@ int main(int argc, char** argv) {
   const char* sPath = nullptr;
   std::vector<const char*> relocations;
   std::vector<const char*> expressions;
+  // --expr and --symbol, in the order given: (is symbol, text).
+  std::vector<std::pair<bool, const char*>> values;
   std::vector<std::string> debugDumps;
   std::vector<U32> localPcs;
   for (int i = 1; i < argc; ++i) {
@@ -187,6 +195,8 @@ int main(int argc, char** argv) {
       return 0;
     } else if (!strcmp(a, "--relocate") && i + 1 < argc) relocations.push_back(argv[++i]);
     else if (!strncmp(a, "--relocate=", 11)) relocations.push_back(a + 11);
+    else if (!strcmp(a, "--expr") && i + 1 < argc) values.emplace_back(false, argv[++i]);
+    else if (!strcmp(a, "--symbol") && i + 1 < argc) values.emplace_back(true, argv[++i]);
     else if (!strcmp(a, "--expr-tokens") && i + 1 < argc) expressions.push_back(argv[++i]);
     else if (!strncmp(a, "--expr-tokens=", 14)) expressions.push_back(a + 14);
     else if (a[0] == '-' && a[1]) {
@@ -199,7 +209,7 @@ int main(int argc, char** argv) {
       return 1;
     }
   }
-  const bool wantFile = header || sections || segments || symbols || functions || data || !debugDumps.empty();
+  const bool wantFile = header || sections || segments || symbols || functions || data || !debugDumps.empty() || !values.empty();
   if (!sPath && (wantFile || expressions.empty())) {
     Usage(stderr);
     return 1;
@@ -248,5 +258,30 @@ int main(int argc, char** argv) {
   for (const char* e : expressions)
     for (const QString& line : EXPR_RenderTokenLines(QString::fromUtf8(e))) printf("%s\n", line.toUtf8().constData());
   if (f) ELF_Close(f);
+  if (!values.empty()) {
+    // Values are read through the wrapper, as the debugger reads them
+    // without a target: from the program image.
+    if (CElfApi::Instance().Load(QString::fromUtf8(sPath)) < 0) return 1;
+    for (const auto& [isSymbol, text] : values) {
+      if (isSymbol) {
+        CSymbol s = SYM_MakeGlobal(QString::fromUtf8(text));
+        if (s.IsEmpty()) {
+          fprintf(stderr, "tavit-dump: unknown symbol '%s'\n", text);
+          return 1;
+        }
+        for (const QString& l : SYM_DumpTree(s, 3)) printf("%s\n", l.toUtf8().constData());
+      } else {
+        const QString sText = QString::fromUtf8(text);
+        CExpression e(sText);
+        const int r = e.GetStatus() < 0 ? e.GetStatus() : Evaluate(e);
+        if (GetResult(e)->IsEmpty()) {
+          fprintf(stderr, "tavit-dump: Error parsing expression '%s'\n", text);
+          return 1;
+        }
+        for (const QString& l : EXPR_GetFramedValueBlock(sText, e, r)) printf("%s\n", l.toUtf8().constData());
+      }
+    }
+    CElfApi::Instance().Close();
+  }
   return 0;
 }
