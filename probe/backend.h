@@ -68,4 +68,18 @@ class CBackend {
   virtual int PowerRead(VORDEN_POWERTRACE_DATA_ITEM* paData, U32 NumItems) = 0;
 };
 
+// The WP info record of a data event, the same on every back end: d has the
+// handle, the event as set and the widened address mask.
+template <class DATA_EVENT>
+void FillWPInfo(const DATA_EVENT& d, int Index, VORDENARM_WP_INFO* pInfo) {
+  pInfo->Handle = d.Handle;
+  pInfo->Addr = d.Ev.Addr;
+  pInfo->AddrMask = d.AddrMask;
+  pInfo->Data = d.Ev.Data;
+  pInfo->DataMask = d.Ev.DataMask;
+  pInfo->Access = d.Ev.Access;
+  pInfo->AccessMask = d.Ev.AccessMask;
+  pInfo->UnitMask = 1u << Index;
+}
+
 }  // namespace vorden

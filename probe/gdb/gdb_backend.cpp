@@ -393,15 +393,7 @@ class CGdbBackend : public CBackend {
     std::lock_guard<std::recursive_mutex> lk(m_mx);
     if (Index == -1) return (int)m_des.size();
     if (Index < 0 || (size_t)Index >= m_des.size() || !pInfo) return -1;
-    const DE& d = m_des[(size_t)Index];
-    pInfo->Handle = d.Handle;
-    pInfo->Addr = d.Ev.Addr;
-    pInfo->AddrMask = d.AddrMask;
-    pInfo->Data = d.Ev.Data;
-    pInfo->DataMask = d.Ev.DataMask;
-    pInfo->Access = d.Ev.Access;
-    pInfo->AccessMask = d.Ev.AccessMask;
-    pInfo->UnitMask = 1u << Index;
+    FillWPInfo(m_des[(size_t)Index], Index, pInfo);
     return 0;
   }
 

@@ -1314,15 +1314,7 @@ int CSimTarget::GetWPInfo(int Index, VORDENARM_WP_INFO* pInfo) {
   std::lock_guard<std::mutex> lk(m_bpMx);
   if (Index == -1) return (int)m_des.size();
   if (Index < 0 || (size_t)Index >= m_des.size() || !pInfo) return -1;
-  const DataEvent& d = m_des[Index];
-  pInfo->Handle = d.Handle;
-  pInfo->Addr = d.Ev.Addr;
-  pInfo->AddrMask = d.AddrMask;
-  pInfo->Data = d.Ev.Data;
-  pInfo->DataMask = d.Ev.DataMask;
-  pInfo->Access = d.Ev.Access;
-  pInfo->AccessMask = d.Ev.AccessMask;
-  pInfo->UnitMask = 1u << Index;
+  FillWPInfo(m_des[Index], Index, pInfo);
   return 0;
 }
 
