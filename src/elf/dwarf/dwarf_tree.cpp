@@ -101,10 +101,10 @@ bool RegisterDie(DW_CTX* c, dwb::Die d) {
   ELF_DIE_INFO* i = Info(c, key);
   i->tag = dwb::Tag(d);
   if (dwb::HasAttr(d, AT_SPECIFICATION)) {
-    const U32 spec = GetRefAttr(c, key, AT_SPECIFICATION);
-    if (spec) {
-      i->specification = spec;
-      if (ELF_DIE_INFO* si = Info(c, spec)) si->definition = key;
+    const U32 declKey = GetRefAttr(c, key, AT_SPECIFICATION);
+    if (declKey) {
+      i->specification = declKey;
+      if (ELF_DIE_INFO* si = Info(c, declKey)) si->definition = key;
     }
   }
   return true;
