@@ -21,6 +21,7 @@
 //   - the immediate of a floating-point vmov is not compared (objdump shows the
 //     encoded 8-bit value, the plug-in the number).
 #pragma once
+#include "testsupport/tools.h"
 #include <array>
 #include <cctype>
 #include <cstdio>
@@ -37,28 +38,8 @@ struct ObjdumpInst {
   std::string Mnemonic, Operands, Comment;
 };
 
-inline std::string RunCommand(const std::string& sCmd) {
-  std::string Out;
-  std::unique_ptr<FILE, int (*)(FILE*)> p(popen(sCmd.c_str(), "r"), pclose);
-  if (!p) return Out;
-  std::array<char, 65536> Buf;
-  size_t n;
-  while ((n = fread(Buf.data(), 1, Buf.size(), p.get())) > 0) Out.append(Buf.data(), n);
-  return Out;
-}
+inline std::string RunCommand(const std::string& sCmd) { return RunToolOutput(sCmd); }
 
-// The lines of a tool's output, without their line ends.
-inline std::vector<std::string> SplitLines(const std::string& s) {
-  std::vector<std::string> Lines;
-  size_t Pos = 0;
-  while (Pos < s.size()) {
-    size_t End = s.find('\n', Pos);
-    if (End == std::string::npos) End = s.size();
-    Lines.push_back(s.substr(Pos, End - Pos));
-    Pos = End + 1;
-  }
-  return Lines;
-}
 
 // Instructions by address; objdump's ".word" data lines go to pWords.
 inline std::map<uint32_t, ObjdumpInst> RunObjdump(const std::string& sElf,

@@ -1,6 +1,7 @@
 // Helpers of the debug-information tests: corpus paths, running the oracle
 // tools, opening a file with the reader installed.
 #pragma once
+#include "testsupport/tools.h"
 #include "elf/dwarf/debuginfo.h"
 #include <stdio.h>
 #include <stdlib.h>
@@ -12,28 +13,7 @@ inline std::string CorpusPath(const std::string& name) {
   return std::string(src ? src : ".") + "/firmware/corpus/" + name;
 }
 
-inline std::string RunTool(const std::string& cmd) {
-  std::string out;
-  FILE* p = popen((cmd + " 2>&1").c_str(), "r");
-  if (!p) return out;
-  char buf[8192];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-  pclose(p);
-  return out;
-}
-
-inline std::vector<std::string> SplitLines(const std::string& s) {
-  std::vector<std::string> v;
-  size_t a = 0;
-  while (a < s.size()) {
-    size_t b = s.find('\n', a);
-    if (b == std::string::npos) b = s.size();
-    v.push_back(s.substr(a, b - a));
-    a = b + 1;
-  }
-  return v;
-}
+inline std::string RunTool(const std::string& cmd) { return RunToolOutput(cmd + " 2>&1"); }
 
 // Opens a corpus file with the debug reader; closes it on destruction.
 struct DebugFile {

@@ -3,6 +3,7 @@
 // file's program segments, and read symbols and instruction lengths from the
 // cross tools' own output.
 #pragma once
+#include "testsupport/tools.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -137,16 +138,7 @@ inline bool LoadSegments(const std::string& sPath, std::vector<Segment>& Out, U3
   return !Out.empty();
 }
 
-inline std::string RunTool(const std::string& sCmd) {
-  std::string out;
-  FILE* p = popen(sCmd.c_str(), "r");
-  if (!p) return out;
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-  pclose(p);
-  return out;
-}
+inline std::string RunTool(const std::string& sCmd) { return RunToolOutput(sCmd); }
 
 // Symbol addresses as the cross tool's nm prints them.
 inline std::map<std::string, U32> Symbols(const std::string& sElf) {

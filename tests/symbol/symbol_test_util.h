@@ -1,6 +1,7 @@
 // Helpers of the symbol and evaluator tests: corpus paths, the oracle tool,
 // loading a program through the wrapper.
 #pragma once
+#include "testsupport/tools.h"
 #include "elf/dwarf/debuginfo.h"
 #include "elf/elfapi.h"
 
@@ -24,14 +25,7 @@ inline bool LoadProgram(const QString& sName) {
 }
 
 inline QString RunOracle(const QString& sCommand) {
-  std::string out;
-  FILE* p = popen((sCommand.toStdString() + " 2>&1").c_str(), "r");
-  if (!p) return QString();
-  char buf[8192];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-  pclose(p);
-  return QString::fromStdString(out);
+  return QString::fromStdString(RunToolOutput(sCommand.toStdString() + " 2>&1"));
 }
 
 inline bool HaveGdb() { return system("gdb-multiarch --version > /dev/null 2>&1") == 0; }
