@@ -2,7 +2,7 @@
 // gdb's full symbol expansion of the same file, and the median times of
 // single queries. Prints figures; never run as a test.
 //
-//   bench_dwarf FILE [--no-gdb]
+//   bench_dwarf FILE [--no-gdb | --load-only]
 //
 // The generated program comes from bench/gen/gen_large.py.
 #include "elf/dwarf/debuginfo.h"
@@ -60,11 +60,15 @@ bool RunGdb(const char* path, double* pSec, long* pKb) {
 
 int main(int argc, char** argv) {
   if (argc < 2) {
-    fprintf(stderr, "usage: bench_dwarf FILE [--no-gdb]\n");
+    fprintf(stderr, "usage: bench_dwarf FILE [--no-gdb | --load-only]\n");
     return 2;
   }
   const char* path = argv[1];
-  const bool gdb = !(argc > 2 && !strcmp(argv[2], "--no-gdb"));
+  bool gdb = true, queries = true;
+  for (int i = 2; i < argc; ++i) {
+    if (!strcmp(argv[i], "--no-gdb")) gdb = false;
+    if (!strcmp(argv[i], "--load-only")) gdb = queries = false;
+  }
   DWARF_Install();
   const long kb0 = PeakKb();
   const double t0 = NowMs();
@@ -74,9 +78,19 @@ int main(int argc, char** argv) {
     fprintf(stderr, "cannot open %s\n", path);
     return 1;
   }
-  // The wrapper's stages: address mapping, function list, interval trees.
+  // The wrapper's stages: address mapping, symbol table, function list,
+  // interval trees; the time of each stage is kept for the listing below.
+  struct StageTimes {
+    double last;
+    std::vector<std::pair<std::string, double>> rows;
+  } times{NowMs(), {}};
   CLineTables tables;
-  tables.Build(f);
+  tables.Build(f, [](const char* sText, void* p) {
+    StageTimes* st = static_cast<StageTimes*>(p);
+    const double now = NowMs();
+    st->rows.emplace_back(sText, now - st->last);
+    st->last = now;
+  }, &times);
   const double loadMs = NowMs() - t0;
   const long kb = PeakKb();
   printf("file                  %s\n", path);
@@ -88,6 +102,8 @@ int main(int argc, char** argv) {
   printf("debug parse           %.1f ms\n", parseMs);
   printf("load time             %.1f ms (with the address tables)\n", loadMs);
   printf("peak memory           %ld KB (process %ld KB)\n", kb - kb0, kb);
+  printf("address tables        %.1f ms, by stage:\n", loadMs - parseMs);
+  for (auto& r : times.rows) printf("  %-60s %6.1f ms\n", r.first.c_str(), r.second);
 
   // Query medians over 100,000 random samples.
   std::mt19937 rng(7);
@@ -101,7 +117,7 @@ int main(int argc, char** argv) {
     names.push_back(ELF_GetName(h));
   }
   const int n = 100000;
-  if (!pcs.empty()) {
+  if (queries && !pcs.empty()) {
     std::vector<U32> sample(n);
     for (auto& p : sample) p = pcs[rng() % pcs.size()];
     volatile U32 sink = 0;
@@ -119,8 +135,19 @@ int main(int argc, char** argv) {
     printf("median line to addresses   %.2f us\n", la);
     const double fa = MedianUs(n, [&](int i) { sink = sink + (U32)tables.GetFunction(sample[i], false); });
     printf("median function at address %.2f us\n", fa);
+    const double nl = MedianUs(n, [&](int i) {
+      U32 next = 0;
+      sink = sink + tables.NextLineAddress(sample[i], &next) + next;
+    });
+    printf("median next line address   %.2f us\n", nl);
+    const double ss = MedianUs(n, [&](int i) { sink = sink + tables.IsStatementStart(sample[i]); });
+    printf("median statement start     %.2f us\n", ss);
+    const double ml = MedianUs(n, [&](int i) { sink = sink + tables.IsMultiLine(locs[i]); });
+    printf("median multi-address line  %.2f us\n", ml);
+    const double sa = MedianUs(n, [&](int i) { sink = sink + tables.GetSymbolsAt(sample[i] & ~0xFFu, true, true, true).size(); });
+    printf("median symbols at address  %.2f us\n", sa);
   }
-  if (!names.empty()) {
+  if (queries && !names.empty()) {
     volatile U64 sink = 0;
     const double nm = MedianUs(n, [&](int i) { sink = sink + ELF_FindName(f, names[(i * 7919) % names.size()].c_str()); });
     printf("median name look-up        %.2f us\n", nm);

@@ -61,7 +61,7 @@ int CElfApi::Load(const QString& sFilePath) {
   // Stage 3: program data segments.
   BuildProgramData();
   LogStage("Program data segments initialized in: ", timer);
-  // Stages 4-18 in the debug reader.
+  // Stages 4-19 in the debug reader.
   int functionCount = ELF_GetNumFunctionSymbols(m_pFile), globalCount = 0;
   if (s_pfStagesHook) s_pfStagesHook(m_pFile, &timer, &functionCount, &globalCount);
 

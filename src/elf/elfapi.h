@@ -25,9 +25,9 @@ class CElfApi {
 public:
   static CElfApi& Instance();
 
-  // Load stages 4-18 (address mapping, function list, interval trees, call
-  // frame table) belong to the debug reader above this layer, which installs
-  // itself here. Called under the mutex at the end of a load with the timer
+  // Load stages 4-19 (address mapping, debug lists, symbol table, function
+  // list, interval trees, call frame table, the terminal's control block)
+  // belong to the debug reader above this layer, which installs itself here. Called under the mutex at the end of a load with the timer
   // of the load (it fills the sizes of the function and global variable
   // lists), and with a null file when the program closes.
   typedef void (*STAGES_HOOK)(ELF_FILE* pFile, const QElapsedTimer* pTimer, int* pFunctionCount, int* pGlobalCount);
