@@ -46,6 +46,14 @@ TWINS = [
 ]
 
 
+# What the hand-written DWARF 5 unit of src/dwarf5_forms.s must use.
+FORMS_SECTIONS = (".debug_str_offsets", ".debug_addr", ".debug_rnglists", ".debug_loclists",
+                  ".debug_line_str")
+FORMS_USED = ("DW_FORM_strx", "DW_FORM_strx1", "DW_FORM_strx2", "DW_FORM_strx3", "DW_FORM_strx4",
+              "DW_FORM_addrx", "DW_FORM_line_strp", "DW_FORM_rnglistx", "DW_FORM_loclistx",
+              "DW_FORM_implicit_const", "DW_FORM_data16", "DW_FORM_ref_sig8")
+
+
 class Failures:
     def __init__(self):
         self.items = []
@@ -187,6 +195,12 @@ def check_file(fail, name, row):
     if row["Opt"] == "-O2":
         fail.check(".debug_loc" in secs or ".debug_loclists" in secs,
                    tag + "optimised build without location lists")
+    if "dwarf5_forms.s" in debug:
+        for sec in FORMS_SECTIONS:
+            fail.check(sec in secs, tag + "no " + sec)
+        abbrev = readelf("--debug-dump=abbrev", path)
+        for form in FORMS_USED:
+            fail.check(re.search(r"\b%s\b" % form, abbrev) is not None, tag + "no " + form)
 
     cus = units(path)
     versions = sorted({u[0] for u in cus})

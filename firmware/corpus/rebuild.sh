@@ -144,3 +144,6 @@ b app-dwarf5-O2            bare        "$M4"  "-g"                              
 b newlib-dwarf5-O2         newlib      "$M4"  "-g"                                     -O2  src/report.c
 b newlib-dwarf5-O2-full    newlib-full "$M4"  "-g"                                     -O2  src/report.c
 b newlib-mixed-O2          newlib-full "$M4"  "-gdwarf-4 $OLD"                         -O2  src/report.c
+# The reference build with one more unit whose hand-written DWARF 5 uses the
+# index forms (.debug_str_offsets, .debug_addr, rnglistx, loclistx).
+b app-dwarf5-forms         bare        "$M4"  "-g"                                     -O0  src/dwarf5_forms.s

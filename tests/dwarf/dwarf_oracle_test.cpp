@@ -166,7 +166,8 @@ TEST_P(GlobalsVsGdb, StructLayouts) {
 
 INSTANTIATE_TEST_SUITE_P(Corpus, GlobalsVsGdb,
                          ::testing::Values("app-dwarf2-O0.elf", "app-dwarf3-O2.elf", "app-dwarf4-O0.elf",
-                                           "app-dwarf4-O2-be.elf", "app-dwarf4-types.elf", "app-dwarf5-O2.elf",
+                                           "app-dwarf4-O2-be.elf", "app-dwarf4-types.elf", "app-dwarf5-O0.elf",
+                                           "app-dwarf5-O2.elf", "newlib-dwarf5-O2-full.elf", "app-dwarf5-forms.elf",
                                            "newlib-mixed-O2.elf"),
                          [](const auto& info) {
                            std::string s = info.param;
@@ -260,7 +261,14 @@ TEST_P(LinesVsReadelf, CleanedMapKeepsOrExplainsEveryRow) {
   EXPECT_TRUE(unexplained.empty()) << unexplained.size() << " rows, first: " << unexplained.front();
 }
 
-INSTANTIATE_TEST_SUITE_P(Corpus, LinesVsReadelf, ::testing::ValuesIn(DebugCorpus()), [](const auto& info) {
+// The corpus with the file whose DWARF 5 unit uses the index forms.
+std::vector<std::string> LineCorpus() {
+  auto v = DebugCorpus();
+  v.push_back("app-dwarf5-forms.elf");
+  return v;
+}
+
+INSTANTIATE_TEST_SUITE_P(Corpus, LinesVsReadelf, ::testing::ValuesIn(LineCorpus()), [](const auto& info) {
   std::string s = info.param;
   for (char& c : s)
     if (!isalnum((unsigned char)c)) c = '_';
@@ -362,7 +370,8 @@ TEST_P(FunctionsVsAddr2line, InlineChains) {
 
 INSTANTIATE_TEST_SUITE_P(Corpus, FunctionsVsAddr2line,
                          ::testing::Values("app-dwarf2-O2.elf", "app-dwarf4-O0.elf", "app-dwarf4-O2.elf",
-                                           "app-dwarf4-O2-be.elf", "app-dwarf5-O2.elf", "newlib-dwarf5-O2-full.elf"),
+                                           "app-dwarf4-O2-be.elf", "app-dwarf5-O0.elf", "app-dwarf5-O2.elf",
+                                           "newlib-dwarf5-O2-full.elf", "app-dwarf5-forms.elf"),
                          [](const auto& info) {
                            std::string s = info.param;
                            for (char& c : s)

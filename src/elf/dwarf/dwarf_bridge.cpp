@@ -5,6 +5,7 @@
 
 #include <libdwarf/dwarf.h>
 #include <libdwarf/libdwarf.h>
+#include <set>
 #include <string.h>
 
 namespace dwb {
@@ -19,6 +20,11 @@ struct Session {
   std::vector<Dwarf_Regtable_Entry3_s> ruleBuf;
   Dwarf_Obj_Access_Interface iface{};
   Dwarf_Obj_Access_Methods methods{};
+  // Units whose DW_AT_sibling values were all seen to point forward inside
+  // the unit (key: CU offset, bit 63 for .debug_types), and the unit being
+  // walked now.
+  std::set<U64> checkedUnits;
+  U64 walking = ~0ull;
 };
 
 namespace {
@@ -110,6 +116,115 @@ Dwarf_Attribute FindAttr(Die d, U32 code) {
   Dwarf_Attribute a = nullptr;
   if (dwarf_attr((Dwarf_Die)d, (Dwarf_Half)code, &a, nullptr) != DW_DLV_OK) return nullptr;
   return a;
+}
+
+// Reads an unsigned LEB128 number at *pAt below End; false if it runs over.
+bool SkipLeb(const U8* p, U64 End, U64* pAt, U64* pValue = nullptr) {
+  U64 v = 0;
+  for (int shift = 0; *pAt < End; shift += 7) {
+    const U8 b = p[(*pAt)++];
+    if (shift < 64) v |= (U64)(b & 0x7F) << shift;
+    if (!(b & 0x80)) {
+      if (pValue) *pValue = v;
+      return true;
+    }
+  }
+  return false;
+}
+
+// Walks one DWARF 5 location list (IsLoc) or range list from At to its end
+// entry; false if an entry is unknown or runs over the section.
+bool ListEntriesSane(const U8* p, U64 size, U64 at, bool IsLoc, int AddrSize) {
+  for (int n = 0; n < 100000; ++n) {
+    if (at >= size) return false;
+    const U8 code = p[at++];
+    if (code == 0) return true; // end of list
+    // Operands: l = LEB128, a = address; a location entry ends in an expression.
+    const char* ops;
+    bool expr = IsLoc;
+    if (IsLoc) {
+      // 9: DW_LLE_GNU_view_pair, two view numbers.
+      static const char* const kLoc[] = {"", "l", "ll", "ll", "ll", "", "a", "aa", "al", "ll"};
+      if (code > 9) return false;
+      ops = kLoc[code];
+      if (code == 1 || code == 6 || code == 9) expr = false; // base address entries, views
+    } else {
+      static const char* const kRng[] = {"", "l", "ll", "ll", "ll", "a", "aa", "al"};
+      if (code > 7) return false;
+      ops = kRng[code];
+    }
+    for (const char* o = ops; *o; ++o) {
+      if (*o == 'l') {
+        if (!SkipLeb(p, size, &at)) return false;
+      } else {
+        if (size - at < (U64)AddrSize) return false;
+        at += AddrSize;
+      }
+    }
+    if (expr) {
+      U64 len = 0;
+      if (!SkipLeb(p, size, &at, &len) || len > size - at) return false;
+      at += len;
+    }
+  }
+  return false;
+}
+
+// The library follows a list of .debug_loclists or .debug_rnglists without
+// checking that it stays inside the section: an entry of the offset table, a
+// DW_AT_loclists_base/rnglists_base, a DW_FORM_sec_offset or a counted
+// expression that points outside makes it read wild memory. The list is
+// walked here before the library is asked; false if it would leave the
+// section. BaseAttr is the unit attribute that locates the offset table.
+bool ListSane(Session* s, Die d, Dwarf_Attribute a, Dwarf_Half form, U32 BaseAttr, const char* section) {
+  if (form != DW_FORM_sec_offset && form != DW_FORM_loclistx && form != DW_FORM_rnglistx)
+    return true; // a single expression
+  const ELF_FILE* f = s->f;
+  const int idx = elf_internal::FindSection(f, section);
+  if (idx < 0) return false;
+  const ELF_SECTION& sh = f->sections[idx];
+  if (!elf_internal::RangeInFile(f, sh.sh_offset, sh.sh_size)) return false;
+  const U64 size = sh.sh_size;
+  const U8* p = f->fileData + sh.sh_offset;
+  const bool isLoc = BaseAttr == DW_AT_loclists_base;
+  const int addrSize = UnitAddrSize(d) == 8 ? 8 : 4;
+  Dwarf_Error e = nullptr;
+  if (form == DW_FORM_sec_offset) {
+    Dwarf_Off o = 0;
+    const bool ok = dwarf_global_formref(a, &o, &e) == DW_DLV_OK;
+    Drop(s, e);
+    return ok && ListEntriesSane(p, size, o, isLoc, addrSize);
+  }
+  Dwarf_Unsigned index = 0;
+  if (dwarf_formudata(a, &index, &e) != DW_DLV_OK) {
+    Drop(s, e);
+    return false;
+  }
+  // The offset table: the unit's base attribute, else the one of the first
+  // contribution, right behind its 12-byte header.
+  U64 base = 12;
+  Dwarf_Off cuOff = 0;
+  if (dwarf_CU_dieoffset_given_die((Dwarf_Die)d, &cuOff, &e) != DW_DLV_OK) {
+    Drop(s, e);
+    return false;
+  }
+  Dwarf_Die cu = nullptr;
+  if (dwarf_offdie_b(s->dbg, cuOff, IsInfo(d), &cu, &e) != DW_DLV_OK) {
+    Drop(s, e);
+    return false;
+  }
+  if (Dwarf_Attribute b = FindAttr(cu, BaseAttr)) {
+    Dwarf_Off o = 0;
+    if (dwarf_global_formref(b, &o, &e) == DW_DLV_OK) base = o;
+    Drop(s, e);
+    dwarf_dealloc_attribute(b);
+  }
+  dwarf_dealloc_die(cu);
+  if (base < 12 || base >= size || index >= (size - base) / 4) return false;
+  U64 entry = 0;
+  const U64 at = base + 4 * index;
+  for (int i = 0; i < 4; ++i) entry |= (U64)p[at + (f->bigEndian ? 3 - i : i)] << (8 * i);
+  return entry < size - base && ListEntriesSane(p, size, base + entry, isLoc, addrSize);
 }
 
 } // namespace
@@ -211,6 +326,18 @@ Die OffDie(Session* s, U64 offset, bool isInfo) {
   return d;
 }
 
+// Children and siblings always follow an entry in its section. The library
+// takes a sibling from DW_AT_sibling when there is one; a value that points
+// back would make every walk go round in circles, so such a step ends.
+static Die Forward(Die from, Dwarf_Die to) {
+  Dwarf_Off a = 0, b = 0;
+  if (dwarf_dieoffset((Dwarf_Die)from, &a, nullptr) == DW_DLV_OK &&
+      dwarf_dieoffset(to, &b, nullptr) == DW_DLV_OK && b > a)
+    return to;
+  dwarf_dealloc_die(to);
+  return nullptr;
+}
+
 Die Child(Session* s, Die d) {
   Dwarf_Die c = nullptr;
   Dwarf_Error e = nullptr;
@@ -218,17 +345,57 @@ Die Child(Session* s, Die d) {
     Drop(s, e);
     return nullptr;
   }
-  return c;
+  return Forward(d, c);
+}
+
+static U64 UnitKey(Die d) {
+  Dwarf_Off o = 0;
+  if (!d || dwarf_CU_dieoffset_given_die((Dwarf_Die)d, &o, nullptr) != DW_DLV_OK) return ~0ull;
+  return (U64)o | (IsInfo(d) ? 0 : 1ull << 63);
+}
+
+void BeginUnitWalk(Session* s, Die root) { s->walking = UnitKey(root); }
+
+void EndUnitWalk(Session* s, bool Checked) {
+  if (Checked && s->walking != ~0ull) s->checkedUnits.insert(s->walking);
+  s->walking = ~0ull;
+}
+
+bool SiblingAttrSane(Session* s, Die d) {
+  Dwarf_Attribute a = FindAttr(d, DW_AT_sibling);
+  if (!a) return true;
+  Dwarf_Off to = 0, cuOff = 0, cuLen = 0;
+  Dwarf_Error e = nullptr;
+  bool ok = dwarf_global_formref(a, &to, &e) == DW_DLV_OK;
+  Drop(s, e);
+  dwarf_dealloc_attribute(a);
+  if (ok) {
+    ok = dwarf_die_CU_offset_range((Dwarf_Die)d, &cuOff, &cuLen, &e) == DW_DLV_OK;
+    Drop(s, e);
+  }
+  return ok && to > Offset(d) && to < cuOff + cuLen;
 }
 
 Die Sibling(Session* s, Die d, bool isInfo) {
   Dwarf_Die c = nullptr;
   Dwarf_Error e = nullptr;
+  // A unit root has no sibling: asking would make the library scan the
+  // whole unit. For an entry with children the library skips the subtree
+  // by the DW_AT_sibling values inside it, and one that points back makes
+  // it loop for ever: only units whose walk has checked them, or the unit
+  // being walked (its walk only steps over subtrees it has checked), may
+  // be crossed.
+  if (d && HasChildren(d)) {
+    Dwarf_Off o = 0;
+    if (dwarf_CU_dieoffset_given_die((Dwarf_Die)d, &o, nullptr) != DW_DLV_OK || o == Offset(d)) return nullptr;
+    const U64 k = UnitKey(d);
+    if (k != s->walking && !s->checkedUnits.count(k)) return nullptr;
+  }
   if (!d || dwarf_siblingof_b(s->dbg, (Dwarf_Die)d, isInfo, &c, &e) != DW_DLV_OK) {
     Drop(s, e);
     return nullptr;
   }
-  return c;
+  return Forward(d, c);
 }
 
 void FreeDie(Session*, Die d) {
@@ -432,8 +599,20 @@ bool GetAttr(Session* s, Die d, U32 code, AttrValue* v) {
   case DW_FORM_exprloc:
   case DW_FORM_data16: {
     if (form == DW_FORM_data16) {
-      // Kept as a pointer into the section through the generic block path.
-      ok = false;
+      // The 16 bytes in place: a pointer into the section, valid as long as
+      // the file is open.
+      Dwarf_Form_Data16 d16;
+      Dwarf_Off at = 0;
+      ok = dwarf_formdata16(a, &d16, &e) == DW_DLV_OK && dwarf_attr_offset((Dwarf_Die)d, a, &at, &e) == DW_DLV_OK;
+      const int sec = ok ? elf_internal::FindSection(s->f, IsInfo(d) ? ".debug_info" : ".debug_types") : -1;
+      ok = sec >= 0 && at <= s->f->sections[sec].sh_size && s->f->sections[sec].sh_size - at >= 16 &&
+           elf_internal::RangeInFile(s->f, s->f->sections[sec].sh_offset, s->f->sections[sec].sh_size);
+      if (ok) {
+        v->cls = AC_BLOCK;
+        v->block = s->f->fileData + s->f->sections[sec].sh_offset + at;
+        v->blockLen = 16;
+        ok = !memcmp(v->block, d16.fd_data, 16);
+      }
       break;
     }
     Dwarf_Block* b = nullptr;
@@ -455,6 +634,17 @@ bool GetAttr(Session* s, Die d, U32 code, AttrValue* v) {
   }
   dwarf_dealloc_attribute(a);
   return ok;
+}
+
+bool AddrByIndex(Session* s, Die d, U64 index, U64* pAddr) {
+  Dwarf_Addr a = 0;
+  Dwarf_Error e = nullptr;
+  if (!s || !d || dwarf_debug_addr_index_to_addr((Dwarf_Die)d, index, &a, &e) != DW_DLV_OK) {
+    if (s) Drop(s, e);
+    return false;
+  }
+  *pAddr = a;
+  return true;
 }
 
 Die FindSig8(Session* s, U64 signature) {
@@ -497,7 +687,8 @@ bool GetRanges(Session* s, Die d, U64 Base, std::vector<std::pair<U64, U64>>& ou
     }
     Dwarf_Rnglists_Head head = nullptr;
     Dwarf_Unsigned count = 0, globalOff = 0;
-    if (r == DW_DLV_OK && dwarf_rnglists_get_rle_head(a, form, val, &head, &count, &globalOff, &e) == DW_DLV_OK) {
+    if (r == DW_DLV_OK && ListSane(s, d, a, form, DW_AT_rnglists_base, ".debug_rnglists") &&
+        dwarf_rnglists_get_rle_head(a, form, val, &head, &count, &globalOff, &e) == DW_DLV_OK) {
       ok = true;
       for (Dwarf_Unsigned i = 0; i < count; ++i) {
         unsigned len = 0, code = 0;
@@ -796,7 +987,10 @@ int GetMacros(Session* s, Die cu, std::vector<MacroRecord>& out) {
 namespace {
 // Operations of one location description; block operands are copied, as
 // libdwarf hands them out as pointers into its section data.
-bool ReadOps(Session* s, Dwarf_Locdesc_c desc, Dwarf_Unsigned n, std::vector<LocOp>& ops) {
+// DW_OP_addrx and DW_OP_constx (and their GNU forerunners) name an entry of
+// .debug_addr: they come out as DW_OP_addr and DW_OP_constu with the value,
+// so that evaluation needs no second table.
+bool ReadOps(Session* s, Die d, Dwarf_Locdesc_c desc, Dwarf_Unsigned n, std::vector<LocOp>& ops) {
   Dwarf_Error e = nullptr;
   for (Dwarf_Unsigned j = 0; j < n && j < 100000; ++j) {
     LocOp op{};
@@ -814,6 +1008,16 @@ bool ReadOps(Session* s, Dwarf_Locdesc_c desc, Dwarf_Unsigned n, std::vector<Loc
         o1 < 0x10000)
       op.block.assign(reinterpret_cast<const U8*>(o2), reinterpret_cast<const U8*>(o2) + o1);
     op.op2 = op.block.empty() ? o2 : 0;
+    if (atom == DW_OP_addrx || atom == DW_OP_GNU_addr_index || atom == DW_OP_constx ||
+        atom == DW_OP_GNU_const_index) {
+      Dwarf_Addr v = 0;
+      if (dwarf_debug_addr_index_to_addr((Dwarf_Die)d, o1, &v, &e) == DW_DLV_OK) {
+        op.atom = (atom == DW_OP_addrx || atom == DW_OP_GNU_addr_index) ? DW_OP_addr : DW_OP_constu;
+        op.op1 = v;
+      } else {
+        Drop(s, e);
+      }
+    }
     ops.push_back(std::move(op));
   }
   return true;
@@ -825,6 +1029,13 @@ int GetLocations(Session* s, Die d, U32 code, std::vector<LocEntry>& out) {
   Dwarf_Attribute a = FindAttr(d, code);
   if (!a) return 0;
   Dwarf_Error e = nullptr;
+  Dwarf_Half form = 0;
+  if (dwarf_whatform(a, &form, &e) != DW_DLV_OK ||
+      (UnitVersion(d) >= 5 && !ListSane(s, d, a, form, DW_AT_loclists_base, ".debug_loclists"))) {
+    Drop(s, e);
+    dwarf_dealloc_attribute(a);
+    return -1;
+  }
   Dwarf_Loc_Head_c head = nullptr;
   Dwarf_Unsigned count = 0;
   int r = dwarf_get_loclist_c(a, &head, &count, &e);
@@ -853,7 +1064,7 @@ int GetLocations(Session* s, Die d, U32 code, std::vector<LocEntry>& out) {
     ent.isExpression = kind == DW_LKIND_expression;
     ent.lo = ent.isExpression ? 0 : lo;
     ent.hi = ent.isExpression ? ~0ull : hi;
-    if (!ReadOps(s, desc, nOps, ent.ops)) {
+    if (!ReadOps(s, d, desc, nOps, ent.ops)) {
       result = -1;
       break;
     }

@@ -36,6 +36,12 @@ int NextUnit(Session* s, bool isInfo, UnitHeader* pOut);
 Die UnitRoot(Session* s, bool isInfo);
 
 Die OffDie(Session* s, U64 offset, bool isInfo);
+// The tree walk of a unit marks it: Sibling steps over subtrees only in units
+// whose walk ended having found every DW_AT_sibling sane (pointing forward
+// inside the unit), and in the unit being walked.
+void BeginUnitWalk(Session* s, Die root);
+void EndUnitWalk(Session* s, bool Checked);
+bool SiblingAttrSane(Session* s, Die d);
 Die Child(Session* s, Die d);
 Die Sibling(Session* s, Die d, bool isInfo);
 void FreeDie(Session* s, Die d);
@@ -66,6 +72,8 @@ struct AttrValue {
 // Reads an own attribute. False if the entry hasn't got it or its form is
 // not readable (then pValue->form tells the form when known).
 bool GetAttr(Session* s, Die d, U32 code, AttrValue* pValue);
+// Entry `index` of .debug_addr for the unit of d (DW_OP_addrx, DW_FORM_addrx).
+bool AddrByIndex(Session* s, Die d, U64 index, U64* pAddr);
 // Resolves a DW_FORM_ref_sig8 signature to the entry it names.
 Die FindSig8(Session* s, U64 signature);
 

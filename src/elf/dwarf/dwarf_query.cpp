@@ -202,7 +202,13 @@ U32 SizeOf(const Ref& r, U32 key, int depth) {
   const U32 tag = Tag(r, key);
   const bool code = tag == ELF_TAG_SUBPROGRAM || tag == ELF_TAG_INLINED || tag == ELF_TAG_COMPILE_UNIT || tag == 11;
   U32 cur = code ? 0 : key;
+  // A chain that comes back to an entry has no size: without this stop, an
+  // array whose element type leads back to it would be measured again at
+  // every step of every level, exponentially.
+  U32 seen[64];
   for (int i = 0; cur && i < 64 && depth < 16; ++i) {
+    if (std::find(seen, seen + i, cur) != seen + i) break;
+    seen[i] = cur;
     const U32 s = ByteSize(r, cur, depth);
     if (s) return s;
     const U32 next = RefAttr(r.c, cur, AT_TYPE);

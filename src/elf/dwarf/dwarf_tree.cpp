@@ -235,6 +235,22 @@ bool StaticAddress(DW_CTX* c, U32 key, U32* pAddr) {
     if (pAddr) *pAddr = (U32)a;
     return true;
   }
+  if (b[0] == 0xa1 || b[0] == 0xfb) { // DW_OP_addrx, DW_OP_GNU_addr_index: one index that fills the block
+    U64 index = 0;
+    U32 at = 1;
+    for (int shift = 0; at < v.blockLen; shift += 7) {
+      const U8 x = b[at++];
+      if (shift < 64) index |= (U64)(x & 0x7F) << shift;
+      if (!(x & 0x80)) break;
+      if (at == v.blockLen) return false;
+    }
+    if (at != v.blockLen) return false;
+    dwb::Die d = GetDie(c, key);
+    U64 a = 0;
+    if (!d || !dwb::AddrByIndex(c->s, d, index, &a)) return false;
+    if (pAddr) *pAddr = (U32)a;
+    return true;
+  }
   return false;
 }
 
@@ -321,8 +337,17 @@ int ParseUnitTree(DW_CTX* c, dwb::Die root, bool isInfo, bool typeUnit) {
   std::vector<Open> path;
   dwb::Die cur = root;
   int guard = 0;
+  dwb::BeginUnitWalk(c->s, root);
+  struct EndWalk {
+    dwb::Session* s;
+    bool checked = false;
+    ~EndWalk() { dwb::EndUnitWalk(s, checked); }
+  } endWalk{c->s};
   while (cur) {
     if (++guard > 50000000) return -1;
+    // A DW_AT_sibling that points back ends the walk here, before any step
+    // over a subtree could follow it.
+    if (!dwb::SiblingAttrSane(c->s, cur)) return -1;
     const U32 key = KeyOf(cur);
     ELF_DIE_INFO* info = key ? Info(c, key) : nullptr;
     if (!info) return -1;
@@ -378,6 +403,7 @@ int ParseUnitTree(DW_CTX* c, dwb::Die root, bool isInfo, bool typeUnit) {
     }
   }
   (void)unitFunctions;
+  endWalk.checked = true;
   return 0;
 }
 
