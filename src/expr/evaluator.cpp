@@ -1,5 +1,6 @@
 #include "expr/evaluator.h"
 
+#include "elf/dwarf/line_tables.h"
 #include "elf/elfapi.h"
 #include "expr/exprprogram.h"
 
@@ -236,22 +237,73 @@ bool ResolveMacro(const QString& sText, SymPtr& Out) {
   return true;
 }
 
+// The scope of the evaluation in progress: the null location stands for the
+// current PC.
+CSrcLoc s_Scope;
+
+int CountScopes(const QString& s) { return s.count(QLatin1String("::")); }
+
+// Several results of one name: the nearest enclosing scope first, unrelated
+// symbols keep their order at the end.
+QList<ELF_SYM_HANDLE> ScopeFilter(const QList<ELF_SYM_HANDLE>& Found) {
+  if (Found.size() <= 1) return Found;
+  U32 Pc = SYM_GetCurrentPc();
+  if (!s_Scope.IsNull()) {
+    QMutexLocker Lock(&CElfApi::Instance().Mutex());
+    const I64 a = DWARF_GetProgramTables().GetFirstLocAddress(s_Scope);
+    Pc = a >= 0 ? (U32)a : 0xFFFFFFFFu;
+  }
+  const ELF_SYM_HANDLE c = SYM_GetScopeAt(Pc);
+  const QString sContext = c ? GetQualifiedName(c, 1) : QString();
+  QList<QPair<U64, ELF_SYM_HANDLE>> Ranked;
+  for (ELF_SYM_HANDLE h : Found) {
+    U64 Distance = ~0ull;
+    const QString sScope = ELF_IsDieHandle(h) ? GetSymbolScope(h) : QString();
+    if (c && !sScope.isEmpty() && sContext.startsWith(sScope))
+      Distance = (U64)(I64)(CountScopes(sContext) - CountScopes(sScope));
+    Ranked.append(qMakePair(Distance, h));
+  }
+  std::stable_sort(Ranked.begin(), Ranked.end(),
+                   [](const QPair<U64, ELF_SYM_HANDLE>& a, const QPair<U64, ELF_SYM_HANDLE>& b) { return a.first < b.first; });
+  QList<ELF_SYM_HANDLE> Out;
+  for (const auto& r : Ranked) Out.append(r.second);
+  return Out;
+}
+
+bool ProgramIsCpp() {
+  const CExprProgramInfo* p = EXPR_GetProgramInfo();
+  return p && p->IsCpp();
+}
+
 // A local of the function at the current PC. Without a location in the
 // current frame it gives way to a global of the same name.
 bool ResolveLocal(const QString& sText, SymPtr& Out) {
   if (!CType::IsValidName(sText)) return false;
-  const QList<ELF_SYM_HANDLE> Found = FindSymbols(sText, false, true, false, false, true);
-  if (Found.isEmpty()) return false;
-  auto s = std::make_shared<CSymbol>(Found.first(), -1, 0);
-  if (s->IsEmpty()) return false;
-  if (!s->GetLocation().count && !FindSymbols(sText, true, false, false, true, true).isEmpty()) return false;
+  const QList<ELF_SYM_HANDLE> Found = ScopeFilter(FindSymbols(sText, false, true, false, false, true));
+  SymPtr s;
+  if (!Found.isEmpty()) {
+    s = std::make_shared<CSymbol>(Found.first(), -1, 0);
+    if (s->IsEmpty()) s.reset();
+  }
+  static bool s_InMemberLookup = false;
+  if (!s && !s_InMemberLookup && ProgramIsCpp() && sText != QLatin1String("this")) {
+    // A member of the object of the current method.
+    s_InMemberLookup = true;
+    SymPtr m = EvaluateSymbol("this->" + sText, s_Scope);
+    s_InMemberLookup = false;
+    if (m && !m->IsEmpty()) s = m;
+  }
+  if (!s) return false;
+  // The location in the current frame, so that operators read the value.
+  if (!s->HasLocation() && s->IsLocal()) s->location = s->GetLocation();
+  if (!s->HasLocation() && !ScopeFilter(FindSymbols(sText, true, false, false, true, true)).isEmpty()) return false;
   Out = s;
   return true;
 }
 
 bool ResolveGlobal(const QString& sText, SymPtr& Out) {
   if (!CType::IsValidName(sText) && !sText.contains(QLatin1Char('.'))) return false;
-  const QList<ELF_SYM_HANDLE> Found = FindSymbols(sText, true, false, false, true, true);
+  const QList<ELF_SYM_HANDLE> Found = ScopeFilter(FindSymbols(sText, true, false, false, true, true));
   if (Found.isEmpty()) return false;
   const ELF_SYM_HANDLE h = Found.first();
   MEMO& m = Memo();
@@ -304,7 +356,7 @@ bool ResolveEnumerator(const QString& sText, SymPtr& Out) {
 
 bool ResolveType(const QString& sText, SymPtr& Out) {
   const QList<ELF_SYM_HANDLE> Found =
-      CType::IsValidName(sText) ? FindSymbols(sText, false, false, true, false, true) : QList<ELF_SYM_HANDLE>();
+      CType::IsValidName(sText) ? ScopeFilter(FindSymbols(sText, false, false, true, false, true)) : QList<ELF_SYM_HANDLE>();
   if (!Found.isEmpty()) {
     const ELF_SYM_HANDLE h = Found.first();
     U32 Size = 0;
@@ -864,8 +916,24 @@ std::shared_ptr<CSymbol> GetResult(const CExpression& Expression) {
   return p->result;
 }
 
+// A leaf that is a local (or "this") held in a register makes the
+// expression depend on the registers of the frame.
+static bool LeafUsesRegister(CSymbol& s) {
+  if (s.IsEmpty() || s.IsFunction()) return false;
+  CSymbol* r = s.GetRoot();
+  if (!r || !(r->name == QLatin1String("this") || r->IsLocal())) return false;
+  const SYM_LOC l = s.GetLocation();
+  return l.count && l.IsRegister();
+}
+
 int Evaluate(CExpression& e, const CSrcLoc& Scope) {
   e.scope = Scope;
+  // Nested evaluations (macros, "this->") keep the outer scope afterwards.
+  struct SCOPE_GUARD {
+    CSrcLoc saved;
+    ~SCOPE_GUARD() { s_Scope = saved; }
+  } Guard{s_Scope};
+  s_Scope = Scope;
   if (!e.GetTree()) {
     if (e.GetStatus() == EXPR_ERR_SYNTAX && !e.GetError().isEmpty()) return EXPR_ERR_SYNTAX;  // parse failed
     const int r = e.BuildTree();
@@ -884,6 +952,7 @@ int Evaluate(CExpression& e, const CSrcLoc& Scope) {
     if (n.IsLeaf()) {
       int s = 0;
       n.result = ResolveLeaf(n.text, s);
+      if (!s && n.result && LeafUsesRegister(*n.result)) e.usesRegister = 1;
       return s;
     }
     OP_CTX c;
@@ -908,6 +977,7 @@ int Evaluate(CExpression& e, const CSrcLoc& Scope) {
   }
   const U32 Size = Res.IsArray() ? Res.arrayInfo.total : Res.byteSize;
   if (Size) {
+    if (!Res.HasLocation() && Res.IsLocal()) Res.location = Res.GetLocation();
     if (Res.HasLocation() && !Res.location.IsConst()) {
       const U32 Total = Res.GetSize();
       const SYM_LOC l = Res.GetLocation();

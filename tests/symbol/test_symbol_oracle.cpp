@@ -307,6 +307,7 @@ TEST_P(SymbolOracle, TreesAndValuesAgreeWithGdb) {
 INSTANTIATE_TEST_SUITE_P(Corpus, SymbolOracle,
                          ::testing::Values("app-dwarf4-O0.elf", "app-dwarf4-O0-be.elf", "app-dwarf2-O0.elf",
                                            "app-dwarf5-O0.elf", "app-dwarf4-O2-be.elf", "app-dwarf4-types.elf",
-                                           "app-dwarf3-O2.elf", "app-dwarf4-O2.elf", "newlib-dwarf5-O2.elf"));
+                                           "app-dwarf3-O2.elf", "app-dwarf4-O2.elf", "newlib-dwarf5-O2.elf", "app-dwarf5-O2.elf",
+                                           "newlib-dwarf5-O2-full.elf", "app-dwarf5-forms.elf"));
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "elf/dwarf/location.h"
 #include "elf/dwarf/dwarf_internal.h"
 #include "elf/elf_file.h"
+#include "log/log.h"
 
 #include <stdio.h>
 #include <stdlib.h>
@@ -439,9 +440,10 @@ ELF_SYM_LOC ParseOps(const Ctx& x, U32 pc, U32 attr, const std::vector<dwb::LocO
   }
   if (!ops.empty() && ops.back().atom == 0x9F && l.count == 1) {
     ELF_LOC_PART& p = l.parts[0];
+    // "At [register + offset]" keeps its register in the base fields already.
+    if (p.kind != ELF_LOC_AT_REG) p.baseRegister = p.reg;
     p.baseKind = p.kind;
     p.baseAddress = (U32)p.offset;
-    p.baseRegister = p.reg;
     p.kind = ELF_LOC_INNER_VALUE;
   }
   return l;
@@ -566,4 +568,236 @@ std::vector<std::pair<U32, U32>> ELF_GetLocationRanges(ELF_SYM_HANDLE h, U32 Att
   for (auto& e : entries)
     if (!e.ops.empty()) out.emplace_back((U32)e.lo, (U32)std::min<U64>(e.hi, 0xFFFFFFFFull));
   return out;
+}
+
+// ---- resolution against a call frame ---------------------------------------------
+
+namespace {
+ICallFrameStore* g_pFrameStore = nullptr;
+
+bool FrameRegister(const CCallFrame& F, U32 Reg, U64& Value) {
+  return g_pFrameStore && F.IsValid() && g_pFrameStore->GetRegister(F.stack, F.index, Reg, Value);
+}
+
+ELF_LOC_PART Failed() {
+  ELF_LOC_PART p;
+  memset(&p, 0, sizeof p);
+  return p;
+}
+
+bool IsPseudoRegister(U32 Reg) { return Reg == ELF_REG_UNDEFINED || Reg == ELF_REG_SAME; }
+
+ELF_LOC_PART ResolvePart(const CCallFrame& F, const ELF_LOC_PART& In, int Depth);
+
+// A resolved part as a number: the value of kind 1, the register of kinds 4
+// and 5, the word at the address of kinds 2 and 3.
+bool PartWord(const CCallFrame& F, const ELF_LOC_PART& p, U64& Value) {
+  switch (p.kind) {
+    case ELF_LOC_CONST: Value = p.value; return true;
+    case ELF_LOC_REG:
+    case ELF_LOC_REG_VALUE: return ELF_ReadRegisterPart(F, p, Value);
+    case ELF_LOC_ADDR:
+    case ELF_LOC_ADDR_OFFSET: {
+      U32 w;
+      if (ELF_ReadTargetWord(p.address + (p.kind == ELF_LOC_ADDR_OFFSET ? (U32)p.offset : 0u), &w) != 0) return false;
+      Value = w;
+      return true;
+    }
+    default: return false;
+  }
+}
+
+// Where the value of a register of frame F lies: in F's own register for the
+// innermost frame, otherwise by the rule of the callee frame.
+ELF_LOC_PART RegisterStep(const CCallFrame& F, const ELF_LOC_PART& In, int Depth) {
+  if (!g_pFrameStore || !F.IsValid() || F.stack > 1) return Failed();
+  CCallFrame Own;
+  if (!g_pFrameStore->GetFrame(F.stack, F.index, Own)) return Failed();
+  U64 v;
+  if (!FrameRegister(F, g_pFrameStore->GetPcRegister(), v) || !FrameRegister(F, g_pFrameStore->GetSpRegister(), v))
+    return Failed();
+  if (IsPseudoRegister(In.reg)) return Failed();
+  CCallFrame Callee;
+  if (F.index == 0 || !g_pFrameStore->GetFrame(F.stack, F.index - 1, Callee)) return In;  // the device reads it
+  ELF_SYM_LOC Rule = g_pFrameStore->GetRule(F.stack, F.index - 1, In.reg);
+  ELF_LOC_PART r;
+  if (!Rule.count) {
+    r = Failed();
+    r.kind = ELF_LOC_REG;
+    r.reg = ELF_REG_SAME;
+  } else {
+    r = Rule.parts[0];
+  }
+  ELF_LOC_PART Out;
+  const bool RegRule = r.kind == ELF_LOC_REG || r.kind == ELF_LOC_REG_VALUE;
+  if (RegRule && r.reg == ELF_REG_UNDEFINED) return Failed();
+  if (RegRule && r.reg == ELF_REG_SAME) {
+    ELF_LOC_PART Same = In;
+    Same.kind = ELF_LOC_REG;
+    Same.offset = 0;
+    Out = ResolvePart(Callee, Same, Depth + 1);
+  } else {
+    Out = ResolvePart(Callee, r, Depth + 1);
+  }
+  if (Out.kind == ELF_LOC_NONE) return Out;
+  if (In.kind == ELF_LOC_REG_VALUE && In.offset) {
+    switch (Out.kind) {
+      case ELF_LOC_CONST: Out.value += (U64)(I64)In.offset; break;
+      case ELF_LOC_ADDR:
+      case ELF_LOC_ADDR_OFFSET:
+        Out.offset = (Out.kind == ELF_LOC_ADDR_OFFSET ? Out.offset : 0) + In.offset;
+        Out.kind = ELF_LOC_ADDR_OFFSET;
+        break;
+      case ELF_LOC_REG: Out.kind = ELF_LOC_REG_VALUE; Out.offset = In.offset; break;
+      case ELF_LOC_REG_VALUE:
+      case ELF_LOC_AT_REG: Out.offset += In.offset; break;
+      default: break;
+    }
+  }
+  return Out;
+}
+
+ELF_LOC_PART ResolvePart(const CCallFrame& F, const ELF_LOC_PART& In, int Depth) {
+  if (Depth > 64) return Failed();
+  ELF_LOC_PART p = In;
+  U64 Sp;
+  switch (In.kind) {
+    case ELF_LOC_CONST:
+    case ELF_LOC_ADDR:
+    case ELF_LOC_ADDR_OFFSET: return p;
+    case ELF_LOC_AT_BP:
+    case ELF_LOC_BP_VALUE:
+      if (!F.IsValid() || F.bpStatus != 0) return p;
+      if (In.kind == ELF_LOC_AT_BP) {
+        p.kind = ELF_LOC_ADDR;
+        p.address = (U32)(F.bp + (U64)(I64)In.offset);
+      } else {
+        p.kind = ELF_LOC_CONST;
+        p.value = F.bp + (U64)(I64)In.offset;
+      }
+      p.offset = 0;
+      return p;
+    case ELF_LOC_AT_CFA:
+    case ELF_LOC_CFA_VALUE:
+      if (!F.IsValid() || F.cfaStatus != 0) return p;
+      if (In.kind == ELF_LOC_AT_CFA) {
+        p.kind = ELF_LOC_ADDR;
+        p.address = (U32)(F.cfa + (U64)(I64)In.offset);
+      } else {
+        p.kind = ELF_LOC_CONST;
+        p.value = F.cfa + (U64)(I64)In.offset;
+      }
+      p.offset = 0;
+      return p;
+    case ELF_LOC_AT_SP:
+    case ELF_LOC_SP_VALUE:
+      if (!g_pFrameStore || !FrameRegister(F, g_pFrameStore->GetSpRegister(), Sp)) return p;
+      if (In.kind == ELF_LOC_AT_SP) {
+        p.kind = ELF_LOC_ADDR;
+        p.address = (U32)(Sp + (U64)(I64)In.offset);
+      } else {
+        p.kind = ELF_LOC_CONST;
+        p.value = Sp + (U64)(I64)In.offset;
+      }
+      p.offset = 0;
+      return p;
+    case ELF_LOC_REG:
+    case ELF_LOC_REG_VALUE: return RegisterStep(F, In, Depth);
+    case ELF_LOC_AT_REG: {
+      // The base register's value, then the address it points at.
+      ELF_LOC_PART Base = Failed();
+      Base.kind = ELF_LOC_REG;
+      Base.reg = In.baseRegister;
+      const ELF_LOC_PART b = ResolvePart(F, Base, Depth + 1);
+      if (b.kind == ELF_LOC_NONE || ((b.kind == ELF_LOC_REG || b.kind == ELF_LOC_REG_VALUE) && IsPseudoRegister(b.reg)))
+        return Failed();
+      U64 Word;
+      if (!PartWord(F, b, Word)) return Failed();
+      p = Failed();
+      p.kind = ELF_LOC_ADDR_OFFSET;
+      p.address = (U32)(Word + (U64)(I64)In.baseOffset);
+      p.offset = In.offset;
+      p.size = In.size;
+      return p;
+    }
+    case ELF_LOC_ENTRY_VALUE: {
+      CCallFrame Caller;
+      U64 v;
+      if (!g_pFrameStore || !F.IsValid() || F.isInline || F.index > 1 ||
+          !g_pFrameStore->GetFrame(F.stack, F.index + 1, Caller) ||
+          !FrameRegister(F, g_pFrameStore->GetPcRegister(), v) || !FrameRegister(F, g_pFrameStore->GetSpRegister(), v))
+        return Failed();
+      ELF_LOC_PART Inner = Failed();
+      Inner.kind = In.baseKind;
+      Inner.address = In.baseAddress;
+      Inner.reg = In.baseRegister;
+      Inner.offset = In.baseOffset;
+      Inner.size = In.size;
+      return ResolvePart(Caller, Inner, Depth + 1);
+    }
+    case ELF_LOC_INNER_VALUE: {
+      ELF_LOC_PART Inner = Failed();
+      Inner.kind = In.baseKind;
+      Inner.reg = In.baseRegister;
+      Inner.offset = (I32)In.baseAddress;
+      if (Inner.kind == ELF_LOC_AT_REG) {
+        // breg0..31 outside a frame base: the value is register + offset.
+        Inner.kind = ELF_LOC_REG_VALUE;
+        Inner.reg = In.baseRegister;
+        Inner.offset = In.baseOffset;
+      }
+      I64 Add = 0;
+      if (Inner.kind == ELF_LOC_REG_VALUE) {
+        Add = Inner.offset;
+        Inner.kind = ELF_LOC_REG;
+        Inner.offset = 0;
+      }
+      const ELF_LOC_PART r = ResolvePart(F, Inner, Depth + 1);
+      if (r.kind == ELF_LOC_NONE) return Failed();
+      U64 Value;
+      // A register's value is read where the frame keeps it; an address
+      // formed from SP, BP or CFA is the value itself.
+      if (r.kind == ELF_LOC_CONST) Value = r.value;
+      else if (Inner.kind != ELF_LOC_REG && (r.kind == ELF_LOC_ADDR || r.kind == ELF_LOC_ADDR_OFFSET))
+        Value = r.address + (r.kind == ELF_LOC_ADDR_OFFSET ? (U64)(I64)r.offset : 0);
+      else if (!PartWord(F, r, Value)) return Failed();
+      Value += (U64)Add;
+      p = Failed();
+      p.kind = ELF_LOC_CONST;
+      p.value = Value;
+      p.size = In.size;
+      return p;
+    }
+    default: return p;
+  }
+}
+} // namespace
+
+void ELF_SetFrameStore(ICallFrameStore* pStore) { g_pFrameStore = pStore; }
+ICallFrameStore* ELF_GetFrameStore() { return g_pFrameStore; }
+
+bool ELF_ReadRegisterPart(const CCallFrame& Frame, const ELF_LOC_PART& Part, U64& Value) {
+  if (!g_pFrameStore || Frame.stack < 0 || IsPseudoRegister(Part.reg)) return false;
+  if (Part.kind != ELF_LOC_REG && Part.kind != ELF_LOC_REG_VALUE) return false;
+  U64 v;
+  if (!g_pFrameStore->GetRegister(Frame.stack, 0, Part.reg, v)) return false;
+  Value = v + (Part.kind == ELF_LOC_REG_VALUE ? (U64)(I64)Part.offset : 0);
+  return true;
+}
+
+ELF_LOC_PART ResolveLocPart(const CCallFrame& Frame, const ELF_LOC_PART& Part) {
+  ELF_LOC_PART r = ResolvePart(Frame, Part, 0);
+  if (r.kind == ELF_LOC_NONE && Part.kind != ELF_LOC_NONE) {
+    ELF_SYM_LOC l;
+    memset(&l, 0, sizeof l);
+    l.count = 1;
+    l.parts[0] = Part;
+    LogWarning(QString("Failed to evaluate register data location: ") + ELF_LocationToText(l));
+  }
+  if (r.kind != ELF_LOC_NONE && !r.size) r.size = Part.size;
+  return r;
+}
+
+void ResolveLocation(const CCallFrame& Frame, ELF_SYM_LOC& Location) {
+  for (U32 i = 0; i < Location.count && i < 2; ++i) Location.parts[i] = ResolveLocPart(Frame, Location.parts[i]);
 }

@@ -96,3 +96,53 @@ std::vector<std::pair<U32, U32>> ELF_GetLocationRanges(ELF_SYM_HANDLE h, U32 Att
 typedef int (*ELF_READ_WORD_FN)(U32 Address, U32* pWord, void* pContext);
 void ELF_SetTargetReader(ELF_READ_WORD_FN pfRead, void* pContext);
 int ELF_ReadTargetWord(U32 Address, U32* pWord); // -1 without a reader
+
+// ---- call frames -------------------------------------------------------------
+// One frame of a call stack as locations see it. A value without pointers:
+// register values live in the frame store, keyed by (stack, index, register).
+struct CCallFrame {
+  I32 stack = -1;          // frame store row, -1 for an invalid frame
+  I32 index = -1;          // 0 is the innermost frame, -1 invalid
+  U8 isInline = 0;         // the function is an inlined instance
+  U32 frameSize = 0;       // CFA - SP when 0 <= difference <= 100,000
+  U32 registerCount = 0;
+  U32 returnColumn = 0;
+  U64 returnAddress = 0;
+  U64 bp = 0;              // frame base value
+  U64 cfa = 0;             // canonical frame address
+  U8 raStatus = 3, bpStatus = 3, cfaStatus = 3;  // 0 known, 1 failed, 3 not evaluated
+  U8 noCfi = 0;            // no register rules for this frame
+  ELF_SYM_LOC frameBase{}; // the function's frame base location, resolved so far
+  ELF_SYM_HANDLE function = 0;  // function or inlined instance at the PC
+
+  bool IsValid() const { return stack >= 0 && index >= 0; }
+};
+
+// Where frames and their register data are kept. The call stack installs
+// one; without it every frame-relative location stays unresolved.
+class ICallFrameStore {
+public:
+  virtual ~ICallFrameStore() = default;
+  // The frame (Stack, Index); false if the stack has no such frame.
+  virtual bool GetFrame(int Stack, int Index, CCallFrame& Out) const = 0;
+  virtual int GetFrameCount(int Stack) const = 0;
+  // A register's value in a frame; false when it isn't known.
+  virtual bool GetRegister(int Stack, int Index, U32 Register, U64& Value) const = 0;
+  // The frame's rule for a register (where the caller's value of it lies),
+  // empty if there is none.
+  virtual ELF_SYM_LOC GetRule(int Stack, int Index, U32 Register) const = 0;
+  virtual U32 GetPcRegister() const = 0;
+  virtual U32 GetSpRegister() const = 0;
+  // The frame the user selected in the public stack, -1 if none.
+  virtual int GetSelectedFrame() const { return -1; }
+};
+void ELF_SetFrameStore(ICallFrameStore* pStore);
+ICallFrameStore* ELF_GetFrameStore();
+
+// Resolves every part of a location against a frame, in place. A part that
+// fails becomes kind 0 and is logged.
+void ResolveLocation(const CCallFrame& Frame, ELF_SYM_LOC& Location);
+ELF_LOC_PART ResolveLocPart(const CCallFrame& Frame, const ELF_LOC_PART& Part);
+// The value a resolved register part (kind 4 or 5) reads: the device's
+// register of the innermost frame of the stack, plus the offset of kind 5.
+bool ELF_ReadRegisterPart(const CCallFrame& Frame, const ELF_LOC_PART& Part, U64& Value);

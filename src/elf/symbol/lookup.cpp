@@ -21,6 +21,8 @@ struct NAME_TABLES {
   ELF_SYM_HANDLE function = 0;
   bool builtLocals = false;
   NAME_TABLE locals;
+  // Locations of locals at a PC, for the current stop.
+  QHash<QPair<ELF_SYM_HANDLE, U32>, ELF_SYM_LOC> stopLocations;
 };
 
 NAME_TABLES& Tables() {
@@ -89,6 +91,26 @@ ELF_SYM_HANDLE FunctionAt(ELF_FILE* f, U32 Pc) {
   return Best;
 }
 
+bool Holds(ELF_SYM_HANDLE h, U32 Pc) {
+  for (const ELF_RANGE& r : ELF_GetRanges(h))
+    if (r.start <= Pc && Pc < r.end) return true;
+  return false;
+}
+
+// The innermost entry below h with one of the tags that holds the address.
+ELF_SYM_HANDLE InnermostBelow(ELF_SYM_HANDLE h, U32 Pc, bool Blocks, int Depth) {
+  if (Depth > 64) return h;
+  for (ELF_SYM_HANDLE c = ELF_GetFirstChild(h); c; c = ELF_GetNextSibling(c)) {
+    const U32 Tag = ELF_GetTag(c);
+    if (Tag != ELF_TAG_INLINED && Tag != 11) continue;
+    if (!Holds(c, Pc)) continue;
+    const ELF_SYM_HANDLE Inner = InnermostBelow(c, Pc, Blocks, Depth + 1);
+    if (Inner != c) return Inner;
+    if (Tag == ELF_TAG_INLINED || Blocks) return c;
+  }
+  return h;
+}
+
 void BuildLocals(NAME_TABLES& t) {
   if (t.builtLocals) return;
   t.builtLocals = true;
@@ -111,15 +133,52 @@ void BuildLocals(NAME_TABLES& t) {
 void SYM_SetCurrentPc(U32 Pc) {
   QMutexLocker Lock(&CElfApi::Instance().Mutex());
   NAME_TABLES& t = Tables();
+  // Every announcement is a new stop: register-relative results go.
+  t.stopLocations.clear();
   if (t.pc == Pc) return;
   t.pc = Pc;
   ELF_FILE* f = CElfApi::Instance().GetFile();
   const ELF_SYM_HANDLE Function = f && Pc != 0xFFFFFFFFu ? FunctionAt(f, Pc) : 0;
   if (Function != t.function || !Function) {
+    // Another function: its locals are fetched once, now.
     t.locals.clear();
     t.builtLocals = false;
     t.function = Function;
+    if (Function) BuildLocals(t);
   }
+}
+
+ELF_SYM_LOC SYM_GetLocalLocation(ELF_SYM_HANDLE Handle, U32 Pc) {
+  QMutexLocker Lock(&CElfApi::Instance().Mutex());
+  NAME_TABLES& t = Tables();
+  const QPair<ELF_SYM_HANDLE, U32> Key(Handle, Pc);
+  auto it = t.stopLocations.constFind(Key);
+  if (it != t.stopLocations.constEnd()) return *it;
+  if (t.stopLocations.size() > 100000) t.stopLocations.clear();
+  const ELF_SYM_LOC l = ELF_GetSymbolLocation(Handle, Pc);
+  t.stopLocations.insert(Key, l);
+  return l;
+}
+
+ELF_SYM_HANDLE SYM_GetFunctionAt(U32 Pc) {
+  QMutexLocker Lock(&CElfApi::Instance().Mutex());
+  ELF_FILE* f = CElfApi::Instance().GetFile();
+  if (!f || Pc == 0xFFFFFFFFu) return 0;
+  const ELF_SYM_HANDLE Function = FunctionAt(f, Pc);
+  return Function ? InnermostBelow(Function, Pc, false, 0) : 0;
+}
+
+ELF_SYM_HANDLE SYM_GetScopeAt(U32 Pc) {
+  QMutexLocker Lock(&CElfApi::Instance().Mutex());
+  ELF_FILE* f = CElfApi::Instance().GetFile();
+  if (!f || Pc == 0xFFFFFFFFu) return 0;
+  if (const ELF_SYM_HANDLE Function = FunctionAt(f, Pc)) return InnermostBelow(Function, Pc, true, 0);
+  const int n = ELF_GetListCount(f, ELF_LIST_UNITS);
+  for (int i = 0; i < n; ++i) {
+    const ELF_SYM_HANDLE u = ELF_GetListItem(f, ELF_LIST_UNITS, i);
+    if (Holds(u, Pc)) return u;
+  }
+  return 0;
 }
 
 U32 SYM_GetCurrentPc() {

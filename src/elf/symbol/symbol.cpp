@@ -142,7 +142,8 @@ SYM_LOC HandleLocation(ELF_SYM_HANDLE h) {
       U32 Addr = 0;
       if (ELF_GetStaticAddress(h, &Addr)) {
         Loc = SYM_LOC::Make(SYM_LOC_ADDR, Addr);
-      } else {
+      } else if (ELF_IsDeclaration(h)) {
+        // A declaration (extern) takes the place of its definition.
         const ELF_SYM_HANDLE d = ELF_GetDefinition(h);
         if (d && d != h && ELF_GetStaticAddress(d, &Addr)) Loc = SYM_LOC::Make(SYM_LOC_ADDR, Addr);
       }
@@ -213,10 +214,53 @@ bool SYM_LOC::operator==(const SYM_LOC& o) const {
   if (count != o.count) return false;
   for (U32 i = 0; i < count && i < 2; ++i) {
     const SYM_LOC_PART &a = parts[i], &b = o.parts[i];
-    if (a.kind != b.kind || a.reg != b.reg || a.offset != b.offset || a.address != b.address || a.value != b.value)
+    if (a.kind != b.kind || a.reg != b.reg || a.offset != b.offset || a.address != b.address || a.value != b.value ||
+        a.size != b.size || a.baseKind != b.baseKind || a.baseRegister != b.baseRegister ||
+        a.baseOffset != b.baseOffset || a.baseAddress != b.baseAddress)
       return false;
   }
   return true;
+}
+
+SYM_LOC SYM_FromElfLocation(const ELF_SYM_LOC& Loc) {
+  SYM_LOC l;
+  l.count = Loc.count > 2 ? 2 : Loc.count;
+  for (U32 i = 0; i < l.count; ++i) {
+    const ELF_LOC_PART& e = Loc.parts[i];
+    SYM_LOC_PART& p = l.parts[i];
+    p.kind = e.kind;
+    p.reg = e.reg;
+    p.offset = e.offset;
+    p.address = e.address;
+    p.value = e.value;
+    p.size = e.size;
+    p.baseKind = e.baseKind;
+    p.baseRegister = e.baseRegister;
+    p.baseOffset = e.baseOffset;
+    p.baseAddress = e.baseAddress;
+  }
+  return l;
+}
+
+ELF_SYM_LOC SYM_ToElfLocation(const SYM_LOC& Loc) {
+  ELF_SYM_LOC l;
+  memset(&l, 0, sizeof l);
+  l.count = Loc.count > 2 ? 2 : Loc.count;
+  for (U32 i = 0; i < l.count; ++i) {
+    const SYM_LOC_PART& p = Loc.parts[i];
+    ELF_LOC_PART& e = l.parts[i];
+    e.kind = p.kind;
+    e.reg = p.reg;
+    e.offset = (I32)p.offset;
+    e.address = (U32)p.address;
+    e.value = p.value;
+    e.size = p.size;
+    e.baseKind = p.baseKind;
+    e.baseRegister = p.baseRegister;
+    e.baseOffset = (I32)p.baseOffset;
+    e.baseAddress = (U32)p.baseAddress;
+  }
+  return l;
 }
 
 void SYM_SetMemory(ISymbolMemory* pMemory) { s_pMemory = pMemory; }
@@ -823,11 +867,104 @@ SYM_LOC CSymbol::GetLocation() {
     }
     return SYM_LOC::Make(SYM_LOC_ADDR, Start);
   }
+  return GetLocation(GetFrame());
+}
+
+namespace {
+// The function or inlined instance that holds a debug entry.
+ELF_SYM_HANDLE EnclosingFunction(ELF_SYM_HANDLE h) {
+  static QHash<ELF_SYM_HANDLE, ELF_SYM_HANDLE> Memo;
+  static U64 Identity = 0;
+  if (Identity != SYM_GetProgramIdentity()) {
+    Memo.clear();
+    Identity = SYM_GetProgramIdentity();
+  }
+  auto it = Memo.constFind(h);
+  if (it != Memo.constEnd()) return *it;
+  ELF_SYM_HANDLE f = 0;
+  int Guard = 0;
+  for (ELF_SYM_HANDLE p = ELF_GetParent(h); p && Guard < 10000; p = ELF_GetParent(p), ++Guard) {
+    const U32 t = ELF_GetTag(p);
+    if (t == ELF_TAG_SUBPROGRAM || t == ELF_TAG_INLINED) {
+      f = p;
+      break;
+    }
+    if (t == ELF_TAG_COMPILE_UNIT) break;
+  }
+  Memo.insert(h, f);
+  return f;
+}
+
+bool FramePc(const CCallFrame& F, U64& Pc) {
+  ICallFrameStore* s = ELF_GetFrameStore();
+  return s && F.IsValid() && s->GetRegister(F.stack, F.index, s->GetPcRegister(), Pc);
+}
+}  // namespace
+
+int CSymbol::GetFrameIndex() const {
+  if (!IsLocal()) return -1;
+  const CSymbol* r = this;
+  for (int i = 0; i < 10000 && r->GetParent(); ++i) r = r->GetParent();
+  if (!r->handle || !ELF_IsDieHandle(r->handle)) return -1;
+  ELF_SYM_HANDLE f;
+  {
+    QMutexLocker Lock(&CElfApi::Instance().Mutex());
+    f = EnclosingFunction(r->handle);
+  }
+  if (!f) return -1;
+  ICallFrameStore* s = ELF_GetFrameStore();
+  CCallFrame Frame;
+  const int Selected = s ? s->GetSelectedFrame() : -1;
+  if (Selected >= 0 && s->GetFrame(0, Selected, Frame) && Frame.function == f) return Selected;
+  const U32 Pc = SYM_GetCurrentPc();
+  if (Pc != 0xFFFFFFFFu && SYM_GetFunctionAt(Pc) == f) return 0;
+  const int n = s ? s->GetFrameCount(0) : 0;
+  for (int i = 0; i < n; ++i)
+    if (s->GetFrame(0, i, Frame) && Frame.function == f) return i;
+  return -1;
+}
+
+CCallFrame CSymbol::GetFrame() const {
+  CCallFrame Frame;
+  ICallFrameStore* s = ELF_GetFrameStore();
+  if (!s) return Frame;
+  const int Index = GetFrameIndex();
+  if (Index != -1) {
+    if (!s->GetFrame(0, Index, Frame)) Frame = CCallFrame();
+    return Frame;
+  }
+  const int n = s->GetFrameCount(0);
+  if (n <= 0 || !s->GetFrame(0, n - 1, Frame)) Frame = CCallFrame();
+  return Frame;
+}
+
+SYM_LOC CSymbol::GetLocation(const CCallFrame& Frame) {
   SYM_LOC l = location;
+  if (handle && ELF_IsDieHandle(handle) && !isFixedLocation && IsLocal()) {
+    U64 Pc = 0;
+    if (!FramePc(Frame, Pc)) Pc = SYM_GetCurrentPc();
+    const ELF_SYM_LOC e = SYM_GetLocalLocation(handle, (U32)Pc);
+    if (e.count) {
+      if (e.parts[0].kind == ELF_LOC_AT_BP && Frame.bpStatus != 0)
+        LogWarning("Data location of local symbol " + GetDisplayName() + " depends on unsure frame base pointer");
+      l = SYM_FromElfLocation(e);
+    }
+  }
   if (!l.count) return l;
+  if (l.parts[0].kind != SYM_LOC_PARENT_LOC && l.parts[0].kind != SYM_LOC_PARENT_VALUE) {
+    ELF_SYM_LOC e = SYM_ToElfLocation(l);
+    QMutexLocker Lock(&CElfApi::Instance().Mutex());
+    ResolveLocation(Frame, e);
+    l = SYM_FromElfLocation(e);
+    // A part that could not be resolved leaves the value without location.
+    for (U32 i = 0; i < l.count; ++i)
+      if (l.parts[i].kind == SYM_LOC_NONE) return SYM_LOC();
+    // Without a frame, a frame-relative location names no place.
+    if (!Frame.IsValid() && !l.IsResolved()) return SYM_LOC();
+  }
   CSymbol* p = GetParent(true);
   if (l.parts[0].kind == SYM_LOC_PARENT_LOC && p && p != this) {
-    SYM_LOC pl = p->GetLocation();
+    SYM_LOC pl = p->GetLocation(Frame);
     if (pl.count == 1) {
       SYM_LOC_PART& a = pl.parts[0];
       switch (a.kind) {
@@ -981,6 +1118,37 @@ int CSymbol::SetTextData(const QByteArray& Bytes) {
   return 1;
 }
 
+// A value held in registers (or pieces of registers and memory): each part
+// gives its size in bytes, a single part the whole value.
+bool CSymbol::ReadRegisterParts(const SYM_LOC& Loc, int Size) {
+  QByteArray Bytes;
+  const CCallFrame Frame = GetFrame();
+  for (U32 i = 0; i < Loc.count && i < 2; ++i) {
+    const SYM_LOC_PART& p = Loc.parts[i];
+    int n = p.size ? (int)p.size : (Loc.count == 1 ? Size : 4);
+    if (n <= 0 || n > 8) return false;
+    U64 v = 0;
+    if (p.kind == SYM_LOC_REG || p.kind == SYM_LOC_REG_OFFSET) {
+      ELF_SYM_LOC e = SYM_ToElfLocation(Loc);
+      if (!ELF_ReadRegisterPart(Frame, e.parts[i], v)) return false;
+    } else if (p.kind == SYM_LOC_CONST) {
+      v = p.value;
+    } else if (p.kind == SYM_LOC_ADDR || p.kind == SYM_LOC_ADDR_OFFSET) {
+      QByteArray m;
+      const U32 a = (U32)(p.address + (p.kind == SYM_LOC_ADDR_OFFSET ? (U64)p.offset : 0));
+      if (SYM_GetMemory()->Read(a, (U32)n, QString(), m) < 0 || m.size() != n) return false;
+      if (IsBigEndianProgram()) std::reverse(m.begin(), m.end());
+      v = ReadLe(m, n);
+    } else {
+      return false;
+    }
+    for (int k = 0; k < n; ++k) Bytes.append((char)(k < 8 ? (v >> (8 * k)) : 0));
+  }
+  if (Bytes.size() < Size) return false;
+  SetData(Bytes.left(Size));
+  return true;
+}
+
 int CSymbol::LoadFromBlock(I64 Address, I64 Size, const CExprSnapshot* pSnapshot) {
   if (Size <= 0) return -1;
   if (IsArray()) {
@@ -1023,7 +1191,7 @@ int CSymbol::LoadFromBlock(I64 Address, I64 Size, const CExprSnapshot* pSnapshot
       for (int i = 0; i < Size; ++i) Bytes[i] = (char)(l.parts[0].value >> (8 * i));
       return SetData(Bytes), 0;
     }
-    if (!l.IsMemory()) return -4;
+    if (!l.IsMemory()) return ReadRegisterParts(l, (int)Size) ? 0 : -4;
     I64 a = Address;
     if (a < 0) {
       a = (I64)l.parts[0].address;

@@ -7,6 +7,7 @@
 #include "common/types.h"
 #include "elf/elf.h"
 #include "elf/dwarf/debuginfo.h"
+#include "elf/dwarf/location.h"
 #include "elf/symbol/numtext.h"
 #include "elf/symbol/typename.h"
 
@@ -35,6 +36,11 @@ struct SYM_LOC_PART {
   I64 offset = 0;
   U64 address = 0;
   U64 value = 0;
+  U32 size = 0;          // bytes of this piece, 0 if not a piece
+  U32 baseKind = 0;      // inner location of kinds 6, 15, 16
+  U32 baseRegister = 0;
+  I64 baseOffset = 0;
+  U64 baseAddress = 0;
 };
 
 // A data location of fixed size: a count and up to two parts.
@@ -51,6 +57,10 @@ struct SYM_LOC {
   bool IsResolved() const;
   bool operator==(const SYM_LOC& o) const;
 };
+
+// The same location in the form of the debug information layer and back.
+SYM_LOC SYM_FromElfLocation(const ELF_SYM_LOC& Loc);
+ELF_SYM_LOC SYM_ToElfLocation(const SYM_LOC& Loc);
 
 // The one way bytes of the target enter a symbol. Without a target the
 // program image answers (initialised data only).
@@ -116,6 +126,13 @@ public:
 
   // Location and value.
   SYM_LOC GetLocation();
+  // The location against one frame: a local is looked up at the frame's PC
+  // and resolved with its registers, frame base and CFA.
+  SYM_LOC GetLocation(const CCallFrame& Frame);
+  // Which frame of the call stack holds this local, -1 if none.
+  int GetFrameIndex() const;
+  // The frame that GetLocation() resolves against.
+  CCallFrame GetFrame() const;
   bool GetAddress(I64& Address);
   I64 GetAddress() {
     I64 a;
@@ -179,6 +196,7 @@ private:
   void ElementType(ELF_SYM_HANDLE& Handle, U32& Size, bool& Signed, QString& sTypeText);
   QString FullName(int Depth);
   CSymbol& FindMemberIn(ELF_SYM_HANDLE TypeHandle, const QString& sName, bool& Found);
+  bool ReadRegisterParts(const SYM_LOC& Loc, int Size);
 };
 
 // ---- name services of the wrapper (take the wrapper mutex) ----------------
@@ -193,9 +211,17 @@ QString GetQualifiedName(ELF_SYM_HANDLE Handle, int Mode);
 // Kind: 0 number, 1 source line, 2 symbol, 3 declaration, -1 nothing.
 CAddrRange ResolveToAddress(const QString& sText, int& Kind);
 // The PC that locals belong to (0xFFFFFFFF: none, as without a halted
-// target). The locals table is dropped when the function changes.
+// target), announced at each stop. The locals table is dropped and fetched
+// anew when the function changes; the per-stop location memo every time.
 void SYM_SetCurrentPc(U32 Pc);
 U32 SYM_GetCurrentPc();
+// The location of a local at a PC, memoised until the next SYM_SetCurrentPc.
+ELF_SYM_LOC SYM_GetLocalLocation(ELF_SYM_HANDLE Handle, U32 Pc);
+// The innermost function or inlined instance that holds the address, 0 if none.
+ELF_SYM_HANDLE SYM_GetFunctionAt(U32 Pc);
+// The innermost function, lexical block, inlined instance or compile unit
+// that holds the address, 0 if none.
+ELF_SYM_HANDLE SYM_GetScopeAt(U32 Pc);
 // Forgets the name tables (program closed or loaded).
 void SYM_ResetTables();
 // A value that changes whenever another program is loaded (0x10000 without one).
