@@ -1,5 +1,6 @@
-// "Function count: " and "Global variable count: " of the wrapper's load log
-// against counts made from readelf's symbol table and debug info dump, by
+// File.Open in a batch run of the application: its log holds every load stage
+// in order with its time, "DWARF Version: " with the highest unit version,
+// and "Function count: " and "Global variable count: ", compared with counts made from readelf's symbol table and debug info dump, by
 // the rules of the function list (one entry per start address, debug
 // functions and sized ELF function symbols; an abstract function that has
 // inlined instances stands at its first placed instance) and of the global
@@ -17,11 +18,9 @@
 //   symbol or its section's end (the ELF layer completes sizes), so it
 //   counts.
 #include "dwarf_test_util.h"
-#include "elf/elfapi.h"
-#include "log/diag.h"
-#include "log/log.h"
 
 #include <QFile>
+#include <QProcess>
 #include <QRegularExpression>
 #include <gtest/gtest.h>
 #include <map>
@@ -182,24 +181,67 @@ ReadelfCounts CountWithReadelf(const std::string& path) {
 
 class TablesCounts : public ::testing::TestWithParam<std::string> {};
 
-TEST_P(TablesCounts, LoadLogCountsMatchReadelf) {
-  DIAG_Init();
-  DWARF_Install();
-  const std::string path = CorpusPath(GetParam());
-  const QString logPath = QString::fromLocal8Bit(qgetenv("TAVIT_TEST_TMP")) + "/tables-counts-" +
-                          QString::fromStdString(GetParam()) + ".log";
+// The highest unit version that readelf reports for the file.
+int ReadelfDwarfVersion(const std::string& path) {
+  int v = 0;
+  std::regex re(R"(^\s+Version:\s+(\d+)\s*$)");
+  for (auto& l : SplitLines(RunTool("arm-none-eabi-readelf --debug-dump=info " + path))) {
+    std::smatch m;
+    if (std::regex_search(l, m, re)) v = std::max(v, std::stoi(m[1]));
+  }
+  return v;
+}
+
+// File.Open of the program in a batch run of the application, with a log file.
+QString BatchOpenLog(const std::string& path, const std::string& name) {
+  const QString dir = QString::fromLocal8Bit(qgetenv("TAVIT_TEST_TMP"));
+  const QString logPath = dir + "/tables-counts-" + QString::fromStdString(name) + ".log";
+  const QString script = dir + "/tables-counts-" + QString::fromStdString(name) + ".txt";
   QFile::remove(logPath);
-  SetLogFile(LOG_FILE_APP, logPath);
-  CElfApi& api = CElfApi::Instance();
-  ASSERT_EQ(api.Load(QString::fromStdString(path)), 0);
-  api.Close();
-  LogFlush();
-  SetLogFile(LOG_FILE_APP, QString());
+  QFile sf(script);
+  if (!sf.open(QIODevice::WriteOnly)) return QString();
+  sf.write(QStringLiteral("File.Open(\"%1\")\n").arg(QString::fromStdString(path)).toUtf8());
+  sf.close();
+  QProcess p;
+  p.start(QString::fromLocal8Bit(qgetenv("TAVIT_BUILD_DIR")) + "/tavit", {"-logfile", logPath, "-batch", script});
+  if (!p.waitForFinished(60000) || p.exitCode() != 0) return QString();
   QFile f(logPath);
-  ASSERT_TRUE(f.open(QIODevice::ReadOnly));
-  const QString log = QString::fromUtf8(f.readAll());
-  const QRegularExpressionMatch fc = QRegularExpression("Function count: (\\d+)").match(log);
-  const QRegularExpressionMatch gc = QRegularExpression("Global variable count: (\\d+)").match(log);
+  return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
+}
+
+TEST_P(TablesCounts, BatchLoadLogsStagesAndCountsMatchReadelf) {
+  const std::string path = CorpusPath(GetParam());
+  const QString log = BatchOpenLog(path, GetParam());
+  ASSERT_FALSE(log.isEmpty()) << "batch run failed";
+  const char* stages[] = {"Program data segments initialized in: ",
+                          "Parsed source file paths found in address mapping table: ",
+                          "Parsed source file paths found in source files table: ",
+                          "Initialized file exists flags: ",
+                          "Parsed source to address mapping table: ",
+                          "parsed file address ranges: ",
+                          "Cleaned up address mapping table: ",
+                          "Build debug symbol lists: ",
+                          "Hashed function inline expansions: ",
+                          "Sorted program address list: ",
+                          "Build symbol table: ",
+                          "Build functions list: ",
+                          "build function interval tree: ",
+                          "build file interval tree: ",
+                          "hashed file functions: ",
+                          "parsed call frame information: ",
+                          "ELF-API wrapper initialized in "};
+  int at = 0;
+  for (const char* s : stages) {
+    // The log sink writes the first letter of a line in upper case.
+    const QRegularExpression re(QRegularExpression::escape(QString::fromLatin1(s)) + "\\d+:\\d{3} ms",
+                                QRegularExpression::CaseInsensitiveOption);
+    const QRegularExpressionMatch m = re.match(log, at);
+    ASSERT_TRUE(m.hasMatch()) << s;
+    at = (int)m.capturedEnd();
+  }
+  EXPECT_TRUE(log.contains(QStringLiteral("DWARF Version: %1\n").arg(ReadelfDwarfVersion(path)))) << log.toStdString();
+  const QRegularExpressionMatch fc = QRegularExpression("Function count: (\\d+)").match(log, at);
+  const QRegularExpressionMatch gc = QRegularExpression("Global variable count: (\\d+)").match(log, at);
   ASSERT_TRUE(fc.hasMatch());
   ASSERT_TRUE(gc.hasMatch());
   const ReadelfCounts want = CountWithReadelf(path);
