@@ -87,23 +87,6 @@ ELF_SYM_LOC CFrameStore::GetRule(int Stack, int Index, U32 Register) const {
 
 namespace {
 
-// The number a resolved single part stands for in a frame.
-bool PartValue(const CCallFrame& F, const ELF_LOC_PART& p, U64& Value) {
-  switch (p.kind) {
-    case ELF_LOC_CONST: Value = p.value; return true;
-    case ELF_LOC_REG:
-    case ELF_LOC_REG_VALUE: return ELF_ReadRegisterPart(F, p, Value);
-    case ELF_LOC_ADDR:
-    case ELF_LOC_ADDR_OFFSET: {
-      U32 w;
-      if (ELF_ReadTargetWord(p.address + (p.kind == ELF_LOC_ADDR_OFFSET ? (U32)p.offset : 0u), &w) != 0) return false;
-      Value = w;
-      return true;
-    }
-    default: return false;
-  }
-}
-
 // A rule or frame base of one part as a number; "register + offset" is the
 // register's value (wherever the frame keeps it) plus the offset.
 bool LocationValue(const CCallFrame& F, const ELF_SYM_LOC& Loc, U64& Value) {
@@ -116,7 +99,7 @@ bool LocationValue(const CCallFrame& F, const ELF_SYM_LOC& Loc, U64& Value) {
     p.offset = 0;
   }
   p = ResolveLocPart(F, p);
-  if (!PartValue(F, p, Value)) return false;
+  if (!ELF_ResolvedPartWord(F, p, Value)) return false;
   Value += (U64)Add;
   return true;
 }

@@ -406,6 +406,16 @@ void CLineTables::Build(ELF_FILE* f, STAGE_FN pfStage, void* pContext) {
     std::unordered_map<U32, ELF_SYM_HANDLE> handleAt;
     sizeAt.reserve(m_Lists[1].size() + m_ElfFunctions.size());
     handleAt.reserve(m_Lists[1].size() + m_ElfFunctions.size());
+    // A function with a range takes its start unless a larger one holds it.
+    auto note = [&](ELF_SYM_HANDLE h) {
+      const CAddrRange r = GetSymbolRange(h);
+      if (r.IsEmpty()) return;
+      U32& noted = sizeAt[r.start];
+      if (r.size > noted) {
+        noted = r.size;
+        handleAt[r.start] = h;
+      }
+    };
     for (ELF_SYM_HANDLE h : m_Lists[1]) {
       auto ex = m_InlineExpansions.find(h);
       if (ex != m_InlineExpansions.end()) {
@@ -419,23 +429,9 @@ void CLineTables::Build(ELF_FILE* f, STAGE_FN pfStage, void* pContext) {
         }
         continue;
       }
-      const CAddrRange r = GetSymbolRange(h);
-      if (r.IsEmpty()) continue;
-      U32& noted = sizeAt[r.start];
-      if (r.size > noted) {
-        noted = r.size;
-        handleAt[r.start] = h;
-      }
+      note(h);
     }
-    for (ELF_SYM_HANDLE h : m_ElfFunctions) {
-      const CAddrRange r = GetSymbolRange(h);
-      if (r.IsEmpty()) continue;
-      U32& noted = sizeAt[r.start];
-      if (r.size > noted) {
-        noted = r.size;
-        handleAt[r.start] = h;
-      }
-    }
+    for (ELF_SYM_HANDLE h : m_ElfFunctions) note(h);
     std::vector<std::pair<U32, ELF_SYM_HANDLE>> v(handleAt.begin(), handleAt.end());
     std::sort(v.begin(), v.end());
     m_Functions.reserve(v.size());

@@ -589,24 +589,6 @@ bool IsPseudoRegister(U32 Reg) { return Reg == ELF_REG_UNDEFINED || Reg == ELF_R
 
 ELF_LOC_PART ResolvePart(const CCallFrame& F, const ELF_LOC_PART& In, int Depth);
 
-// A resolved part as a number: the value of kind 1, the register of kinds 4
-// and 5, the word at the address of kinds 2 and 3.
-bool PartWord(const CCallFrame& F, const ELF_LOC_PART& p, U64& Value) {
-  switch (p.kind) {
-    case ELF_LOC_CONST: Value = p.value; return true;
-    case ELF_LOC_REG:
-    case ELF_LOC_REG_VALUE: return ELF_ReadRegisterPart(F, p, Value);
-    case ELF_LOC_ADDR:
-    case ELF_LOC_ADDR_OFFSET: {
-      U32 w;
-      if (ELF_ReadTargetWord(p.address + (p.kind == ELF_LOC_ADDR_OFFSET ? (U32)p.offset : 0u), &w) != 0) return false;
-      Value = w;
-      return true;
-    }
-    default: return false;
-  }
-}
-
 // Where the value of a register of frame F lies: in F's own register for the
 // innermost frame, otherwise by the rule of the callee frame.
 ELF_LOC_PART RegisterStep(const CCallFrame& F, const ELF_LOC_PART& In, int Depth) {
@@ -657,6 +639,21 @@ ELF_LOC_PART RegisterStep(const CCallFrame& F, const ELF_LOC_PART& In, int Depth
   return Out;
 }
 
+// A part relative to a base value (BP, CFA, SP): the address base + offset
+// for the "at" kinds, the value base + offset for the others.
+ELF_LOC_PART OffsetFrom(const ELF_LOC_PART& In, U64 Base, bool At) {
+  ELF_LOC_PART p = In;
+  if (At) {
+    p.kind = ELF_LOC_ADDR;
+    p.address = (U32)(Base + (U64)(I64)In.offset);
+  } else {
+    p.kind = ELF_LOC_CONST;
+    p.value = Base + (U64)(I64)In.offset;
+  }
+  p.offset = 0;
+  return p;
+}
+
 ELF_LOC_PART ResolvePart(const CCallFrame& F, const ELF_LOC_PART& In, int Depth) {
   if (Depth > 64) return Failed();
   ELF_LOC_PART p = In;
@@ -668,39 +665,15 @@ ELF_LOC_PART ResolvePart(const CCallFrame& F, const ELF_LOC_PART& In, int Depth)
     case ELF_LOC_AT_BP:
     case ELF_LOC_BP_VALUE:
       if (!F.IsValid() || F.bpStatus != 0) return p;
-      if (In.kind == ELF_LOC_AT_BP) {
-        p.kind = ELF_LOC_ADDR;
-        p.address = (U32)(F.bp + (U64)(I64)In.offset);
-      } else {
-        p.kind = ELF_LOC_CONST;
-        p.value = F.bp + (U64)(I64)In.offset;
-      }
-      p.offset = 0;
-      return p;
+      return OffsetFrom(In, F.bp, In.kind == ELF_LOC_AT_BP);
     case ELF_LOC_AT_CFA:
     case ELF_LOC_CFA_VALUE:
       if (!F.IsValid() || F.cfaStatus != 0) return p;
-      if (In.kind == ELF_LOC_AT_CFA) {
-        p.kind = ELF_LOC_ADDR;
-        p.address = (U32)(F.cfa + (U64)(I64)In.offset);
-      } else {
-        p.kind = ELF_LOC_CONST;
-        p.value = F.cfa + (U64)(I64)In.offset;
-      }
-      p.offset = 0;
-      return p;
+      return OffsetFrom(In, F.cfa, In.kind == ELF_LOC_AT_CFA);
     case ELF_LOC_AT_SP:
     case ELF_LOC_SP_VALUE:
       if (!g_pFrameStore || !FrameRegister(F, g_pFrameStore->GetSpRegister(), Sp)) return p;
-      if (In.kind == ELF_LOC_AT_SP) {
-        p.kind = ELF_LOC_ADDR;
-        p.address = (U32)(Sp + (U64)(I64)In.offset);
-      } else {
-        p.kind = ELF_LOC_CONST;
-        p.value = Sp + (U64)(I64)In.offset;
-      }
-      p.offset = 0;
-      return p;
+      return OffsetFrom(In, Sp, In.kind == ELF_LOC_AT_SP);
     case ELF_LOC_REG:
     case ELF_LOC_REG_VALUE: return RegisterStep(F, In, Depth);
     case ELF_LOC_AT_REG: {
@@ -712,7 +685,7 @@ ELF_LOC_PART ResolvePart(const CCallFrame& F, const ELF_LOC_PART& In, int Depth)
       if (b.kind == ELF_LOC_NONE || ((b.kind == ELF_LOC_REG || b.kind == ELF_LOC_REG_VALUE) && IsPseudoRegister(b.reg)))
         return Failed();
       U64 Word;
-      if (!PartWord(F, b, Word)) return Failed();
+      if (!ELF_ResolvedPartWord(F, b, Word)) return Failed();
       p = Failed();
       p.kind = ELF_LOC_ADDR_OFFSET;
       p.address = (U32)(Word + (U64)(I64)In.baseOffset);
@@ -760,7 +733,7 @@ ELF_LOC_PART ResolvePart(const CCallFrame& F, const ELF_LOC_PART& In, int Depth)
       if (r.kind == ELF_LOC_CONST) Value = r.value;
       else if (Inner.kind != ELF_LOC_REG && (r.kind == ELF_LOC_ADDR || r.kind == ELF_LOC_ADDR_OFFSET))
         Value = r.address + (r.kind == ELF_LOC_ADDR_OFFSET ? (U64)(I64)r.offset : 0);
-      else if (!PartWord(F, r, Value)) return Failed();
+      else if (!ELF_ResolvedPartWord(F, r, Value)) return Failed();
       Value += (U64)Add;
       p = Failed();
       p.kind = ELF_LOC_CONST;
@@ -800,4 +773,22 @@ ELF_LOC_PART ResolveLocPart(const CCallFrame& Frame, const ELF_LOC_PART& Part) {
 
 void ResolveLocation(const CCallFrame& Frame, ELF_SYM_LOC& Location) {
   for (U32 i = 0; i < Location.count && i < 2; ++i) Location.parts[i] = ResolveLocPart(Frame, Location.parts[i]);
+}
+
+// A resolved part as a number: the value of kind 1, the register of kinds 4
+// and 5, the word at the address of kinds 2 and 3.
+bool ELF_ResolvedPartWord(const CCallFrame& F, const ELF_LOC_PART& p, U64& Value) {
+  switch (p.kind) {
+    case ELF_LOC_CONST: Value = p.value; return true;
+    case ELF_LOC_REG:
+    case ELF_LOC_REG_VALUE: return ELF_ReadRegisterPart(F, p, Value);
+    case ELF_LOC_ADDR:
+    case ELF_LOC_ADDR_OFFSET: {
+      U32 w;
+      if (ELF_ReadTargetWord(p.address + (p.kind == ELF_LOC_ADDR_OFFSET ? (U32)p.offset : 0u), &w) != 0) return false;
+      Value = w;
+      return true;
+    }
+    default: return false;
+  }
 }

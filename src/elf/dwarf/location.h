@@ -146,3 +146,6 @@ ELF_LOC_PART ResolveLocPart(const CCallFrame& Frame, const ELF_LOC_PART& Part);
 // The value a resolved register part (kind 4 or 5) reads: the device's
 // register of the innermost frame of the stack, plus the offset of kind 5.
 bool ELF_ReadRegisterPart(const CCallFrame& Frame, const ELF_LOC_PART& Part, U64& Value);
+// A resolved part as a number: the value of kind 1, the register of kinds 4
+// and 5, the word at the address of kinds 2 and 3.
+bool ELF_ResolvedPartWord(const CCallFrame& Frame, const ELF_LOC_PART& Part, U64& Value);
