@@ -173,24 +173,15 @@ INSTANTIATE_TEST_SUITE_P(Corpus, SourceLocsVsDwarfdump,
 
 // Line tables written by the compiler itself (the corpus has the
 // assembler's) number files from 0 at version 5 and from 1 before; a
-// header's entries land on the header either way.
+// header's entries land on the header either way. The program is
+// firmware/tests/shapes.c, built at both versions by firmware/tests/build.sh.
 TEST(SourceLocs, CompilerWrittenFileTables) {
-  if (RunTool("command -v arm-none-eabi-gcc").empty()) GTEST_SKIP() << "no cross compiler";
-  const char* tmp = getenv("TAVIT_TEST_TMP");
-  const std::string dir = std::string(tmp ? tmp : "/tmp") + "/srcq";
-  RunTool("mkdir -p " + dir + " && cd " + dir + " && printf '" +
-          "struct shape {\\n  int w;\\n  int h;\\n};\\nstatic inline int area(const struct shape* s)\\n{\\n"
-          "  return s->w * s->h;\\n}\\n' > shapes.h && printf '#include \"shapes.h\"\\n"
-          "struct shape g_box = {3, 4};\\nvolatile int g_out;\\nint main(void)\\n{\\n  g_out = area(&g_box);\\n"
-          "  return 0;\\n}\\n' > shapes.c");
+  const char* src = getenv("TAVIT_SOURCE_DIR");
   for (std::string v : {"5", "4"}) {
-    const std::string out = dir + "/shapes" + v + ".elf";
-    RunTool("cd " + dir + " && arm-none-eabi-gcc -mthumb -mcpu=cortex-m4 -O2 -gdwarf-" + v +
-            " -gno-as-loc-support -ffreestanding -nostdlib -nostartfiles -Wl,--entry=main -Wl,-Ttext=0x08000000 -o " +
-            out + " shapes.c");
-    ASSERT_EQ(access(out.c_str(), R_OK), 0) << v;
-    ASSERT_NE(RunTool("llvm-dwarfdump --debug-line " + out).find("version: " + v), std::string::npos);
-    const LocCounts n = CheckDeclAndCall(out);
+    const std::string path = std::string(src ? src : ".") + "/firmware/tests/elf/shapes-dwarf" + v + ".elf";
+    ASSERT_EQ(access(path.c_str(), R_OK), 0) << path;
+    ASSERT_NE(RunTool("llvm-dwarfdump --debug-line " + path).find("version: " + v), std::string::npos);
+    const LocCounts n = CheckDeclAndCall(path);
     EXPECT_GE(n.decls, 6) << v;
     EXPECT_GE(n.headerDecls, 3) << v;
     EXPECT_GE(n.calls, 1) << v;

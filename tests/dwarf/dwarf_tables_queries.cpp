@@ -329,20 +329,12 @@ TEST(TablesQueries, ProgramWithoutDebugInformation) {
   EXPECT_TRUE(t.GetSourceFiles().isEmpty());
 }
 
-// The control block of the terminal: a program with `_MARLEK_LVT` built here.
+// The control block of the terminal: a program with `_MARLEK_LVT`
+// (firmware/tests/lvt.c).
 TEST(TablesWrapper, LvtSymbolRemembered) {
-  const QString dir = QString::fromLocal8Bit(qgetenv("TAVIT_TEST_TMP")) + "/tables-lvt";
-  QDir().mkpath(dir);
-  {
-    QFile c(dir + "/lvt.c");
-    ASSERT_TRUE(c.open(QIODevice::WriteOnly));
-    c.write("unsigned _MARLEK_LVT[8];\nunsigned other;\n"
-            "int main(void) { return (int)(_MARLEK_LVT[1] + other); }\n");
-  }
-  const std::string elf = (dir + "/lvt.elf").toStdString();
-  RunTool("arm-none-eabi-gcc -mthumb -mcpu=cortex-m4 -g -O0 -nostdlib -Wl,-e,main -o " + elf + " " +
-          (dir + "/lvt.c").toStdString());
-  if (!QFileInfo::exists(QString::fromStdString(elf))) GTEST_SKIP() << "no cross compiler";
+  const char* src = getenv("TAVIT_SOURCE_DIR");
+  const std::string elf = std::string(src ? src : ".") + "/firmware/tests/elf/lvt.elf";
+  ASSERT_TRUE(QFileInfo::exists(QString::fromStdString(elf))) << elf;
   U32 want = 0;
   for (const RSym& s : ReadelfSymbols(elf))
     if (s.name == "_MARLEK_LVT") want = s.value;

@@ -1,9 +1,9 @@
 // Locals of real frames against the debugger of the cross tool chain: the
-// test program (fw/) is built at -O0 and -O2, run on the emulator's MPS2
-// machine to a breakpoint inside Leaf, and gdb prints registers, RAM and the
-// values of locals in frame 0 (Leaf) and frame 1 (Middle). Frame 0 is made
-// from gdb's registers, frame 1 by the call frame rules; every local is then
-// evaluated by name and compared with gdb's value.
+// committed test program (firmware/tests, built at -O0 and -O2) runs on the
+// emulator's MPS2 machine to a breakpoint inside Leaf, and gdb prints
+// registers, RAM and the values of locals in frame 0 (Leaf) and frame 1
+// (Middle). Frame 0 is made from gdb's registers, frame 1 by the call frame
+// rules; every local is then evaluated by name and compared with gdb's value.
 #include <gtest/gtest.h>
 
 #include "elf/dwarf/debuginfo.h"
@@ -70,26 +70,22 @@ const std::vector<std::string> kLeafExprs = {"x", "y", "p", "shade", "big", "arr
                                              "p->a", "p->b", "twin", "g_pair.a"};
 const std::vector<std::string> kMiddleExprs = {"n", "i", "total", "local.a", "local.b"};
 
-std::string BuildProgram(const std::string& sOpt) {
-  const std::string Fw = SourceDir() + "/tests/stack/fw/", Gdb = SourceDir() + "/firmware/gdb/";
-  const std::string Out = TmpDir() + "/frames-" + sOpt + ".elf";
-  RunToolOutput("arm-none-eabi-gcc -mcpu=cortex-m3 -mthumb -mfloat-abi=soft -" + sOpt +
-                " -g -gdwarf-4 -ffreestanding -fno-common -nostartfiles -nostdlib -T " + Gdb + "mps2.ld -o " + Out + " " +
-                Gdb + "startup.c " + Fw + "frames_main.c " + Fw + "frames_other.c -lgcc 2>&1");
-  return access(Out.c_str(), R_OK) == 0 ? Out : std::string();
+// The committed build of the test program (firmware/tests/build.sh).
+std::string ProgramPath(const std::string& sOpt) {
+  return SourceDir() + "/firmware/tests/elf/frames-" + sOpt + ".elf";
 }
 
 int StopLine() {
-  std::ifstream f(SourceDir() + "/tests/stack/fw/frames_main.c");
+  std::ifstream f(SourceDir() + "/firmware/tests/frames_main.c");
   std::string s;
   for (int n = 1; std::getline(f, s); ++n)
     if (s.find("STOP_IN_LEAF") != std::string::npos) return n;
   return 0;
 }
 
-bool RunGdb(const std::string& sElf, GDB_STOP& Stop) {
+bool RunGdb(const std::string& sElf, const std::string& sScratch, GDB_STOP& Stop) {
   const int Port = FreePort();
-  const std::string Ram = sElf + ".ram";
+  const std::string Ram = sScratch + ".ram";
   std::ostringstream Cmds;
   Cmds << "set pagination off\nset confirm off\ntarget remote 127.0.0.1:" << Port << "\n"
        << "break frames_main.c:" << StopLine() << "\ncontinue\ncontinue\n"
@@ -102,7 +98,7 @@ bool RunGdb(const std::string& sElf, GDB_STOP& Stop) {
   Cmds << "echo @@OTHER twin\\n\nprint/x 'frames_other.c'::twin\n";
   Cmds << "echo @@OTHER shade\\n\nprint/x 'frames_main.c'::shade\n";
   Cmds << "kill\n";
-  const std::string Script = sElf + ".gdb";
+  const std::string Script = sScratch + ".gdb";
   std::ofstream(Script) << Cmds.str();
   const std::string Out = RunToolOutput(
       "qemu-system-arm -M mps2-an385 -kernel " + sElf + " -S -gdb tcp:127.0.0.1:" + std::to_string(Port) +
@@ -158,11 +154,10 @@ public:
 class Frames : public ::testing::TestWithParam<const char*> {
 protected:
   void SetUp() override {
-    if (!HaveTool("arm-none-eabi-gcc") || !HaveTool("qemu-system-arm") || !HaveTool("gdb-multiarch"))
-      GTEST_SKIP() << "cross compiler, emulator or gdb missing";
-    m_sElf = BuildProgram(GetParam());
-    ASSERT_FALSE(m_sElf.empty());
-    ASSERT_TRUE(RunGdb(m_sElf, m_Stop)) << "gdb gave no stop";
+    if (!HaveTool("qemu-system-arm") || !HaveTool("gdb-multiarch")) GTEST_SKIP() << "emulator or gdb missing";
+    m_sElf = ProgramPath(GetParam());
+    ASSERT_EQ(access(m_sElf.c_str(), R_OK), 0) << m_sElf;
+    ASSERT_TRUE(RunGdb(m_sElf, TmpDir() + "/frames-" + GetParam(), m_Stop)) << "gdb gave no stop";
     DWARF_Install();
     ASSERT_EQ(CElfApi::Instance().Load(QString::fromStdString(m_sElf)), 0);
     m_Target.ram = m_Stop.ram;
