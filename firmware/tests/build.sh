@@ -80,6 +80,11 @@ done
 
 build lvt -mthumb -mcpu=cortex-m4 -g -O0 -nostdlib -Wl,-e,main -- lvt.c
 
+# Every Thumb-2 instruction form the core plug-in decodes, little-endian and
+# big-endian (BE8) with the FPU of each core.
+build thumb-forms-le -mcpu=cortex-m4 -mfpu=fpv4-sp-d16 -mfloat-abi=hard -nostdlib -Wl,-Ttext=0x08000000 -- thumb_forms.S
+build thumb-forms-be8 -mcpu=cortex-m7 -mfpu=fpv5-d16 -mfloat-abi=hard -mbig-endian -nostdlib -Wl,-Ttext=0x08000000 -- thumb_forms.S
+
 if [ $CHECK = 1 ]; then
     status=0
     for f in "$HERE"/elf/*.elf; do

@@ -46,12 +46,8 @@ LoadedPlugin& Plugin() {
   return P;
 }
 
-std::string TmpDir() {
-  const char* t = std::getenv("TAVIT_TEST_TMP");
-  return t ? t : "/tmp";
-}
-
-// ELF files to check: the firmware tree, and Thumb-2 forms assembled here.
+// ELF files to check: every program of the firmware tree, the Thumb-2 forms
+// files of firmware/tests among them.
 std::vector<std::string> OracleFiles() {
   std::vector<std::string> v;
   const char* src = std::getenv("TAVIT_SOURCE_DIR");
@@ -61,19 +57,6 @@ std::vector<std::string> OracleFiles() {
     for (auto& e : fs::recursive_directory_iterator(Root + "/firmware", ec))
       if (e.is_regular_file() && e.path().extension() == ".elf") v.push_back(e.path().string());
   std::sort(v.begin(), v.end());
-  std::string Forms = Root + "/tests/coreplugins/data/thumb_forms.S";
-  const std::pair<const char*, const char*> aBuilds[] = {
-      {"le", "-mcpu=cortex-m4 -mfpu=fpv4-sp-d16 -mfloat-abi=hard"},
-      {"be8", "-mcpu=cortex-m7 -mfpu=fpv5-d16 -mfloat-abi=hard -mbig-endian"}};
-  for (auto [sName, Cpu] : aBuilds) {
-    std::string Out = TmpDir() + "/forms_" + sName + ".elf";
-    fs::remove(Out, ec);
-    std::string Cmd = std::string("arm-none-eabi-gcc ") + Cpu + " -nostdlib -Wl,-Ttext=0x08000000 '" + Forms +
-                      "' -o '" + Out + "' 2>&1";
-    std::string Err = RunCommand(Cmd);
-    if (fs::exists(Out)) v.push_back(Out);
-    else ADD_FAILURE() << "cannot assemble test forms: " << Err;
-  }
   return v;
 }
 
