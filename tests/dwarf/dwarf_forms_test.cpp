@@ -6,6 +6,7 @@
 #include "elf/dwarf/location.h"
 #include "elf/elf_file.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <map>
 #include <regex>
@@ -96,6 +97,49 @@ TEST(Dwarf5Forms, NamesAddressesAndTypesAgainstGdb) {
   EXPECT_TRUE(ELF_GetConstBlock(key, bytes));
   EXPECT_EQ(bytes, want);
   EXPECT_EQ(ELF_GetArrayInfo(ELF_GetType(key, false)).total, gdbValues[2]);
+}
+
+// forms_key names itself by strx3 and stands before the unit's other
+// variables and functions: stepping over it must not lose the rest of the
+// unit. The entries of the unit in tree order against readelf's dump.
+void Walk(ELF_SYM_HANDLE h, int* pCount, std::vector<std::string>* pNames) {
+  for (; h; h = ELF_GetNextSibling(h)) {
+    ++*pCount;
+    if (*ELF_GetName(h)) pNames->push_back(ELF_GetName(h));
+    Walk(ELF_GetFirstChild(h), pCount, pNames);
+  }
+}
+
+TEST(Dwarf5Forms, EveryEntryAfterStrx3Entry) {
+  DebugFile df(CorpusPath(kFile));
+  ASSERT_NE(df.f, nullptr);
+  int want = 0;
+  bool inUnit = false;
+  std::vector<std::string> wantNames;
+  std::smatch m;
+  std::regex entryRe(R"(^\s*<\d+><[0-9a-f]+>: Abbrev Number: [1-9])"), nameRe(R"(DW_AT_name\s+: (?:\([^)]*\): )?(.*)$)");
+  for (auto& l : SplitLines(RunTool("arm-none-eabi-readelf --debug-dump=info " + CorpusPath(kFile)))) {
+    if (l.find("Compilation Unit @") != std::string::npos) {
+      if (inUnit) break;
+      want = 0;
+      wantNames.clear();
+    }
+    if (l.find("): src/dwarf5_forms.c") != std::string::npos) inUnit = true;
+    if (std::regex_search(l, entryRe)) ++want;
+    if (std::regex_search(l, m, nameRe)) wantNames.push_back(m[1]);
+  }
+  ASSERT_TRUE(inUnit);
+  const auto key = std::find(wantNames.begin(), wantNames.end(), "forms_key");
+  ASSERT_GE(wantNames.end() - key, 6) << "forms_key must precede most of the unit";
+  const ELF_SYM_HANDLE h = ELF_FindName(df.f, "forms_key");
+  ASSERT_NE(h, 0u);
+  int count = 0;
+  std::vector<std::string> names;
+  Walk(ELF_GetUnitRoot(h), &count, &names);
+  EXPECT_EQ(count, want);
+  // From forms_key on: before it the reader shortens base type names.
+  const auto from = std::find(names.begin(), names.end(), "forms_key");
+  EXPECT_EQ(std::vector<std::string>(from, names.end()), std::vector<std::string>(key, wantNames.end()));
 }
 
 TEST(Dwarf5Forms, RangesByIndexAgainstSymbolTable) {

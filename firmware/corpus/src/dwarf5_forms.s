@@ -190,7 +190,7 @@ forms_pair:
     .uleb128 0x3b, 0x0b                 /* decl_line data1 */
     .uleb128 0x49, 0x13                 /* type ref4 */
     .uleb128 0x1c, 0x1e                 /* const_value data16 */
-    .uleb128 0x03, 0x27                 /* name strx3: last, see forms_key */
+    .uleb128 0x03, 0x27                 /* name strx3 */
     .uleb128 0, 0
     .uleb128 9, 0x2e, 1                 /* subprogram, children */
     .uleb128 0x3f, 0x19                 /* external flag_present */
@@ -310,6 +310,11 @@ forms_pair:
     .byte 4
     .byte 7                             /* DW_ATE_unsigned */
     .2byte 3                            /* "unsigned int" */
+    .uleb128 8                          /* forms_key */
+    .byte 9
+    .4byte .Ldie_key_type - .Lcu
+    .4byte 0x11223344, 0x55667788, 0x99aabbcc, 0xddeeff00
+    .byte 6, 0, 0                       /* name: string 6 in three bytes */
     .uleb128 4                          /* forms_counter */
     .uleb128 4
     .byte 7, 5
@@ -389,14 +394,6 @@ forms_pair:
     .uleb128 7                          /* return address: address 7 */
     .4byte .Ldie_fail - .Lcu
     .byte 0
-/* Debian's libdwarf 20210528 mis-sizes DW_FORM_strx3 when it skips an
-   entry, so no sibling step may have to cross one: the form stands last in
-   the last entry of the unit. */
-    .uleb128 8                          /* forms_key */
-    .byte 9
-    .4byte .Ldie_key_type - .Lcu
-    .4byte 0x11223344, 0x55667788, 0x99aabbcc, 0xddeeff00
-    .byte 6, 0, 0                       /* name: string 6 in three bytes */
     .byte 0
 .Lcu_end:
 

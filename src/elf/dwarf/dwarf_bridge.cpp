@@ -7,8 +7,27 @@
 #include <libdwarf/libdwarf.h>
 #include <set>
 #include <string.h>
+#include <unordered_map>
 
 namespace dwb {
+
+// The library sizes DW_FORM_strx3 and DW_FORM_addrx3 wrongly when it steps
+// over an entry, so in a unit whose abbreviations use them children and
+// siblings are found from the raw bytes of the unit instead.
+struct AbbrevShape {
+  bool children = false;
+  std::vector<U16> forms; // 0: a form this reader does not know
+};
+
+struct UnitShape {
+  bool own = false; // entries are stepped over here, not by the library
+  bool big = false;
+  const U8* data = nullptr; // the unit's section
+  U64 end = 0;              // offset just past the unit in it
+  U8 addrSize = 4, offSize = 4;
+  U16 version = 0;
+  std::unordered_map<U64, AbbrevShape> abbrevs;
+};
 
 struct Session {
   ELF_FILE* f = nullptr;
@@ -25,6 +44,11 @@ struct Session {
   // walked now.
   std::set<U64> checkedUnits;
   U64 walking = ~0ull;
+  // How each unit's entries are stepped over (same key), and the last one
+  // asked for.
+  std::unordered_map<U64, UnitShape> unitShapes;
+  U64 lastShapeKey = ~0ull;
+  const UnitShape* lastShape = nullptr;
 };
 
 namespace {
@@ -330,6 +354,7 @@ Die OffDie(Session* s, U64 offset, bool isInfo) {
 // takes a sibling from DW_AT_sibling when there is one; a value that points
 // back would make every walk go round in circles, so such a step ends.
 static Die Forward(Die from, Dwarf_Die to) {
+  if (!to) return nullptr;
   Dwarf_Off a = 0, b = 0;
   if (dwarf_dieoffset((Dwarf_Die)from, &a, nullptr) == DW_DLV_OK &&
       dwarf_dieoffset(to, &b, nullptr) == DW_DLV_OK && b > a)
@@ -338,9 +363,268 @@ static Die Forward(Die from, Dwarf_Die to) {
   return nullptr;
 }
 
+static U64 UnitKey(Die d);
+
+// Bytes of the named section as the library sees them, or false.
+static bool SectionBytes(Session* s, const char* name, const U8** pData, U64* pSize) {
+  const int i = elf_internal::FindSection(s->f, name);
+  if (i < 0) return false;
+  const ELF_SECTION& sh = s->f->sections[i];
+  if (sh.sh_type == ELF_SHT_NOBITS || !elf_internal::RangeInFile(s->f, sh.sh_offset, sh.sh_size)) return false;
+  *pData = s->f->fileData + sh.sh_offset;
+  *pSize = sh.sh_size;
+  return true;
+}
+
+static U64 ReadUint(const U8* p, int bytes, bool big) {
+  U64 v = 0;
+  for (int i = 0; i < bytes; ++i) v |= (U64)p[big ? bytes - 1 - i : i] << (8 * i);
+  return v;
+}
+
+// Reads the header and abbreviations of the unit whose header is at hdr. The
+// unit is marked own only when they could be read and use a form the
+// library mis-sizes; anything else stays with the library.
+static UnitShape ReadUnitShape(Session* s, U64 hdr, bool isInfo) {
+  UnitShape u;
+  const U8* p = nullptr;
+  U64 size = 0;
+  if (!SectionBytes(s, isInfo ? ".debug_info" : ".debug_types", &p, &size) || hdr > size || size - hdr < 4)
+    return u;
+  u.big = s->f->bigEndian;
+  U64 at = hdr + 4, len = ReadUint(p + hdr, 4, u.big);
+  if (len == 0xFFFFFFFFu) {
+    if (size - at < 8) return u;
+    len = ReadUint(p + at, 8, u.big);
+    at += 8;
+    u.offSize = 8;
+  } else if (len >= 0xFFFFFFF0u) {
+    return u;
+  }
+  if (len > size - at || len < 2) return u;
+  u.end = at + len;
+  u.version = (U16)ReadUint(p + at, 2, u.big);
+  at += 2;
+  U64 abbrevOff = 0;
+  if (u.version >= 5) {
+    if (u.end - at < 2u + u.offSize) return u;
+    u.addrSize = p[at + 1];
+    abbrevOff = ReadUint(p + at + 2, u.offSize, u.big);
+  } else {
+    if (u.end - at < 1u + u.offSize) return u;
+    abbrevOff = ReadUint(p + at, u.offSize, u.big);
+    u.addrSize = p[at + u.offSize];
+  }
+  const U8* a = nullptr;
+  U64 aSize = 0;
+  if (!SectionBytes(s, ".debug_abbrev", &a, &aSize) || abbrevOff >= aSize) return u;
+  bool odd = false, valuesAtRisk = false;
+  auto odd3InShape = [](const AbbrevShape& sh) {
+    for (U16 f : sh.forms)
+      if (f == DW_FORM_strx3 || f == DW_FORM_addrx3) return true;
+    return false;
+  };
+  at = abbrevOff;
+  for (;;) {
+    U64 code = 0, tag = 0;
+    if (!SkipLeb(a, aSize, &at, &code) || code == 0 || !SkipLeb(a, aSize, &at, &tag) || at >= aSize) break;
+    AbbrevShape shape;
+    shape.children = a[at++] != 0;
+    bool done = false;
+    for (;;) {
+      U64 attr = 0, form = 0;
+      if (!SkipLeb(a, aSize, &at, &attr) || !SkipLeb(a, aSize, &at, &form)) break;
+      if (attr == 0 && form == 0) {
+        done = true;
+        break;
+      }
+      if (form == DW_FORM_implicit_const && !SkipLeb(a, aSize, &at)) break;
+      if (form == DW_FORM_strx3 || form == DW_FORM_addrx3) odd = true;
+      else if (odd3InShape(shape)) valuesAtRisk = true;
+      shape.forms.push_back(form <= 0xFFFF ? (U16)form : 0);
+    }
+    if (!done) break;
+    u.abbrevs.emplace(code, std::move(shape));
+  }
+  u.own = odd;
+  if (!odd) u.abbrevs.clear();
+  // The library also reads the attributes that follow such a form in an
+  // entry from the wrong place: say so in the log rather than stay silent.
+  if (valuesAtRisk)
+    ELF_ReportLine("DWARF unit at 0x%llX: attribute values behind a 3-byte index form may be misread",
+                   (unsigned long long)hdr);
+  u.data = p;
+  return u;
+}
+
+// The shape of D's unit if its entries are stepped over here, else null.
+static const UnitShape* OwnShape(Session* s, Die d) {
+  const U64 key = UnitKey(d);
+  if (key == ~0ull) return nullptr;
+  if (key == s->lastShapeKey) return s->lastShape;
+  auto it = s->unitShapes.find(key);
+  if (it == s->unitShapes.end()) {
+    Dwarf_Off hdr = 0, len = 0;
+    UnitShape u;
+    if (dwarf_die_CU_offset_range((Dwarf_Die)d, &hdr, &len, nullptr) == DW_DLV_OK) u = ReadUnitShape(s, hdr, IsInfo(d));
+    it = s->unitShapes.emplace(key, std::move(u)).first;
+  }
+  s->lastShapeKey = key;
+  s->lastShape = it->second.own ? &it->second : nullptr;
+  return s->lastShape;
+}
+
+// Steps *pAt over one attribute value of the given form; false if it runs
+// past the unit or the form is unknown.
+static bool SkipForm(const UnitShape& u, U64 form, U64* pAt, int indirections = 0) {
+  const U8* p = u.data;
+  const U64 end = u.end;
+  auto fixed = [&](U64 n) {
+    if (end - *pAt < n) return false;
+    *pAt += n;
+    return true;
+  };
+  auto counted = [&](int lenBytes) {
+    if (end - *pAt < (U64)lenBytes) return false;
+    const U64 n = ReadUint(p + *pAt, lenBytes, u.big);
+    *pAt += lenBytes;
+    return fixed(n);
+  };
+  U64 n = 0;
+  switch (form) {
+  case DW_FORM_flag_present:
+  case DW_FORM_implicit_const:
+    return true;
+  case DW_FORM_data1:
+  case DW_FORM_ref1:
+  case DW_FORM_flag:
+  case DW_FORM_strx1:
+  case DW_FORM_addrx1:
+    return fixed(1);
+  case DW_FORM_data2:
+  case DW_FORM_ref2:
+  case DW_FORM_strx2:
+  case DW_FORM_addrx2:
+    return fixed(2);
+  case DW_FORM_strx3:
+  case DW_FORM_addrx3:
+    return fixed(3);
+  case DW_FORM_data4:
+  case DW_FORM_ref4:
+  case DW_FORM_strx4:
+  case DW_FORM_addrx4:
+  case DW_FORM_ref_sup4:
+    return fixed(4);
+  case DW_FORM_data8:
+  case DW_FORM_ref8:
+  case DW_FORM_ref_sig8:
+  case DW_FORM_ref_sup8:
+    return fixed(8);
+  case DW_FORM_data16:
+    return fixed(16);
+  case DW_FORM_addr:
+    return fixed(u.addrSize);
+  case DW_FORM_ref_addr:
+    return fixed(u.version <= 2 ? u.addrSize : u.offSize);
+  case DW_FORM_strp:
+  case DW_FORM_sec_offset:
+  case DW_FORM_strp_sup:
+  case DW_FORM_line_strp:
+  case DW_FORM_GNU_ref_alt:
+  case DW_FORM_GNU_strp_alt:
+    return fixed(u.offSize);
+  case DW_FORM_sdata:
+  case DW_FORM_udata:
+  case DW_FORM_ref_udata:
+  case DW_FORM_strx:
+  case DW_FORM_addrx:
+  case DW_FORM_loclistx:
+  case DW_FORM_rnglistx:
+  case DW_FORM_GNU_addr_index:
+  case DW_FORM_GNU_str_index:
+    return SkipLeb(p, end, pAt);
+  case DW_FORM_string: {
+    const void* z = memchr(p + *pAt, 0, end - *pAt);
+    if (!z) return false;
+    *pAt = (U64)(static_cast<const U8*>(z) - p) + 1;
+    return true;
+  }
+  case DW_FORM_block1:
+    return counted(1);
+  case DW_FORM_block2:
+    return counted(2);
+  case DW_FORM_block4:
+    return counted(4);
+  case DW_FORM_block:
+  case DW_FORM_exprloc:
+    return SkipLeb(p, end, pAt, &n) && fixed(n);
+  case DW_FORM_indirect:
+    return indirections < 4 && SkipLeb(p, end, pAt, &n) && n != DW_FORM_indirect && n != DW_FORM_implicit_const &&
+           SkipForm(u, n, pAt, indirections + 1);
+  default:
+    return false;
+  }
+}
+
+// Reads the entry at *pAt and moves *pAt past its attributes. *pShape is
+// null for a null entry (the end of a list of children). False if the
+// entry runs past the unit or names an unknown abbreviation.
+static bool StepEntry(const UnitShape& u, U64* pAt, const AbbrevShape** pShape) {
+  U64 code = 0;
+  if (*pAt >= u.end || !SkipLeb(u.data, u.end, pAt, &code)) return false;
+  if (code == 0) {
+    *pShape = nullptr;
+    return true;
+  }
+  auto it = u.abbrevs.find(code);
+  if (it == u.abbrevs.end()) return false;
+  for (U16 form : it->second.forms)
+    if (!SkipForm(u, form, pAt)) return false;
+  *pShape = &it->second;
+  return true;
+}
+
+// The entry at At as the library reads it, or null for a null entry, the
+// end of the unit or an entry that cannot be read.
+static Die OwnEntryAt(Session* s, const UnitShape& u, U64 at, bool isInfo) {
+  U64 next = at;
+  const AbbrevShape* shape = nullptr;
+  if (!StepEntry(u, &next, &shape) || !shape) return nullptr;
+  Dwarf_Die c = nullptr;
+  Dwarf_Error e = nullptr;
+  if (dwarf_offdie_b(s->dbg, at, isInfo, &c, &e) != DW_DLV_OK) {
+    Drop(s, e);
+    return nullptr;
+  }
+  return c;
+}
+
+static Die OwnChild(Session* s, const UnitShape& u, Die d) {
+  U64 at = Offset(d);
+  const AbbrevShape* shape = nullptr;
+  if (!StepEntry(u, &at, &shape) || !shape || !shape->children) return nullptr;
+  return OwnEntryAt(s, u, at, IsInfo(d));
+}
+
+// Skips the entry and its subtree entry by entry; every step moves forward
+// inside the unit, so malformed input ends the walk.
+static Die OwnSibling(Session* s, const UnitShape& u, Die d) {
+  U64 at = Offset(d);
+  const AbbrevShape* shape = nullptr;
+  if (!StepEntry(u, &at, &shape) || !shape) return nullptr;
+  for (U64 depth = shape->children ? 1 : 0; depth > 0;) {
+    if (!StepEntry(u, &at, &shape)) return nullptr;
+    if (!shape) --depth;
+    else if (shape->children) ++depth;
+  }
+  return OwnEntryAt(s, u, at, IsInfo(d));
+}
+
 Die Child(Session* s, Die d) {
   Dwarf_Die c = nullptr;
   Dwarf_Error e = nullptr;
+  if (d)
+    if (const UnitShape* u = OwnShape(s, d)) return Forward(d, (Dwarf_Die)OwnChild(s, *u, d));
   if (!d || dwarf_child((Dwarf_Die)d, &c, &e) != DW_DLV_OK) {
     Drop(s, e);
     return nullptr;
@@ -384,12 +668,16 @@ Die Sibling(Session* s, Die d, bool isInfo) {
   // by the DW_AT_sibling values inside it, and one that points back makes
   // it loop for ever: only units whose walk has checked them, or the unit
   // being walked (its walk only steps over subtrees it has checked), may
-  // be crossed.
+  // be crossed. Units stepped over here (see UnitShape) follow no
+  // DW_AT_sibling and need no such check.
   if (d && HasChildren(d)) {
     Dwarf_Off o = 0;
     if (dwarf_CU_dieoffset_given_die((Dwarf_Die)d, &o, nullptr) != DW_DLV_OK || o == Offset(d)) return nullptr;
+    if (const UnitShape* u = OwnShape(s, d)) return Forward(d, (Dwarf_Die)OwnSibling(s, *u, d));
     const U64 k = UnitKey(d);
     if (k != s->walking && !s->checkedUnits.count(k)) return nullptr;
+  } else if (d) {
+    if (const UnitShape* u = OwnShape(s, d)) return Forward(d, (Dwarf_Die)OwnSibling(s, *u, d));
   }
   if (!d || dwarf_siblingof_b(s->dbg, (Dwarf_Die)d, isInfo, &c, &e) != DW_DLV_OK) {
     Drop(s, e);
