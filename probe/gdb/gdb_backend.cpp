@@ -1,4 +1,5 @@
-// GDB remote serial protocol back end (see gdb_backend.h).
+// GDB remote serial protocol back end (see gdb_backend.h): the debugger's
+// policy on top of the request layer of gdb_client.h.
 #include "gdb_backend.h"
 
 #include <algorithm>
@@ -12,44 +13,35 @@
 #include <vector>
 
 #include "devices.h"
-#include "gdb/rsp.h"
+#include "gdb/gdb_client.h"
+#include "gdb/gdb_targetdesc.h"
 
 namespace vorden {
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using gdbdesc::FlashRegion;
+using RegInfo = gdbdesc::Register;
 
 // Semihosting operation numbers whose results need translating between the
 // semihosting convention (bytes NOT transferred) and File-I/O (bytes done).
 constexpr U32 SEMI_WRITEC = 0x03, SEMI_WRITE0 = 0x04, SEMI_WRITE = 0x05, SEMI_READ = 0x06, SEMI_READC = 0x07,
               SEMI_FLEN = 0x0C;
 constexpr U16 BKPT_SEMIHOST = 0xBEAB;
-constexpr int MAX_XML = 1 << 20;
+constexpr U32 XPSR_THUMB = 0x01000000;
+// Memory whose content a reset must not change (code, SRAM and external RAM
+// of the Cortex-M memory map); peripherals and the system space are left to
+// the reset.
+constexpr U64 KEEP_LIMIT = 16u << 20;
+
+// The emulator's single-step flags: step, with interrupts and timers held.
+constexpr int QEMU_SSTEP_ENABLE = 1, QEMU_SSTEP_NOIRQ = 2, QEMU_SSTEP_NOTIMER = 4;
 
 std::string Hex32(U64 v) {
   char b[24];
   snprintf(b, sizeof b, "%llx", (unsigned long long)v);
   return b;
-}
-
-std::string Attr(const std::string& sTag, const char* sName) {
-  std::string key = std::string(sName) + "=";
-  size_t p = 0;
-  while ((p = sTag.find(key, p)) != std::string::npos) {
-    if (p > 0 && !isspace((unsigned char)sTag[p - 1])) {
-      p += key.size();
-      continue;
-    }
-    p += key.size();
-    if (p >= sTag.size()) return "";
-    char q = sTag[p];
-    if (q != '"' && q != '\'') return "";
-    size_t e = sTag.find(q, p + 1);
-    if (e == std::string::npos) return "";
-    return sTag.substr(p + 1, e - p - 1);
-  }
-  return "";
 }
 
 bool ParseNum(const std::string& s, U64& v) {
@@ -75,38 +67,36 @@ std::string RegToHex(U64 v, int Bytes) {
   return CRspLink::ToHex(b, (size_t)std::min(Bytes, 8));
 }
 
-bool IsConsoleOutput(const std::string& p) {
-  if (p.size() < 3 || p[0] != 'O' || p.size() % 2 == 0) return false;
-  std::string tmp;
-  return CRspLink::FromHex(p.substr(1), tmp);
-}
+bool KeptAcrossReset(U32 Addr) { return Addr < 0x40000000u || (Addr >= 0x60000000u && Addr < 0xA0000000u); }
+
+// An instruction that changes PRIMASK itself (CPS, MSR): stepping it with
+// interrupts held would undo its effect.
+bool WritesPrimask(U16 First) { return (First & 0xFFEC) == 0xB660 || (First & 0xFFF0) == 0xF380; }
 
 class CGdbBackend : public CBackend {
  public:
-  CGdbBackend(int DeviceIdx, LogFn Log) : m_devIdx(DeviceIdx), m_log(std::move(Log)), m_link(m_log) {
+  CGdbBackend(int DeviceIdx, LogFn Log) : m_devIdx(DeviceIdx), m_log(std::move(Log)), m_client(m_log) {
     std::fill(std::begin(m_probeToGdb), std::end(m_probeToGdb), -1);
     SetLimits(-1, -1);
   }
   ~CGdbBackend() override {
     std::lock_guard<std::recursive_mutex> lk(m_mx);
-    if (m_link.IsOpen() && !m_lost) {
-      // Leave the target as it is; a server keeps running after a detach.
-      if (m_running) m_link.SendRaw("\x03"), WaitStop(nullptr);
-      m_link.Send("D");
-      std::string r;
-      m_link.Receive(r, 200);
+    if (m_client.IsOpen()) {
+      // Leave the target running; a server lets it run after a detach.
+      std::string p;
+      if (m_running && m_client.Interrupt()) m_client.WaitStop(p);
+      m_client.Detach();
     }
-    m_link.Close();
+    m_client.Close();
   }
 
   bool Connect(const std::string& sHost, int Port, std::string& sError) {
-    if (!m_link.ConnectTcp(sHost, Port, m_timeout, sError)) return false;
+    if (!m_client.ConnectTcp(sHost, Port, sError)) return false;
     return Init(sError);
   }
   bool Attach(int Fd, int TimeoutMs, std::string& sError) {
-    m_timeout = TimeoutMs;
-    m_link.SetAckTimeout(TimeoutMs);
-    m_link.Adopt(Fd);
+    m_client.SetTimeout(TimeoutMs);
+    m_client.Adopt(Fd);
     return Init(sError);
   }
 
@@ -115,45 +105,35 @@ class CGdbBackend : public CBackend {
   // ---- run control --------------------------------------------------------
   int IsHalted() override {
     std::lock_guard<std::recursive_mutex> lk(m_mx);
-    if (m_lost || !m_link.IsOpen()) return Lose("not connected"), -1;
+    if (!m_client.IsOpen()) return Lose("not connected"), -1;
     if (!m_running) return 1;
-    for (;;) {
-      std::string p;
-      int r = m_link.Receive(p, 0);
-      if (r < 0) return Lose("connection closed"), -1;
-      if (r == 0) return 0;
-      if (IsConsoleOutput(p)) {
-        ConsoleOutput(p);
-        continue;
-      }
-      if (p.empty() || (p[0] != 'S' && p[0] != 'T' && p[0] != 'W' && p[0] != 'X' && p[0] != 'F')) {
-        m_log(1, "GDB server: unexpected packet \"" + p.substr(0, 40) + "\" while the target runs");
-        continue;
-      }
-      if (!TakeStop(p)) return -1;
-      return m_running ? 0 : 1;
-    }
+    std::string p;
+    int r = m_client.PollStop(p, 0);
+    if (r < 0) return Lose("connection closed"), -1;
+    if (r == 0) return 0;
+    if (!TakeStop(p)) return -1;
+    return m_running ? 0 : 1;
   }
 
   int Halt() override {
     std::lock_guard<std::recursive_mutex> lk(m_mx);
-    if (m_lost) return 1;
+    if (m_client.Lost()) return 1;
     if (!m_running) return 0;
-    if (!m_link.SendRaw("\x03")) return Lose("send failed"), 1;
     std::string p;
-    if (!WaitStop(&p)) return 1;
+    if (!m_client.Interrupt() || m_client.WaitStop(p) < 0) return Lose("no stop after an interrupt"), 1;
     if (!TakeStop(p)) return 1;
     return m_running ? 1 : 0;
   }
 
   int Go(U32 Flags) override {
     std::lock_guard<std::recursive_mutex> lk(m_mx);
-    if (m_lost) return -1;
+    if (m_client.Lost()) return -1;
     if (m_running) return 0;
     if (!FlushFlash()) return -1;
     if (m_fio.Active) return ReplyFio(false) ? 0 : -1;
     U64 pc = 0;
-    if ((Flags & VORDENARM_GO_FLAG_OVERSTEP_BP) && ReadRegRaw(15, pc) && HasBPAt((U32)pc & ~1u)) {
+    if ((Flags & VORDENARM_GO_FLAG_OVERSTEP_BP) && !m_bps.empty() && ReadRegRaw(15, pc) &&
+        HasBPAt((U32)pc & ~1u)) {
       if (StepInternal() != 0) return -1;
       if (m_fio.Active || m_watchHit) return 0;  // the step itself stopped for a reason
     }
@@ -162,7 +142,7 @@ class CGdbBackend : public CBackend {
 
   int Step() override {
     std::lock_guard<std::recursive_mutex> lk(m_mx);
-    if (m_lost || m_running) return 1;
+    if (m_client.Lost() || m_running) return 1;
     if (!FlushFlash()) return 1;
     if (m_fio.Active) {
       // The BKPT 0xAB is the instruction being stepped: finish the request
@@ -172,43 +152,57 @@ class CGdbBackend : public CBackend {
     return StepInternal() == 0 ? 0 : 1;
   }
 
+  // The server's reset, then whatever it changed in memory we wrote is put
+  // back: a server that reloads its own program image on reset (an emulator
+  // given a program on its command line) would otherwise undo a download.
   int Reset() override {
     std::lock_guard<std::recursive_mutex> lk(m_mx);
-    if (m_lost) return -1;
+    if (m_client.Lost()) return -1;
     if (m_running && Halt() != 0) return -1;
     if (m_fio.Active) {
       // Complete the outstanding request so the server is not left waiting.
       m_fio.Active = false;
-      if (!m_link.Send("F-1,4,C")) return Lose("send failed"), -1;
       std::string p;
-      if (!WaitStop(&p)) return -1;
+      if (!m_client.FileIoReply("F-1,4,C") || m_client.WaitStop(p) < 0) return -1;
     }
     if (!FlushFlash()) return -1;
-    U32 vec[2] = {0, 0};
-    bool haveVec = ReadMemRaw(0, 8, (U8*)vec) == 8;
+    std::vector<std::string> before;
+    for (const auto& [a, n] : m_kept) {
+      std::string b(n, '\0');
+      b.resize((size_t)std::max(0, ReadMemRaw(a, n, (U8*)b.data())));
+      before.push_back(std::move(b));
+    }
     bool ok = false;
     std::string out, err;
-    if (MonitorCommand(m_resetCmd, out, err)) {
-      ok = true;
-      if (!out.empty()) m_log(0, out);
-      // The server may carry out the reset after it answered: wait until the
-      // core shows the reset state.
-      auto deadline = Clock::now() + std::chrono::milliseconds(m_timeout);
-      while (haveVec) {
-        InvalidateRegs();
-        U64 pc = 0, sp = 0;
-        if (!ReadRegRaw(15, pc) || !ReadRegRaw(13, sp)) break;
-        if (((U32)pc & ~1u) == (vec[1] & ~1u) && (U32)sp == (vec[0] & ~3u)) break;
-        if (Clock::now() > deadline) {
-          m_log(1, "GDB server: the core did not show the reset state after \"" + m_resetCmd + "\"");
-          break;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-      }
-    } else if (!m_lost && haveVec) {
-      // No monitor command: a core reset by hand from the vector table.
-      m_log(1, "GDB server: reset command \"" + m_resetCmd + "\" failed (" + err + "); setting SP, PC and xPSR from the vector table");
-      ok = WriteRegRaw(13, vec[0] & ~3u) && WriteRegRaw(15, vec[1] & ~1u) && WriteRegRaw(16, 0x01000000);
+    int mr = m_client.Monitor(m_resetCmd, out, err);
+    if (!out.empty()) m_log(0, out);
+    if (mr == 1) {
+      ok = WaitResetState();
+    } else if (mr == 0) {
+      m_log(1, "GDB server: reset command \"" + m_resetCmd + "\" failed (" + err +
+                   "); setting SP, PC and xPSR from the vector table");
+    }
+    InvalidateRegs();
+    if (m_client.Lost()) return -1;
+    // Put back what the reset changed among the bytes we wrote.
+    bool vectorsBack = false;
+    size_t i = 0;
+    for (const auto& [a, n] : m_kept) {
+      const std::string& b = before[i++];
+      std::string now(b.size(), '\0');
+      if (b.empty() || ReadMemRaw(a, (U32)b.size(), (U8*)now.data()) != (int)b.size() || now == b) continue;
+      if (WriteMemRaw(a, (U32)b.size(), (const U8*)b.data()) != (int)b.size()) return -1;
+      if (!FlushFlash()) return -1;
+      vectorsBack |= a < 8;
+      m_log(0, "GDB server: the reset changed 0x" + Hex32(a) + "-0x" + Hex32((U64)a + b.size() - 1) +
+                   "; the downloaded content was written back");
+    }
+    if (vectorsBack || mr == 0) {
+      // The core took its reset state from a program that is no longer
+      // there (or was not reset at all): take it from the vector table.
+      U32 vec[2];
+      ok = ReadMemRaw(0, 8, (U8*)vec) == 8 && WriteRegRaw(13, vec[0] & ~3u) && WriteRegRaw(15, vec[1] & ~1u) &&
+           WriteRegRaw(16, XPSR_THUMB);
     }
     InvalidateRegs();
     m_watchHit = false;
@@ -219,7 +213,7 @@ class CGdbBackend : public CBackend {
   int ReadReg(U32 Idx, U64& Value) override {
     std::lock_guard<std::recursive_mutex> lk(m_mx);
     Value = 0;
-    if (m_lost || m_running || Idx >= VORDENARM_REG_NUM) return -1;
+    if (m_client.Lost() || m_running || Idx >= VORDENARM_REG_NUM) return -1;
     U64 v;
     if (!ReadRegRaw(Idx, v)) return -1;
     if (Idx == 15) {
@@ -232,7 +226,7 @@ class CGdbBackend : public CBackend {
 
   int WriteReg(U32 Idx, U64 Value) override {
     std::lock_guard<std::recursive_mutex> lk(m_mx);
-    if (m_lost || m_running || Idx >= VORDENARM_REG_NUM) return -1;
+    if (m_client.Lost() || m_running || Idx >= VORDENARM_REG_NUM) return -1;
     if (Idx == 15) Value &= ~1ull;
     if (m_fio.Active && Idx == 0) {
       m_fio.R0 = (U32)Value;
@@ -249,7 +243,7 @@ class CGdbBackend : public CBackend {
   // ---- memory ---------------------------------------------------------------
   int ReadMem(U32 Addr, U32 NumBytes, U8* pData) override {
     std::lock_guard<std::recursive_mutex> lk(m_mx);
-    if (m_lost || !pData) return 0;
+    if (m_client.Lost() || !pData) return 0;
     if (!FlushFlash()) return 0;
     bool paused = false;
     if (m_running && !Pause(paused)) return 0;
@@ -260,10 +254,11 @@ class CGdbBackend : public CBackend {
 
   int WriteMem(U32 Addr, U32 NumBytes, const U8* pData) override {
     std::lock_guard<std::recursive_mutex> lk(m_mx);
-    if (m_lost || !pData) return 0;
+    if (m_client.Lost() || !pData) return 0;
     bool paused = false;
     if (m_running && !Pause(paused)) return 0;
     int n = WriteMemRaw(Addr, NumBytes, pData);
+    if (n > 0) Keep(Addr, (U32)n);
     if (paused) Resume();
     return n;
   }
@@ -274,16 +269,16 @@ class CGdbBackend : public CBackend {
     Addr &= ~1u;
     for (const BP& b : m_bps)
       if (b.Addr == Addr) return b.Handle;
-    if (m_lost) return 0;
+    if (m_client.Lost()) return 0;
     int hw = 0;
     for (const BP& b : m_bps) hw += b.Z == '1';
     bool paused = false;
     if (m_running && !Pause(paused)) return 0;
     BP b{m_nextBp, Addr, Flags, 0, 0};
-    if ((Flags & VORDENARM_BP_TYPE_HW_MASK) && hw < m_maxHW && ZPacket('Z', '1', Addr, 2)) {
+    if ((Flags & VORDENARM_BP_TYPE_HW_MASK) && hw < m_maxHW && m_client.InsertPoint('1', Addr, 2) == 1) {
       b.Z = '1';
       b.Imp = VORDENARM_BP_IMP_HW;
-    } else if ((Flags & VORDENARM_BP_TYPE_SW_MASK) && !m_lost && ZPacket('Z', '0', Addr, 2)) {
+    } else if ((Flags & VORDENARM_BP_TYPE_SW_MASK) && m_client.InsertPoint('0', Addr, 2) == 1) {
       b.Z = '0';
       b.Imp = InFlash(Addr) ? VORDENARM_BP_IMP_SW_FLASH : VORDENARM_BP_IMP_SW_RAM;
     }
@@ -297,11 +292,11 @@ class CGdbBackend : public CBackend {
   int ClrBP(int Handle) override {
     std::lock_guard<std::recursive_mutex> lk(m_mx);
     bool paused = false;
-    if (m_running && !m_lost && !Pause(paused)) return -1;
+    if (m_running && !m_client.Lost() && !Pause(paused)) return -1;
     int r = -1;
     for (size_t i = 0; i < m_bps.size();) {
       if (Handle == -1 || m_bps[i].Handle == Handle) {
-        if (!m_lost) ZPacket('z', m_bps[i].Z, m_bps[i].Addr, 2);
+        if (!m_client.Lost()) m_client.RemovePoint(m_bps[i].Z, m_bps[i].Addr, 2);
         m_bps.erase(m_bps.begin() + (long)i);
         r = 0;
       } else {
@@ -352,7 +347,7 @@ class CGdbBackend : public CBackend {
     if (Ev.DataMask != 0xFFFFFFFF) err |= VORDENARM_EVENT_ERR_NO_MORE_DATA_COMP;
     if ((int)m_des.size() >= m_maxDE) err |= VORDENARM_EVENT_ERR_NO_MORE_EVENTS | VORDENARM_EVENT_ERR_NO_MORE_ADDR_COMP;
     if (err) return (int)(err | 0x80000000u);
-    if (m_lost) return (int)VORDENARM_EVENT_ERR_UNKNOWN;
+    if (m_client.Lost()) return (int)VORDENARM_EVENT_ERR_UNKNOWN;
     DE d{m_nextDe, Ev, Ev.AddrMask, '2'};
     if (!(Ev.AccessMask & 6)) {
       if ((Ev.Access & 6) == 2) d.AddrMask |= 1;
@@ -361,7 +356,7 @@ class CGdbBackend : public CBackend {
     d.Z = (Ev.AccessMask & 1) ? '4' : (Ev.Access & 1) ? '2' : '3';
     bool paused = false;
     if (m_running && !Pause(paused)) return (int)VORDENARM_EVENT_ERR_UNKNOWN;
-    bool ok = ZPacket('Z', d.Z, Ev.Addr & ~d.AddrMask, d.AddrMask + 1);
+    bool ok = m_client.InsertPoint(d.Z, Ev.Addr & ~d.AddrMask, d.AddrMask + 1) == 1;
     if (paused) Resume();
     if (!ok) return (int)(VORDENARM_EVENT_ERR_NO_MORE_EVENTS | VORDENARM_EVENT_ERR_NO_MORE_ADDR_COMP);
     ++m_nextDe;
@@ -373,12 +368,12 @@ class CGdbBackend : public CBackend {
   int ClrDataEvent(U32 Handle) override {
     std::lock_guard<std::recursive_mutex> lk(m_mx);
     bool paused = false;
-    if (m_running && !m_lost && !Pause(paused)) return -1;
+    if (m_running && !m_client.Lost() && !Pause(paused)) return -1;
     int r = Handle == 0xFFFFFFFF ? 0 : -1;
     for (size_t i = 0; i < m_des.size();) {
       if (Handle == 0xFFFFFFFF || m_des[i].Handle == Handle) {
         const DE& d = m_des[i];
-        if (!m_lost) ZPacket('z', d.Z, d.Ev.Addr & ~d.AddrMask, d.AddrMask + 1);
+        if (!m_client.Lost()) m_client.RemovePoint(d.Z, d.Ev.Addr & ~d.AddrMask, d.AddrMask + 1);
         m_des.erase(m_des.begin() + (long)i);
         r = 0;
       } else {
@@ -416,27 +411,23 @@ class CGdbBackend : public CBackend {
     }
     if (n == "gdbtimeout") {
       U64 v;
-      if (!ParseNum(sValue, v) || v < 10 || v > 600000) {
-        sError = "invalid value \"" + sValue + "\" for GdbTimeout";
-      } else {
-        m_timeout = (int)v;
-        m_link.SetAckTimeout((int)v);
-      }
+      if (!ParseNum(sValue, v) || v < 10 || v > 600000) sError = "invalid value \"" + sValue + "\" for GdbTimeout";
+      else m_client.SetTimeout((int)v);
       return true;
     }
     if (n == "gdbkill") {
       // Ends the target on the server side (an emulator exits); the
       // connection is gone afterwards.
-      if (m_running) m_link.SendRaw("\x03"), WaitStop(nullptr);
-      if (!m_lost) m_link.Send("k");
+      std::string p;
+      if (m_running && m_client.Interrupt()) m_client.WaitStop(p);
+      m_client.Kill();
       Lose("target killed");
-      m_link.Close();
       return true;
     }
     if (n == "gdbmonitor") {
       std::string out;
-      if (m_running || !MonitorCommand(sValue, out, sError)) {
-        if (sError.empty()) sError = "the target is running";
+      if (m_running || m_client.Monitor(sValue, out, sError) != 1) {
+        if (sError.empty()) sError = m_running ? "the target is running" : "the connection is lost";
       }
       if (!out.empty()) m_log(0, out);
       return true;
@@ -446,11 +437,6 @@ class CGdbBackend : public CBackend {
 
 
  private:
-  struct RegInfo {
-    std::string Name;
-    int Num;
-    int Bits;
-  };
   struct BP {
     int Handle;
     U32 Addr;
@@ -464,9 +450,6 @@ class CGdbBackend : public CBackend {
     U32 AddrMask;  // widened to the access size
     char Z;        // '2' write, '3' read, '4' access
   };
-  struct FlashRegion {
-    U32 Addr, Size, Block;
-  };
   struct Fio {
     bool Active = false;
     std::string Call;
@@ -477,82 +460,14 @@ class CGdbBackend : public CBackend {
     bool R0Written = false;
     bool PcMoved = false;
   };
+  // How a single step keeps pending interrupts out: the server holds them
+  // (the emulator's step flags), PRIMASK is set around the step, or nothing
+  // can (neither is available).
+  enum class StepMask { Server, Primask, None };
 
   void Lose(const char* sWhy) {
-    if (!m_lost) m_log(2, std::string("GDB server: connection lost (") + sWhy + ")");
-    m_lost = true;
+    m_client.Lose(sWhy);
     m_running = false;
-  }
-
-  void ConsoleOutput(const std::string& p) {
-    std::string text;
-    if (CRspLink::FromHex(p.substr(1), text)) m_log(0, text);
-  }
-
-  // One command and its reply; console output on the way goes to the log.
-  bool Command(const std::string& sCmd, std::string& sReply, int TimeoutMs = -1) {
-    if (m_lost) return false;
-    if (!m_link.Send(sCmd)) return Lose("send failed"), false;
-    auto deadline = Clock::now() + std::chrono::milliseconds(TimeoutMs < 0 ? m_timeout : TimeoutMs);
-    for (;;) {
-      int left = (int)std::max<long long>(
-          0, std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count());
-      int r = m_link.Receive(sReply, left);
-      if (r < 0) return Lose("connection closed"), false;
-      if (r == 0) return Lose("no reply in time"), false;
-      if (IsConsoleOutput(sReply)) {
-        ConsoleOutput(sReply);
-        continue;
-      }
-      if (IsStopReply(sReply) && sCmd != "?" && sCmd.rfind("qSupported", 0) != 0) {
-        // A late stop reply (an interrupt that crossed a stop of the target's
-        // own) is not the answer to this command.
-        m_log(1, "GDB server: stray stop reply \"" + sReply + "\" ignored");
-        continue;
-      }
-      return true;
-    }
-  }
-
-  static bool IsStopReply(const std::string& p) {
-    U64 v;
-    return p.size() >= 3 && (p[0] == 'S' || p[0] == 'T') && CRspLink::ParseHex(p.substr(1, 2), v) &&
-           (p.size() == 3 || p[0] == 'T');
-  }
-
-  // Waits for a stop reply after a resume, step or interrupt.
-  bool WaitStop(std::string* pReply) {
-    std::string p;
-    auto deadline = Clock::now() + std::chrono::milliseconds(m_timeout);
-    for (;;) {
-      int left = (int)std::max<long long>(
-          0, std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count());
-      int r = m_link.Receive(p, left);
-      if (r < 0) return Lose("connection closed"), false;
-      if (r == 0) return Lose("no stop reply in time"), false;
-      if (IsConsoleOutput(p)) {
-        ConsoleOutput(p);
-        continue;
-      }
-      if (p.empty() || (p[0] != 'S' && p[0] != 'T' && p[0] != 'W' && p[0] != 'X' && p[0] != 'F')) {
-        m_log(1, "GDB server: unexpected reply \"" + p.substr(0, 40) + "\" while waiting for a stop");
-        continue;
-      }
-      if (pReply) *pReply = p;
-      return true;
-    }
-  }
-
-  static int Signal(const std::string& p) {
-    U64 v = 0;
-    if (p.size() >= 3 && CRspLink::ParseHex(p.substr(1, 2), v)) return (int)v;
-    return -1;
-  }
-
-  static bool IsWatchStop(const std::string& p) {
-    return p[0] == 'T' && (p.find(";watch:") != std::string::npos || p.find("Twatch:") != std::string::npos ||
-                           p.find("watch:") == 3 || p.find("rwatch:") != std::string::npos ||
-                           p.find("awatch:") != std::string::npos);
   }
 
   // Takes a stop reply (the target is stopped afterwards unless it says it
@@ -567,7 +482,7 @@ class CGdbBackend : public CBackend {
       return false;
     }
     if (p[0] == 'F') return TakeFio(p);
-    if (IsWatchStop(p) && !m_des.empty()) {
+    if (CGdbClient::IsWatchStop(p) && !m_des.empty()) {
       m_watchHit = true;
       return StepPastWatch();
     }
@@ -593,9 +508,7 @@ class CGdbBackend : public CBackend {
       c = e;
     }
     U64 r0 = 0, pc = 0;
-    if (!ReadRegRaw(0, r0) || !ReadRegRaw(15, pc)) {
-      if (m_lost) return false;
-    }
+    if ((!ReadRegRaw(0, r0) || !ReadRegRaw(15, pc)) && m_client.Lost()) return false;
     f.Op = (U32)r0;
     f.Pc = (U32)pc & ~1u;
     U16 insn = 0;
@@ -636,15 +549,14 @@ class CGdbBackend : public CBackend {
     std::string pkt = "F" + (ret < 0 ? std::string("-1,5") : Hex32((U64)ret));
     if (Stay) pkt += ret < 0 ? ",C" : ",0,C";
     InvalidateRegs();
+    if (!m_client.FileIoReply(pkt)) return Lose("send failed"), false;
     if (!Stay) {
-      if (!m_link.Send(pkt)) return Lose("send failed"), false;
       m_running = true;
       m_watchHit = false;
       return true;
     }
-    if (!m_link.Send(pkt)) return Lose("send failed"), false;
     std::string p;
-    if (!WaitStop(&p)) return false;
+    if (m_client.WaitStop(p) < 0) return Lose("no stop reply"), false;
     return TakeStop(p);
   }
 
@@ -699,8 +611,7 @@ class CGdbBackend : public CBackend {
       }
     }
     std::string r;
-    if (!Command("p" + Hex32((U64)Num), r)) return false;
-    if (!RegFromHex(r, v)) return false;
+    if (m_client.ReadRegister(Num, r) != 1 || !RegFromHex(r, v)) return false;
     m_cache[Num] = v;
     return true;
   }
@@ -709,8 +620,7 @@ class CGdbBackend : public CBackend {
   // server sends them.
   void FetchAll() {
     std::string r;
-    if (!Command("g", r)) return;
-    if (r.empty() || r[0] == 'E' || r.size() % 2) return;
+    if (m_client.ReadRegisters(r) != 1) return;
     size_t off = 0;
     for (const RegInfo& ri : m_gOrder) {
       size_t n = (size_t)ri.Bits / 4;
@@ -731,24 +641,22 @@ class CGdbBackend : public CBackend {
   bool SetGdbReg(int Num, U64 v) {
     const RegInfo* ri = Info(Num);
     int bytes = ri ? ri->Bits / 8 : 4;
-    std::string r;
-    if (!Command("P" + Hex32((U64)Num) + "=" + RegToHex(v, bytes), r)) return false;
-    if (r != "OK") return false;
+    if (m_client.WriteRegister(Num, RegToHex(v, bytes)) != 1) return false;
     m_cache.erase(Num);
     return true;
   }
 
   int ReadChunk(U32 Addr, U32 Len, U8* p) {
-    std::string r, bytes;
-    if (!Command("m" + Hex32(Addr) + "," + Hex32(Len), r)) return 0;
-    if (!r.empty() && r[0] != 'E' && CRspLink::FromHex(r, bytes) && bytes.size() <= Len) {
-      memcpy(p, bytes.data(), bytes.size());
-      if (bytes.size() == Len || bytes.empty()) return (int)bytes.size();
+    std::string bytes;
+    int r = m_client.ReadMemory(Addr, Len, bytes);
+    if (r < 0) return 0;
+    if (r == 1) {
       // A short reply: the rest may still be readable in smaller pieces.
+      memcpy(p, bytes.data(), bytes.size());
       return (int)bytes.size();
     }
     // An error: find the readable prefix by halving.
-    if (Len <= 1 || m_lost) return 0;
+    if (Len <= 1) return 0;
     U32 half = Len / 2;
     int a = ReadChunk(Addr, half, p);
     if (a < (int)half) return a;
@@ -759,9 +667,9 @@ class CGdbBackend : public CBackend {
     U64 limit = 0x100000000ull - Addr;
     if (NumBytes > limit) NumBytes = (U32)limit;
     // A reply carries two hex digits per byte within the server's packet size.
-    U32 chunk = (U32)std::max<size_t>(16, m_packetSize / 2);
+    U32 chunk = (U32)std::max<size_t>(16, m_client.Capabilities().PacketSize / 2);
     U32 done = 0;
-    while (done < NumBytes && !m_lost) {
+    while (done < NumBytes && !m_client.Lost()) {
       U32 n = std::min(chunk, NumBytes - done);
       int got = ReadChunk(Addr + done, n, pData + done);
       done += (U32)got;
@@ -774,52 +682,74 @@ class CGdbBackend : public CBackend {
     U64 limit = 0x100000000ull - Addr;
     if (NumBytes > limit) NumBytes = (U32)limit;
     U32 done = 0;
-    while (done < NumBytes && !m_lost) {
+    while (done < NumBytes && !m_client.Lost()) {
       U32 a = Addr + done;
-      const FlashRegion* fr = FlashAt(a);
-      if (fr) {
-        U32 n = std::min<U64>(NumBytes - done, (U64)fr->Addr + fr->Size - a);
-        n = FitBinary(pData + done, n, 22);  // "vFlashWrite:" address ':'
-        if (!FlashWrite(*fr, a, n, pData + done)) break;
-        done += n;
+      U32 k = 0;
+      if (const FlashRegion* fr = FlashAt(a)) {
+        U32 n = (U32)std::min<U64>(NumBytes - done, (U64)fr->Addr + fr->Size - a);
+        if (!FlashWrite(*fr, a, n, pData + done, k)) break;
+        done += k;
         continue;
       }
       U32 n = NumBytes - done;
       // Stop short of a flash region.
       for (const FlashRegion& f : m_flash)
         if (f.Addr > a && f.Addr - a < n) n = f.Addr - a;
-      std::string r;
-      if (m_hasX != 0) {
-        n = FitBinary(pData + done, n, 20);  // 'X' address ',' length ':'
-        std::string cmd = "X" + Hex32(a) + "," + Hex32(n) + ":" + std::string((const char*)pData + done, n);
-        if (!Command(cmd, r)) break;
-        if (r.empty() && m_hasX < 0) {
-          m_hasX = 0;  // not supported: use 'M'
-          continue;
-        }
-        if (r != "OK") break;
-        m_hasX = 1;
-      } else {
-        n = std::min<U32>(n, (U32)std::max<size_t>(16, (m_packetSize - 20) / 2));
-        if (!Command("M" + Hex32(a) + "," + Hex32(n) + ":" + CRspLink::ToHex(pData + done, n), r) || r != "OK") break;
-      }
-      done += n;
+      int r = m_client.WriteMemoryBinary(a, pData + done, n, k);
+      if (r == 2) r = m_client.WriteMemoryHex(a, pData + done, n, k);
+      if (r != 1) break;
+      done += k;
     }
     return (int)done;
   }
 
-  // How many of n bytes fit into one packet after a header of HeaderLen
-  // characters, counting the escapes the framing adds.
-  U32 FitBinary(const U8* p, U32 n, size_t HeaderLen) const {
-    size_t room = m_packetSize > HeaderLen + 2 ? m_packetSize - HeaderLen : 2;
-    size_t used = 0;
-    U32 k = 0;
-    for (; k < n; ++k) {
-      size_t w = (p[k] == '$' || p[k] == '#' || p[k] == '}' || p[k] == '*') ? 2 : 1;
-      if (used + w > room) break;
-      used += w;
+  // Remembers ranges written through the debugger in memory a reset keeps;
+  // Reset puts them back if the server's reset changed them.
+  void Keep(U32 Addr, U32 n) {
+    if (!KeptAcrossReset(Addr) || m_keepOff) return;
+    U64 end = std::min<U64>((U64)Addr + n, Addr < 0x40000000u ? 0x40000000ull : 0xA0000000ull);
+    U64 a = Addr;
+    // Join with the ranges it touches.
+    auto it = m_kept.upper_bound((U32)a);
+    if (it != m_kept.begin()) {
+      auto prev = std::prev(it);
+      if ((U64)prev->first + prev->second >= a) {
+        a = prev->first;
+        end = std::max<U64>(end, (U64)prev->first + prev->second);
+        it = m_kept.erase(prev);
+      }
     }
-    return std::max<U32>(k, 1);
+    while (it != m_kept.end() && it->first <= end) {
+      end = std::max<U64>(end, (U64)it->first + it->second);
+      it = m_kept.erase(it);
+    }
+    m_kept[(U32)a] = (U32)(end - a);
+    U64 total = 0;
+    for (const auto& [ka, kn] : m_kept) total += kn;
+    if (total > KEEP_LIMIT) {
+      m_log(1, "GDB server: more than 16 MiB written; a reset that reloads the server's own image will not be undone");
+      m_kept.clear();
+      m_keepOff = true;
+    }
+  }
+
+  // After the reset command: the server may carry out the reset after it
+  // answered, so wait until the core shows the vector table's SP and PC (the
+  // table as it is now in memory).
+  bool WaitResetState() {
+    auto deadline = Clock::now() + std::chrono::milliseconds(m_client.Timeout());
+    for (;;) {
+      InvalidateRegs();
+      U32 vec[2];
+      U64 pc = 0, sp = 0;
+      if (ReadMemRaw(0, 8, (U8*)vec) != 8 || !ReadRegRaw(15, pc) || !ReadRegRaw(13, sp)) return !m_client.Lost();
+      if (((U32)pc & ~1u) == (vec[1] & ~1u) && (U32)sp == (vec[0] & ~3u)) return true;
+      if (Clock::now() > deadline) {
+        m_log(1, "GDB server: the core did not show the reset state after \"" + m_resetCmd + "\"");
+        return true;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
   }
 
   const FlashRegion* FlashAt(U32 Addr) const {
@@ -831,23 +761,19 @@ class CGdbBackend : public CBackend {
 
   // Flash programming through the server: erase each touched block once,
   // write, and finish with vFlashDone before anything else uses the target.
-  bool FlashWrite(const FlashRegion& f, U32 Addr, U32 n, const U8* p) {
+  bool FlashWrite(const FlashRegion& f, U32 Addr, U32 n, const U8* p, U32& Done) {
+    n = m_client.FitBinary(p, n, 22);  // what one vFlashWrite carries; its blocks only
     U32 blk = f.Block ? f.Block : f.Size;
     for (U32 b = (Addr - f.Addr) / blk; (U64)b * blk < (U64)Addr - f.Addr + n; ++b) {
       U32 start = f.Addr + b * blk;
       if (m_erased.count(start)) continue;
-      std::string r;
-      if (!Command("vFlashErase:" + Hex32(start) + "," + Hex32(std::min<U64>(blk, (U64)f.Addr + f.Size - start)), r,
-                   5 * m_timeout) ||
-          r != "OK") {
+      if (m_client.FlashErase(start, (U32)std::min<U64>(blk, (U64)f.Addr + f.Size - start)) != 1) {
         m_log(2, "GDB server: flash erase at 0x" + Hex32(start) + " failed");
         return false;
       }
       m_erased.insert(start);
     }
-    std::string r;
-    if (!Command("vFlashWrite:" + Hex32(Addr) + ":" + std::string((const char*)p, n), r, 5 * m_timeout) ||
-        r != "OK") {
+    if (m_client.FlashWrite(Addr, p, n, Done) != 1) {
       m_log(2, "GDB server: flash write at 0x" + Hex32(Addr) + " failed");
       return false;
     }
@@ -856,21 +782,14 @@ class CGdbBackend : public CBackend {
   }
 
   bool FlushFlash() {
-    if (!m_flashDirty) return !m_lost;
+    if (!m_flashDirty) return !m_client.Lost();
     m_flashDirty = false;
     m_erased.clear();
-    std::string r;
-    if (!Command("vFlashDone", r, 5 * m_timeout) || r != "OK") {
+    if (m_client.FlashDone() != 1) {
       m_log(2, "GDB server: vFlashDone failed");
       return false;
     }
     return true;
-  }
-
-  bool ZPacket(char Op, char Type, U32 Addr, U32 Kind) {
-    std::string r;
-    std::string cmd = std::string(1, Op) + Type + "," + Hex32(Addr) + "," + Hex32(Kind);
-    return Command(cmd, r) && r == "OK";
   }
 
   bool HasBPAt(U32 Addr) const {
@@ -880,7 +799,7 @@ class CGdbBackend : public CBackend {
   }
 
   bool Resume() {
-    if (!m_link.Send(m_vCont ? "vCont;c" : "c")) return Lose("send failed"), false;
+    if (!m_client.Continue()) return Lose("send failed"), false;
     InvalidateRegs();
     m_running = true;
     m_watchHit = false;
@@ -891,30 +810,31 @@ class CGdbBackend : public CBackend {
   // was ours (resume afterwards); an event that raced with it is kept.
   bool Pause(bool& Paused) {
     Paused = false;
-    if (!m_link.SendRaw("\x03")) return Lose("send failed"), false;
     std::string p;
-    if (!WaitStop(&p)) return false;
-    int sig = Signal(p);
-    bool ours = (p[0] == 'S' || p[0] == 'T') && sig == 2 && !IsWatchStop(p);
+    if (!m_client.Interrupt() || m_client.WaitStop(p) < 0) return Lose("no stop after an interrupt"), false;
+    bool ours = (p[0] == 'S' || p[0] == 'T') && CGdbClient::Signal(p) == 2 && !CGdbClient::IsWatchStop(p);
     if (!TakeStop(p)) return false;
     Paused = ours;
     return true;
   }
 
   // One instruction with breakpoints at the PC out of the way; watchpoints
-  // that stopped before their access are stepped past.
+  // that stopped before their access are stepped past. An IT block is one
+  // step, as on the simulator. The step executes the instruction at the PC
+  // even when an interrupt is pending: interrupts are held during the step
+  // (as hardware debuggers do) and taken when the target runs on.
   int StepInternal() {
-    U64 pc = 0;
-    if (!ReadRegRaw(15, pc)) return -1;
     std::vector<BP*> lifted;
-    for (BP& b : m_bps)
-      if (b.Addr == ((U32)pc & ~1u)) {
-        if (!ZPacket('z', b.Z, b.Addr, 2)) return -1;
-        lifted.push_back(&b);
-      }
+    if (!m_bps.empty()) {
+      U64 pc = 0;
+      if (!ReadRegRaw(15, pc)) return -1;
+      for (BP& b : m_bps)
+        if (b.Addr == ((U32)pc & ~1u)) {
+          if (m_client.RemovePoint(b.Z, b.Addr, 2) < 0) return -1;
+          lifted.push_back(&b);
+        }
+    }
     bool ok = StepOnce();
-    // An IT block is one step, as on the simulator: go on while the IT state
-    // says the core is inside one.
     for (int i = 0; ok && i < 4 && !m_fio.Active && !m_watchHit; ++i) {
       U64 xpsr;
       if (!ReadRegRaw(16, xpsr)) break;
@@ -923,110 +843,78 @@ class CGdbBackend : public CBackend {
       ok = StepOnce();
     }
     for (BP* b : lifted)
-      if (!m_lost) ZPacket('Z', b->Z, b->Addr, 2);
+      if (!m_client.Lost()) m_client.InsertPoint(b->Z, b->Addr, 2);
     return ok ? 0 : -1;
   }
 
+  // One machine step. A server may report a step done without having
+  // executed anything (the emulator does when an interrupt or a timer event
+  // is pending): the PC did not move and the instruction is no branch to
+  // itself. Such a step is repeated.
   bool StepOnce() {
-    if (!m_link.Send(m_vCont ? "vCont;s" : "s")) return Lose("send failed"), false;
-    std::string p;
-    if (!WaitStop(&p)) return false;
-    return TakeStop(p);
+    U64 pc0 = 0;
+    bool havePc = ReadRegRaw(15, pc0);
+    bool unmask = false;
+    if (m_stepMask == StepMask::Primask) {
+      U64 primask = 1;
+      U16 insn = 0;
+      if (havePc && ReadRegRaw(VORDENARM_REG_PRIMASK, primask) && (primask & 1) == 0 &&
+          ReadMemRaw((U32)pc0 & ~1u, 2, (U8*)&insn) == 2 && !WritesPrimask(insn))
+        unmask = WriteRegRaw(VORDENARM_REG_PRIMASK, 1);
+    }
+    bool ok = true;
+    for (int attempt = 0; ok; ++attempt) {
+      std::string p;
+      if (!m_client.StepStart() || m_client.WaitStop(p) < 0) return Lose("no stop after a step"), false;
+      ok = TakeStop(p);
+      U64 pc1 = 0;
+      if (!ok || !havePc || m_fio.Active || m_watchHit || !ReadRegRaw(15, pc1) || pc1 != pc0 || attempt == 3 ||
+          BranchesToItself((U32)pc0 & ~1u))
+        break;
+    }
+    if (unmask && ok && !m_client.Lost()) ok = WriteRegRaw(VORDENARM_REG_PRIMASK, 0);
+    return ok;
+  }
+
+  bool BranchesToItself(U32 Pc) {
+    U16 h[2] = {0, 0};
+    if (ReadMemRaw(Pc, 4, (U8*)h) < 2) return true;  // unknown: take the step as done
+    return h[0] == 0xE7FE || ((h[0] & 0xF0FF) == 0xD0FE && (h[0] & 0x0E00) != 0x0E00) ||
+           (h[0] == 0xF7FF && h[1] == 0xBFFE);
   }
 
   // The access of a watchpoint that stopped before it: lift the watchpoints,
   // step, put them back.
   bool StepPastWatch() {
     for (const DE& d : m_des)
-      if (!ZPacket('z', d.Z, d.Ev.Addr & ~d.AddrMask, d.AddrMask + 1)) return false;
+      if (m_client.RemovePoint(d.Z, d.Ev.Addr & ~d.AddrMask, d.AddrMask + 1) < 0) return false;
     bool ok = true;
-    if (!m_link.Send(m_vCont ? "vCont;s" : "s")) return Lose("send failed"), false;
     std::string p;
-    if (!WaitStop(&p)) return false;
+    if (!m_client.StepStart() || m_client.WaitStop(p) < 0) return Lose("no stop after a step"), false;
     InvalidateRegs();
     if (p[0] == 'W' || p[0] == 'X') return TakeStop(p);
     if (p[0] == 'F') ok = TakeFio(p);
     for (const DE& d : m_des)
-      if (!ZPacket('Z', d.Z, d.Ev.Addr & ~d.AddrMask, d.AddrMask + 1)) return false;
+      if (m_client.InsertPoint(d.Z, d.Ev.Addr & ~d.AddrMask, d.AddrMask + 1) < 0) return false;
     return ok;
-  }
-
-  bool MonitorCommand(const std::string& sCmd, std::string& sOut, std::string& sError) {
-    if (!m_link.Send("qRcmd," + CRspLink::ToHex(sCmd))) return Lose("send failed"), false;
-    auto deadline = Clock::now() + std::chrono::milliseconds(m_timeout);
-    for (;;) {
-      std::string p;
-      int left = (int)std::max<long long>(
-          0, std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count());
-      int r = m_link.Receive(p, left);
-      if (r < 0) return Lose("connection closed"), false;
-      if (r == 0) return Lose("no reply in time"), false;
-      if (IsConsoleOutput(p)) {
-        std::string t;
-        CRspLink::FromHex(p.substr(1), t);
-        sOut += t;
-        continue;
-      }
-      if (p == "OK") return true;
-      if (p.empty()) {
-        sError = "monitor commands not supported";
-        return false;
-      }
-      if (p[0] == 'E') {
-        sError = "monitor command failed";
-        return false;
-      }
-      // Some servers answer with the output as hex and no "OK".
-      std::string t;
-      if (CRspLink::FromHex(p, t)) {
-        sOut += t;
-        return true;
-      }
-      sError = "unexpected reply";
-      return false;
-    }
   }
 
   // ---- connection set-up ------------------------------------------------------
   bool Init(std::string& sError) {
-    std::string r;
-    if (!Command("qSupported:swbreak+;hwbreak+;xmlRegisters=arm", r)) {
-      sError = "no answer from the GDB server";
-      return false;
-    }
-    bool noAck = false;
-    size_t pos = 0;
-    while (pos <= r.size()) {
-      size_t e = r.find(';', pos);
-      std::string f = r.substr(pos, e == std::string::npos ? std::string::npos : e - pos);
-      if (f.rfind("PacketSize=", 0) == 0) {
-        U64 v;
-        if (CRspLink::ParseHex(f.substr(11), v) && v >= 64) m_packetSize = (size_t)std::min<U64>(v, 65536);
-      } else if (f == "qXfer:features:read+") {
-        m_xmlFeatures = true;
-      } else if (f == "qXfer:memory-map:read+") {
-        m_xmlMemMap = true;
-      } else if (f == "QStartNoAckMode+") {
-        noAck = true;
-      } else if (f == "vContSupported+") {
-        m_vContOffered = true;
-      }
-      if (e == std::string::npos) break;
-      pos = e + 1;
-    }
-    if (noAck && Command("QStartNoAckMode", r) && r == "OK") m_link.SetAckMode(false);
-    if (m_lost) return sError = "the GDB server stopped answering", false;
-    if (!Command("?", r)) return sError = "no answer to '?'", false;
-    if (r.empty() || (r[0] != 'S' && r[0] != 'T')) {
-      sError = "the GDB server has no stopped target (\"" + r.substr(0, 40) + "\")";
-      return false;
-    }
-    if (m_xmlFeatures) {
+    if (!m_client.Handshake(sError)) return false;
+    // A server that stopped a running target for this connection says so
+    // with a stop reply of its own: the target goes on running afterwards.
+    std::string unasked, r;
+    bool wasRunning = m_client.TakeUnsolicitedStop(unasked);
+    int hr = m_client.HaltReason(r);
+    if (hr < 0) return sError = "no answer to '?'", false;
+    if (hr == 0) return sError = "the GDB server has no stopped target (\"" + r.substr(0, 40) + "\")", false;
+    if (m_client.Capabilities().Features) {
       int next = 0;
       if (!ReadFeatures("target.xml", next, 0)) m_regs.clear();
     }
     if (m_regs.empty()) {
-      if (m_lost) return sError = "the GDB server stopped answering", false;
+      if (m_client.Lost()) return sError = "the GDB server stopped answering", false;
       // No description: the server's default ARM layout.
       m_log(1, "GDB server gives no register description; assuming the default ARM register numbers");
       static const char* names[] = {"r0", "r1", "r2", "r3", "r4", "r5", "r6", "r7",
@@ -1036,60 +924,41 @@ class CGdbBackend : public CBackend {
       m_useG = false;
     }
     MapRegisters();
-    if (m_xmlMemMap) ReadMemoryMap();
-    if (m_vContOffered && Command("vCont?", r)) {
-      m_vCont = r.find(";c") != std::string::npos && r.find(";s") != std::string::npos;
+    if (m_client.Capabilities().MemoryMap) {
+      std::string xml;
+      if (m_client.ReadXfer("memory-map", "", xml) == 1) m_flash = gdbdesc::ParseMemoryMap(xml);
     }
-    if (m_lost) return sError = "the GDB server stopped answering", false;
+    ChooseStepMask();
+    if (m_client.Lost()) return sError = "the GDB server stopped answering", false;
+    if (wasRunning) {
+      m_log(0, "GDB server: attached to a running target; it keeps running");
+      if (!Resume()) return sError = "the GDB server stopped answering", false;
+    }
     return true;
   }
 
-  bool ReadAnnex(const std::string& sObject, const std::string& sAnnex, std::string& sOut) {
-    sOut.clear();
-    size_t chunk = std::max<size_t>(64, m_packetSize - 8);
-    for (int guard = 0; guard < 4096; ++guard) {
+  // Interrupts held during single steps: the emulator's step flags when it
+  // has them, else PRIMASK when the server describes it.
+  void ChooseStepMask() {
+    std::string bits;
+    if (m_client.Query("qqemu.sstepbits", bits) == 1 && bits.find("NOIRQ=") != std::string::npos) {
       std::string r;
-      if (!Command("qXfer:" + sObject + ":read:" + sAnnex + ":" + Hex32(sOut.size()) + "," + Hex32(chunk), r))
-        return false;
-      if (r.empty() || (r[0] != 'm' && r[0] != 'l')) return false;
-      std::string data = CRspLink::Unescape(r.substr(1));
-      sOut += data;
-      if ((int)sOut.size() > MAX_XML) return false;
-      if (r[0] == 'l' || data.empty()) return true;
+      int flags = QEMU_SSTEP_ENABLE | QEMU_SSTEP_NOIRQ | QEMU_SSTEP_NOTIMER;
+      if (m_client.Query("Qqemu.sstep=" + Hex32((U64)flags), r) == 1 && r == "OK") {
+        m_stepMask = StepMask::Server;
+        return;
+      }
     }
-    return false;
+    m_stepMask = m_probeToGdb[VORDENARM_REG_PRIMASK] >= 0 ? StepMask::Primask : StepMask::None;
+    if (m_stepMask == StepMask::None)
+      m_log(1, "GDB server: interrupts cannot be held during single steps; a pending interrupt is taken by a step");
   }
 
   bool ReadFeatures(const std::string& sAnnex, int& Next, int Depth) {
-    if (Depth > 4) return false;
     std::string xml;
-    if (!ReadAnnex("features", sAnnex, xml)) return false;
-    size_t p = 0;
-    for (;;) {
-      size_t reg = xml.find("<reg", p), inc = xml.find("<xi:include", p);
-      size_t at = std::min(reg, inc);
-      if (at == std::string::npos) break;
-      size_t end = xml.find('>', at);
-      if (end == std::string::npos) break;
-      std::string tag = xml.substr(at, end - at);
-      p = end;
-      if (at == inc) {
-        std::string href = Attr(tag, "href");
-        if (!href.empty() && !ReadFeatures(href, Next, Depth + 1)) return false;
-        continue;
-      }
-      if (tag.size() > 4 && !isspace((unsigned char)tag[4])) continue;  // "<register..." is not a reg
-      RegInfo ri;
-      ri.Name = Attr(tag, "name");
-      U64 v;
-      ri.Bits = ParseNum(Attr(tag, "bitsize"), v) && v > 0 && v <= 1024 ? (int)v : 32;
-      std::string rn = Attr(tag, "regnum");
-      if (!rn.empty() && ParseNum(rn, v) && v < 100000) Next = (int)v;
-      ri.Num = Next++;
-      std::transform(ri.Name.begin(), ri.Name.end(), ri.Name.begin(), [](unsigned char c) { return (char)tolower(c); });
-      if (!ri.Name.empty()) m_regs.push_back(ri);
-    }
-    return true;
+    if (m_client.ReadXfer("features", sAnnex, xml) != 1) return false;
+    return gdbdesc::ParseRegisters(
+        xml, Next, m_regs, [&](const std::string& sHref) { return ReadFeatures(sHref, Next, Depth + 1); }, Depth);
   }
 
   void MapRegisters() {
@@ -1106,7 +975,8 @@ class CGdbBackend : public CBackend {
       if (r.Name == "cpsr" && m_probeToGdb[16] < 0) m_probeToGdb[16] = r.Num;
       unsigned k;
       char tail;
-      if (sscanf(r.Name.c_str(), "s%u%c", &k, &tail) == 1 && k < 32 && r.Bits == 32) m_probeToGdb[VORDENARM_REG_S0 + k] = r.Num;
+      if (sscanf(r.Name.c_str(), "s%u%c", &k, &tail) == 1 && k < 32 && r.Bits == 32)
+        m_probeToGdb[VORDENARM_REG_S0 + k] = r.Num;
       if (sscanf(r.Name.c_str(), "d%u%c", &k, &tail) == 1 && k < 16 && r.Bits == 64) {
         m_dRegOfS[2 * k] = r.Num;
         m_dRegOfS[2 * k + 1] = r.Num;
@@ -1116,52 +986,25 @@ class CGdbBackend : public CBackend {
     std::sort(m_gOrder.begin(), m_gOrder.end(), [](const RegInfo& a, const RegInfo& b) { return a.Num < b.Num; });
   }
 
-  void ReadMemoryMap() {
-    std::string xml;
-    if (!ReadAnnex("memory-map", "", xml)) return;
-    size_t p = 0;
-    while ((p = xml.find("<memory", p)) != std::string::npos) {
-      size_t end = xml.find('>', p);
-      if (end == std::string::npos) break;
-      std::string tag = xml.substr(p, end - p);
-      size_t close = xml.find("</memory>", end);
-      std::string body = close == std::string::npos ? "" : xml.substr(end, close - end);
-      p = end;
-      if (Attr(tag, "type") != "flash") continue;
-      U64 a, l, b = 0;
-      if (!ParseNum(Attr(tag, "start"), a) || !ParseNum(Attr(tag, "length"), l) || a > 0xFFFFFFFFull || l == 0 ||
-          a + l > 0x100000000ull)
-        continue;
-      size_t bp = body.find("name=\"blocksize\"");
-      if (bp != std::string::npos) {
-        size_t gt = body.find('>', bp), lt = body.find('<', bp);
-        if (gt != std::string::npos && lt != std::string::npos && lt > gt) ParseNum(body.substr(gt + 1, lt - gt - 1), b);
-      }
-      m_flash.push_back({(U32)a, (U32)std::min<U64>(l, 0xFFFFFFFFull), (U32)std::min<U64>(b, l)});
-    }
-  }
-
   int m_devIdx;
   LogFn m_log;
   std::recursive_mutex m_mx;
-  CRspLink m_link;
-  int m_timeout = 2000;
-  size_t m_packetSize = 400;
-  bool m_xmlFeatures = false, m_xmlMemMap = false, m_vContOffered = false, m_vCont = false;
-  int m_hasX = -1;  // unknown until the first write
+  CGdbClient m_client;
   bool m_useG = true;
   std::vector<RegInfo> m_regs, m_gOrder;
   int m_probeToGdb[VORDENARM_REG_NUM];
   int m_dRegOfS[32];
   std::map<int, U64> m_cache;
   bool m_running = false;
-  bool m_lost = false;
   bool m_watchHit = false;
+  StepMask m_stepMask = StepMask::None;
   Fio m_fio;
   std::string m_resetCmd = "system_reset";
   std::vector<FlashRegion> m_flash;
   std::set<U32> m_erased;
   bool m_flashDirty = false;
+  std::map<U32, U32> m_kept;  // start -> length, disjoint
+  bool m_keepOff = false;
   std::vector<BP> m_bps;
   int m_nextBp = 1;
   std::vector<DE> m_des;

@@ -281,7 +281,8 @@ int CRspLink::TakeFrame(std::string& sPayload) {
   U8 sum = 0;
   for (char c : body) sum += (U8)c;
   std::string expanded;
-  if (h < 0 || l < 0 || (U8)(h * 16 + l) != sum || !ExpandRunLength(body, expanded)) {
+  bool encoded = body.find('*') == std::string::npos ? (expanded.swap(body), true) : ExpandRunLength(body, expanded);
+  if (h < 0 || l < 0 || (U8)(h * 16 + l) != sum || !encoded) {
     ++m_csErrors;
     m_log(1, "GDB server packet with a checksum or encoding error; asked for it again");
     if (m_ack) WriteAll("-", 1);

@@ -28,6 +28,7 @@ namespace {
 struct Model {
   bool NoAck = true, HasX = true, FlashMap = true, Features = true, Monitor = true;
   bool AckOff = false;
+  bool ReloadImage = false;
   std::string Xml =
       "<target><feature name=\"core\">"
       "<reg name=\"r0\" bitsize=\"32\" regnum=\"4\"/><reg name=\"r1\" bitsize=\"32\"/>"
@@ -168,6 +169,7 @@ struct Model {
       CRspLink::FromHex(p.substr(6), cmd);
       FlashOps.push_back("monitor " + cmd);
       if (cmd == "reset halt") {
+        if (ReloadImage) std::fill(Ram.begin(), Ram.begin() + 64, 0xEE);  // the server's own image
         Regs[20] = 0x20001000;
         Regs[22] = 0x100;
         return "O" + CRspLink::ToHex(std::string("resetting")) + "\nOK";
@@ -322,6 +324,67 @@ TEST(GdbFakeServer, ResetThroughTheMonitorOrByHand) {
   EXPECT_FALSE(b->ExecCommand("NoSuchKnob", "", err));
   EXPECT_TRUE(b->ExecCommand("GdbTimeout", "5", err));
   EXPECT_FALSE(err.empty());
+}
+
+// A server that puts its own image back on reset: what was downloaded is
+// written again, and only where the reset changed it.
+TEST(GdbFakeServer, ResetPutsBackWhatTheServerReloaded) {
+  Model m;
+  m.Regs = {{20, 0x0}, {22, 0x0}, {23, 0}};
+  U32 vec[2] = {0x20001000, 0x101};
+  memcpy(m.Flash.data(), vec, 8);
+  m.ReloadImage = true;
+  FakeServer srv([&](const std::string& p) { return Serve(m, p); });
+  auto b = Open(srv);
+  ASSERT_TRUE(b);
+  std::string err;
+  ASSERT_TRUE(b->ExecCommand("GdbResetCommand", "reset halt", err));
+  U8 prog[32], far[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+  for (int i = 0; i < 32; ++i) prog[i] = (U8)(0x30 + i);
+  ASSERT_EQ(b->WriteMem(0x20000010, 32, prog), 32);
+  ASSERT_EQ(b->WriteMem(0x20000800, 8, far), 8);
+  ASSERT_EQ(b->Reset(), 0);
+  EXPECT_EQ(0, memcmp(&m.Ram[0x10], prog, 32));
+  EXPECT_EQ(0, memcmp(&m.Ram[0x800], far, 8));
+  EXPECT_EQ(m.Ram[0x0F], 0xEE);  // never written by us: the reset's content stays
+  // Only the changed range went back over the wire.
+  int writes = 0;
+  auto packets = srv.Packets();
+  auto reset = std::find(packets.begin(), packets.end(), "qRcmd," + CRspLink::ToHex(std::string("reset halt")));
+  for (auto it = reset; it != packets.end(); ++it) writes += (*it)[0] == 'X' || (*it)[0] == 'M';
+  EXPECT_EQ(writes, 1);
+}
+
+// A server that stopped a running target for the connection says so first;
+// the back end lets the target run on and never takes that stop reply for
+// the answer to its first question.
+TEST(GdbFakeServer, ConnectingToARunningTargetLeavesItRunning) {
+  Model m;
+  m.Regs = {{20, 0x20001000}, {22, 0x100}};
+  FakeServer srv([&](const std::string& p) { return Serve(m, p); });
+  srv.Push(Framed("T02thread:01;"));
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  auto b = Open(srv);
+  ASSERT_TRUE(b);
+  EXPECT_EQ(b->IsHalted(), 0);
+  std::vector<std::string> p;
+  for (int i = 0; i < 200 && (p.empty() || p.back() != "c"); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    p = srv.Packets();
+  }
+  ASSERT_FALSE(p.empty());
+  EXPECT_EQ(p.back(), "c");
+  // Halting and reading work as usual afterwards.
+  ASSERT_EQ(b->Halt(), 0);
+  U64 sp;
+  ASSERT_EQ(b->ReadReg(13, sp), 0);
+  EXPECT_EQ(sp, 0x20001000u);
+  // Without that stop reply the target is taken as halted.
+  Model m2;
+  FakeServer srv2([&](const std::string& q) { return Serve(m2, q); });
+  auto b2 = Open(srv2);
+  ASSERT_TRUE(b2);
+  EXPECT_EQ(b2->IsHalted(), 1);
 }
 
 TEST(GdbFakeServer, ExitRepliesAndSilenceLoseTheConnection) {

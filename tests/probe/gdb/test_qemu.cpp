@@ -1,7 +1,9 @@
-// The GDB remote protocol back end against the emulator's MPS2-AN385
-// (Cortex-M3) and MPS2-AN386 (Cortex-M4) machines running the test firmware
-// of firmware/gdb. Expected values come from the ELF file and the cross
-// tools' nm and objdump output.
+// What only the GDB remote protocol back end does, against the emulator's
+// MPS2-AN385 (Cortex-M3) and MPS2-AN386 (Cortex-M4) machines running the test
+// firmware of firmware/gdb: attaching to a running target, a reset that
+// reloads the server's own image, pending interrupts at steps, access while
+// running, semihosting through the server, a server that dies. Expected
+// values come from the ELF file and the cross tools' nm and objdump output.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -10,6 +12,7 @@
 #include <thread>
 
 #include "devices.h"
+#include "gdb/gdb_client.h"
 #include "qemu_util.h"
 
 using namespace vorden;
@@ -86,79 +89,6 @@ class GdbQemu : public ::testing::TestWithParam<Machine> {
   std::unique_ptr<CBackend> t;
 };
 
-TEST_P(GdbQemu, DownloadResetBreakpointAndSteps) {
-  Download();
-  // Download read back.
-  for (const Segment& s : segs) {
-    std::string back(s.Bytes.size(), '\0');
-    ASSERT_EQ(t->ReadMem(s.Addr, (U32)back.size(), (U8*)back.data()), (int)back.size());
-    EXPECT_EQ(back, s.Bytes);
-  }
-  // Reset: SP and PC from the vector table at 0.
-  ASSERT_EQ(t->Reset(), 0);
-  U32 vec[2];
-  memcpy(vec, segs[0].Bytes.data(), 8);
-  ASSERT_EQ(segs[0].Addr, 0u);
-  EXPECT_EQ(Reg(13), vec[0]);
-  EXPECT_EQ(Reg(15), vec[1] & ~1u);
-  EXPECT_EQ(vec[1], entry);
-  EXPECT_EQ(Reg(16) & (1u << 24), 1u << 24);  // Thumb state
-
-  // Breakpoint at main: a hardware comparator first.
-  U32 mainAddr = syms["main"];
-  int h = t->SetBP(mainAddr | 1, 0xFFFFFFF0);
-  ASSERT_GT(h, 0);
-  EXPECT_EQ(t->SetBP(mainAddr, 0xFFFFFFF0), h);
-  EXPECT_EQ(t->FindBP(mainAddr), h);
-  VORDENARM_BP_INFO bi{};
-  bi.SizeOfStruct = sizeof bi;
-  EXPECT_EQ(t->GetBPInfo(0, &bi), 1);
-  EXPECT_EQ(bi.ImpFlags, VORDENARM_BP_IMP_HW);
-  ASSERT_EQ(t->Go(0), 0);
-  ASSERT_TRUE(WaitHalted());
-  ASSERT_EQ(Reg(15), mainAddr);
-
-  // Single steps from main: the PC moves by the instruction's length unless
-  // it branches, with the breakpoint at the PC stepped over; immediate moves
-  // leave their value behind.
-  auto dis = Disassembly(elf);
-  int seen16 = 0, seen32 = 0, movChecked = 0, seenIT = 0;
-  static const std::regex movImm(R"(^r(\d+), #(\d+)$)");
-  for (int i = 0; i < 80; ++i) {
-    U32 pc = Reg(15);
-    ASSERT_TRUE(dis.count(pc)) << std::hex << pc;
-    const Insn& in = dis[pc];
-    ASSERT_EQ(t->Step(), 0);
-    ASSERT_EQ(t->IsHalted(), 1);
-    U32 npc = Reg(15);
-    bool branch = in.Mnemonic[0] == 'b' || in.Mnemonic.rfind("cb", 0) == 0 ||
-                  (in.Mnemonic == "pop" && in.Operands.find("pc") != std::string::npos);
-    if (in.Mnemonic.rfind("it", 0) == 0) {
-      // An IT block is one step: the IT and the instructions it covers
-      // (none of them branches in this firmware).
-      U32 next = pc + in.Size;
-      for (size_t k = 1; k < in.Mnemonic.size() && dis.count(next); ++k) next += dis[next].Size;
-      EXPECT_EQ(npc, next) << in.Mnemonic;
-      ++seenIT;
-    } else if (!branch) {
-      EXPECT_EQ(npc, pc + in.Size) << in.Mnemonic << " " << in.Operands;
-      (in.Size == 2 ? seen16 : seen32)++;
-    }
-    std::smatch m;
-    if ((in.Mnemonic == "movs" || in.Mnemonic == "movw" || in.Mnemonic == "mov") &&
-        std::regex_match(in.Operands, m, movImm)) {
-      EXPECT_EQ(Reg((U32)std::stoi(m[1])), (U32)std::stoul(m[2]));
-      ++movChecked;
-    }
-  }
-  EXPECT_GT(seen16, 5);
-  EXPECT_GT(seen32, 0);
-  EXPECT_GT(movChecked, 0);
-  EXPECT_GT(seenIT, 0);
-  EXPECT_EQ(t->ClrBP(-1), 0);
-  EXPECT_EQ(t->FindBP(mainAddr), 0);
-}
-
 TEST_P(GdbQemu, RegistersAndMemory) {
   ToMain();
   // Core registers write and read back.
@@ -193,54 +123,179 @@ TEST_P(GdbQemu, RegistersAndMemory) {
   EXPECT_LE(t->ReadMem(0xFFFFFFFE, 16, buf), 2);
 }
 
-TEST_P(GdbQemu, WriteWatchpointStopsAfterTheStore) {
-  ToMain();
-  U32 addr = syms["g_watched"];
-  U32 before = Mem32(addr);
-  VORDENARM_DATA_EVENT ev{};
-  ev.SizeOfStruct = sizeof ev;
-  ev.Type = 1;
-  ev.Addr = addr;
-  ev.AddrMask = 0;
-  ev.DataMask = 0xFFFFFFFF;
-  ev.Access = 1 | 4;  // write, word
-  ev.AccessMask = 0x10;
-  U32 handle = 0;
-  ASSERT_EQ(t->SetDataEvent(ev, &handle), 0);
-  EXPECT_EQ(t->GetWPInfo(-1, nullptr), 1);
-  VORDENARM_WP_INFO wi{};
-  wi.SizeOfStruct = sizeof wi;
-  ASSERT_EQ(t->GetWPInfo(0, &wi), 0);
-  EXPECT_EQ(wi.AddrMask, 3u);
-  // A data comparator is something no GDB server has.
-  VORDENARM_DATA_EVENT withData = ev;
-  withData.DataMask = 0;
-  EXPECT_EQ((U32)t->SetDataEvent(withData, nullptr) & VORDENARM_EVENT_ERR_NO_MORE_DATA_COMP,
-            VORDENARM_EVENT_ERR_NO_MORE_DATA_COMP);
-
-  auto dis = Disassembly(elf);
+// Connecting to a target that runs (the emulator started without waiting
+// for a debugger) leaves it running, and so does the detach when the back
+// end goes: connect twice, the program never starts over.
+TEST_P(GdbQemu, AttachesToARunningTargetAndLeavesItRunning) {
+  t.reset();
+  qemu = std::make_unique<Qemu>(GetParam().sQemu, elf, true);
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  U32 last = 0;
   for (int round = 0; round < 2; ++round) {
+    std::string err;
+    t = qemu->Connect(FindDevice(GetParam().sDevice), err, [this](int, const std::string& s) { log += s + "\n"; });
+    ASSERT_TRUE(t) << err;
+    EXPECT_EQ(t->IsHalted(), 0) << log;
+    U32 c1 = Mem32(syms["g_counter"]);
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    U32 c2 = Mem32(syms["g_counter"]);
+    EXPECT_GT(c2, c1);
+    EXPECT_GT(c1, last) << "the program started over";
+    EXPECT_EQ(t->IsHalted(), 0);
+    last = c2;
+    t.reset();  // detach while it runs
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  EXPECT_NE(log.find("attached to a running target"), std::string::npos);
+}
+
+// A changed program survives a reset, whether the emulator loads an image
+// of its own on every reset or starts empty.
+TEST_P(GdbQemu, ResetKeepsTheDownloadedProgram) {
+  // The changed program: g_table starts with 0x77 instead of 1.
+  std::vector<Segment> changed = segs;
+  const U32 first[4] = {1, 2, 3, 5};
+  bool patched = false;
+  for (Segment& s : changed) {
+    size_t at = s.Bytes.find(std::string((const char*)first, sizeof first));
+    if (at != std::string::npos && s.Addr != syms["g_table"]) {
+      s.Bytes[at] = 0x77;
+      patched = true;
+    }
+  }
+  ASSERT_TRUE(patched);
+  for (bool ownImage : {true, false}) {
+    SCOPED_TRACE(ownImage ? "emulator given the program" : "emulator started empty");
+    t.reset();
+    qemu = std::make_unique<Qemu>(GetParam().sQemu, ownImage ? elf : "");
+    std::string err;
+    t = qemu->Connect(FindDevice(GetParam().sDevice), err, [this](int, const std::string& s) { log += s + "\n"; });
+    ASSERT_TRUE(t) << err;
+    for (const Segment& s : changed)
+      ASSERT_EQ(t->WriteMem(s.Addr, (U32)s.Bytes.size(), (const U8*)s.Bytes.data()), (int)s.Bytes.size());
+    for (int reset = 0; reset < 2; ++reset) {
+      ASSERT_EQ(t->Reset(), 0);
+      for (const Segment& s : changed) {
+        std::string back(s.Bytes.size(), '\0');
+        ASSERT_EQ(t->ReadMem(s.Addr, (U32)back.size(), (U8*)back.data()), (int)back.size());
+        EXPECT_EQ(back, s.Bytes) << "at 0x" << std::hex << s.Addr;
+      }
+      U32 vec[2];
+      memcpy(vec, changed[0].Bytes.data(), 8);
+      EXPECT_EQ(Reg(13), vec[0]);
+      EXPECT_EQ(Reg(15), vec[1] & ~1u);
+      // The program that runs is the changed one.
+      int h = t->SetBP(syms["main"], 0xFFFFFFF0);
+      ASSERT_GT(h, 0);
+      ASSERT_EQ(t->Go(0), 0);
+      ASSERT_TRUE(WaitHalted());
+      EXPECT_EQ(Reg(15), syms["main"]);
+      EXPECT_EQ(Mem32(syms["g_table"]), 0x77u);
+      ASSERT_EQ(t->ClrBP(h), 0);
+    }
+  }
+}
+
+namespace {
+
+// A SysTick handler in RAM that counts its calls, a CPSIE I to step through
+// (the firmware runs with interrupts off) and a STR R1, [R0] to step through
+// for stores to the system registers (the emulator's GDB server drops
+// debugger writes to device memory).
+constexpr U32 kHandler = 0x20100000, kCount = 0x20100100, kCpsie = 0x20100040, kStore = 0x20100050;
+const U16 kHandlerCode[] = {0x4802, 0x6801, 0x3101, 0x6001, 0x4770, 0xBF00, (U16)kCount, (U16)(kCount >> 16)};
+const U16 kCpsieCode[] = {0xB662, 0xE7FE}, kStoreCode[] = {0x6001, 0xE7FE};
+constexpr U32 SYST_CSR = 0xE000E010, SYST_RVR = 0xE000E014, SYST_CVR = 0xE000E018, ICSR = 0xE000ED04;
+constexpr U32 PENDSTSET = 1u << 26;
+
+}  // namespace
+
+// Resuming from a breakpoint while an interrupt is pending executes the
+// instruction at the breakpoint first (interrupts held for that one step),
+// then the interrupt is taken; a single step executes the instruction at the
+// PC, not the handler's first one. Also with the emulator's own step flags
+// set to let interrupts in by an earlier client.
+TEST_P(GdbQemu, PendingInterruptsWaitForTheStepOverABreakpoint) {
+  // Runs one instruction at Addr with R0/R1 given, then puts PC, R0 and R1
+  // back.
+  auto stepThrough = [&](U32 Addr, U32 R0, U32 R1) {
+    U32 r0 = Reg(0), r1 = Reg(1), pc = Reg(15);
+    ASSERT_EQ(t->WriteReg(0, R0), 0);
+    ASSERT_EQ(t->WriteReg(1, R1), 0);
+    ASSERT_EQ(t->WriteReg(15, Addr), 0);
+    ASSERT_EQ(t->Step(), 0);
+    ASSERT_EQ(Reg(15), Addr + 2) << "store to 0x" << std::hex << R0;
+    ASSERT_EQ(t->WriteReg(0, r0), 0);
+    ASSERT_EQ(t->WriteReg(1, r1), 0);
+    ASSERT_EQ(t->WriteReg(15, pc), 0);
+  };
+  for (bool irqStepsBefore : {false, true}) {
+    SCOPED_TRACE(irqStepsBefore ? "server steps with interrupts" : "server defaults");
+    if (irqStepsBefore) {
+      t.reset();
+      qemu = std::make_unique<Qemu>(GetParam().sQemu);
+      CGdbClient raw([](int, const std::string&) {});
+      std::string err, r;
+      for (int i = 0; i < 100 && !raw.ConnectTcp("127.0.0.1", qemu->port, err); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+      ASSERT_TRUE(raw.Handshake(err)) << err;
+      ASSERT_EQ(raw.Query("Qqemu.sstep=1", r), 1);
+      ASSERT_EQ(r, "OK");
+      raw.Close();
+      t = qemu->Connect(FindDevice(GetParam().sDevice), err);
+      ASSERT_TRUE(t) << err;
+    }
+    ToMain();
+    U32 zero = 0, vec = kHandler | 1;
+    ASSERT_EQ(t->WriteMem(kHandler, sizeof kHandlerCode, (const U8*)kHandlerCode), (int)sizeof kHandlerCode);
+    ASSERT_EQ(t->WriteMem(kCpsie, sizeof kCpsieCode, (const U8*)kCpsieCode), (int)sizeof kCpsieCode);
+    ASSERT_EQ(t->WriteMem(kStore, sizeof kStoreCode, (const U8*)kStoreCode), (int)sizeof kStoreCode);
+    ASSERT_EQ(t->WriteMem(kCount, 4, (U8*)&zero), 4);
+    ASSERT_EQ(t->WriteMem(15 * 4, 4, (U8*)&vec), 4);
+    stepThrough(kCpsie, 0, 0);
+
+    U32 work = syms["Work"];
+    int h = t->SetBP(work, 0xFFFFFFF0);
+    ASSERT_GT(h, 0);
     ASSERT_EQ(t->Go(0), 0);
     ASSERT_TRUE(WaitHalted());
-    // Stopped right behind the storing instruction, the new value in memory.
-    U32 pc = Reg(15);
-    auto it = dis.lower_bound(pc);
-    ASSERT_NE(it, dis.begin());
-    --it;
-    EXPECT_EQ(it->first + it->second.Size, pc);
-    EXPECT_EQ(it->second.Mnemonic.substr(0, 3), "str") << it->second.Mnemonic;
-    U32 now = Mem32(addr);
-    EXPECT_NE(now, before);
-    std::smatch m;
-    std::string ops = it->second.Operands;
-    if (std::regex_search(ops, m, std::regex(R"(^r(\d+),)"))) {
-      EXPECT_EQ(Reg((U32)std::stoi(m[1])), now);
+    ASSERT_EQ(Reg(15), work);
+    // A user's step with SysTick pending: the instruction at the PC.
+    stepThrough(kStore, ICSR, PENDSTSET);
+    EXPECT_EQ(Mem32(ICSR) & PENDSTSET, PENDSTSET);
+    auto dis = Disassembly(elf);
+    U32 sp = Reg(13);
+    ASSERT_EQ(t->Step(), 0);
+    EXPECT_EQ(Reg(15), work + dis[work].Size);
+    EXPECT_EQ(Mem32(kCount), 0u);
+    // Back to the breakpoint as before the step (the instruction pushes the
+    // same values again).
+    ASSERT_EQ(t->WriteReg(15, work), 0);
+    ASSERT_EQ(t->WriteReg(13, sp), 0);
+
+    // Resume from the breakpoint with SysTick pending, then with it firing
+    // every 2,000 cycles as well: every stop is one more pass through the
+    // loop, and the handler runs.
+    U32 counter = Mem32(syms["g_counter"]);
+    ASSERT_EQ(t->Go(VORDENARM_GO_FLAG_OVERSTEP_BP), 0);
+    ASSERT_TRUE(WaitHalted());
+    EXPECT_EQ(Reg(15), work);
+    EXPECT_EQ(Mem32(syms["g_counter"]), counter + 1);
+    EXPECT_EQ(Mem32(kCount), 1u);
+    stepThrough(kStore, SYST_RVR, 2000);
+    stepThrough(kStore, SYST_CVR, 0);
+    stepThrough(kStore, SYST_CSR, 7);
+    for (int i = 0; i < 40; ++i) {
+      counter = Mem32(syms["g_counter"]);
+      stepThrough(kStore, ICSR, PENDSTSET);
+      ASSERT_EQ(t->Go(VORDENARM_GO_FLAG_OVERSTEP_BP), 0);
+      ASSERT_TRUE(WaitHalted());
+      ASSERT_EQ(Reg(15), work);
+      ASSERT_EQ(Mem32(syms["g_counter"]), counter + 1) << "stop " << i << " came without a pass through the loop";
     }
-    before = now;
+    EXPECT_GT(Mem32(kCount), 40u);
+    stepThrough(kStore, SYST_CSR, 0);
   }
-  EXPECT_EQ(t->ClrDataEvent(handle), 0);
-  EXPECT_EQ(t->GetWPInfo(-1, nullptr), 0);
-  EXPECT_NE(t->ClrDataEvent(handle), 0);
 }
 
 TEST_P(GdbQemu, HaltWhileRunningAndBackgroundAccess) {

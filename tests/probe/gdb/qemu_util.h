@@ -48,21 +48,30 @@ inline int FreePort() {
   return port;
 }
 
-// The emulator, stopped at reset, its GDB server on a free loopback port.
+// The emulator with its GDB server on a free loopback port: stopped at reset
+// and empty by default; given sKernel it loads that program itself (and
+// again on every reset), and Running starts it without waiting for a
+// debugger.
 class Qemu {
  public:
-  Qemu(const std::string& sMachine) {
+  explicit Qemu(const std::string& sMachine, const std::string& sKernel = "", bool Running = false) {
     port = FreePort();
     std::string gdb = "tcp:127.0.0.1:" + std::to_string(port);
+    std::vector<std::string> args = {"qemu-system-arm", "-M", sMachine, "-gdb", gdb, "-display", "none",
+                                     "-monitor", "none", "-serial", "null", "-semihosting-config",
+                                     "enable=on,target=gdb"};
+    if (!Running) args.push_back("-S");
+    if (!sKernel.empty()) args.insert(args.end(), {"-kernel", sKernel});
+    std::vector<char*> argv;
+    for (std::string& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
     pid = fork();
     if (pid == 0) {
       int nul = open("/dev/null", O_RDWR);
       dup2(nul, 0);
       dup2(nul, 1);
       dup2(nul, 2);
-      execlp("qemu-system-arm", "qemu-system-arm", "-M", sMachine.c_str(), "-S", "-gdb", gdb.c_str(), "-display",
-             "none", "-monitor", "none", "-serial", "null", "-semihosting-config", "enable=on,target=gdb",
-             (char*)nullptr);
+      execvp("qemu-system-arm", argv.data());
       _exit(127);
     }
   }
