@@ -279,23 +279,23 @@ TEST_F(ExprCorpus, ResultsOutliveTheirExpression) {
 }
 
 // A target that answers from a byte map, or refuses every read.
-class CFakeTarget : public ISymbolMemory {
+class CFakeTarget : public CProgramImageAccess {
 public:
   bool accessible = true, refuse = false;
   int reads = 0;
   bool IsAccessible() const override { return accessible; }
-  int Read(U32 Address, U32 Size, const QString&, QByteArray& Out) override {
+  int ReadMemory(U32 Address, U32 Size, const QString&, QByteArray& Out) override {
     ++reads;
-    if (refuse) return -1;
+    if (refuse) return TARGET_READ_FAILED;
     Out.resize((int)Size);
     for (U32 i = 0; i < Size; ++i) Out[(int)i] = (char)(Address + i);
-    return 0;
+    return TARGET_READ_OK;
   }
 };
 
 TEST_F(ExprCorpus, TargetReadsGoThroughTheSeam) {
   CFakeTarget Target;
-  SYM_SetMemory(&Target);
+  ELF_SetTargetAccess(&Target);
   CExpression e("g_int");
   EXPECT_EQ(Evaluate(e), 4);
   EXPECT_EQ(GetResult(e)->ReadUnsigned(), 0x0B0A0908u);  // bytes 08 09 0A 0B at 0x20000008
@@ -313,7 +313,7 @@ TEST_F(ExprCorpus, TargetReadsGoThroughTheSeam) {
   Target.accessible = false;
   CExpression k("g_uint");
   EXPECT_EQ(Evaluate(k), -4);
-  SYM_SetMemory(nullptr);
+  ELF_SetTargetAccess(nullptr);
   CExpression m("g_uint");
   EXPECT_EQ(Evaluate(m), 4);
   EXPECT_EQ(GetResult(m)->ReadUnsigned(), 0xDEADBEEFu);
