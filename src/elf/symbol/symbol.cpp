@@ -999,15 +999,24 @@ U64 CSymbol::ReadUnsigned(bool* pOk, bool ApplyBitField) {
     return 0;
   }
   ok = true;
-  if (ApplyBitField && bitSize && v) {
+  if (ApplyBitField && bitSize) {
     const U32 Shift = bitOffset & 63;
-    v = (v >> Shift) & (((U64)1 << (bitSize & 31)) - 1);
+    v >>= Shift;
+    if (bitSize < 64) v &= ((U64)1 << bitSize) - 1;
   }
   return v;
 }
 
 I64 CSymbol::ReadSigned(bool* pOk) {
   bool ok;
+  if (bitSize && !IsArray()) {
+    // A bit-field's value is its field, sign-extended from its top bit.
+    const U64 v = ReadUnsigned(&ok, true);
+    if (pOk) *pOk = ok;
+    if (!ok) return 0;
+    if (!isSigned || bitSize >= 64) return (I64)v;
+    return (I64)(v << (64 - bitSize)) >> (64 - bitSize);
+  }
   const U64 v = ReadUnsigned(&ok, false);
   if (pOk) *pOk = ok;
   if (!ok) return 0;
@@ -1022,7 +1031,7 @@ I64 CSymbol::ReadSigned(bool* pOk) {
 
 I64 CSymbol::ReadInteger(bool* pOk) {
   if (isSigned) return ReadSigned(pOk);
-  return (I64)ReadUnsigned(pOk, false);
+  return (I64)ReadUnsigned(pOk, true);
 }
 
 double CSymbol::ReadDouble(bool* pOk) {
