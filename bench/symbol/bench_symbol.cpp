@@ -29,7 +29,7 @@ int main(int argc, char** argv) {
   CExprSnapshot Snap;
   for (const CAddrRange& r : First.reads) {
     QByteArray b;
-    SYM_GetMemory()->Read(r.start, r.size, QString(), b);
+    ELF_GetTargetAccess().ReadMemory(r.start, r.size, QString(), b);
     Snap.ranges << r;
     Snap.data += b;
   }

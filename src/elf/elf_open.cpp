@@ -24,6 +24,8 @@ U32 s_InstAlignment = 2;
 bool s_TargetBigEndian = false;
 U32 s_SymbolLow = 0xFFFFFFFF, s_SymbolHigh = 0;
 int s_LastOpenError = 0;
+// The class word of the last header refused with 120 ("ELF_CLASS_NONE", ...).
+const char* s_sRefusedClass = "ELF_CLASS_NONE";
 
 void Report(int Code, U32 Flags, const char* a0, const char* a1, const char* a2, const char* a3) {
   if (Code == 0 || !ELF_IsReporterCode(Code)) return;
@@ -77,12 +79,18 @@ int ParseHeader(ELF_FILE* f) {
   f->bigEndian = h.e_ident[5] == 2;
   if (f->bigEndian) SwapHeader(h);
   if (memcmp(h.e_ident, kMagic, 4) != 0) return 118;
+  // Only the 32-bit layouts are parsed. A 64-bit file is refused for its
+  // class whatever its type (a position-independent 64-bit executable is
+  // still an executable), the other classes after the type check.
+  if (h.e_ident[4] == 2) {
+    s_sRefusedClass = "ELF_CLASS_64; only 32-bit program files are supported";
+    return 120;
+  }
   if (h.e_type != ELF_ET_EXEC) return 119;
-  if (h.e_ident[4] == 0) return 120;
-  // Only the 32-bit layouts are parsed: a 64-bit (or unknown class) file is
-  // not an executable for this system.
-  if (h.e_ident[4] == 2) return 119;
-  if (h.e_ident[4] != 1) return 120;
+  if (h.e_ident[4] != 1) {
+    s_sRefusedClass = h.e_ident[4] == 0 ? "ELF_CLASS_NONE" : "unknown; only 32-bit program files are supported";
+    return 120;
+  }
   if (h.e_ident[5] != 1 && h.e_ident[5] != 2) return 121;
   if (h.e_ident[6] != 1) return 122;
   if (h.e_version == 0) return 123;
@@ -119,7 +127,8 @@ I64 NowMicros() {
 ELF_FILE* Leave(int Code) {
   s_LastOpenError = Code;
   g_Opening = false;
-  ELF_ReportError(Code);
+  if (Code == 120) ELF_ReportError(Code, s_sRefusedClass);
+  else ELF_ReportError(Code);
   return nullptr;
 }
 } // namespace

@@ -51,8 +51,17 @@ struct OP_CTX {
 
 SymPtr EmptyPtr() { return std::make_shared<CSymbol>(); }
 
+QString Capped(QString s);
+
+// Deeper than this, a result in memory at a known address is detached from
+// the tree it hangs in (below), so that chains such as p->next->next->...
+// cost time linear in their length.
+constexpr size_t kMaxOwnedPath = 32;
+
 // A result that stands on its own: a copy of the tree the node hangs in,
-// pointing at the node's place in the copy.
+// pointing at the node's place in the copy. A node deep in its tree whose
+// location resolves to one address becomes a root of its own at that fixed
+// address, keeping its full name.
 SymPtr Own(CSymbol* p) {
   std::vector<int> Keys;
   CSymbol* cur = p;
@@ -66,6 +75,19 @@ SymPtr Own(CSymbol* p) {
       }
     if (!Found) break;
     cur = cur->parent;
+  }
+  if (Keys.size() > kMaxOwnedPath) {
+    const SYM_LOC l = p->GetLocation();
+    if (l.count == 1 && l.IsMemory() && l.IsResolved()) {
+      const QString sFull = Capped(p->GetFullName());
+      auto r = std::make_shared<CSymbol>(*p);
+      r->parent = nullptr;
+      r->adoptedParent.clear();
+      r->location = l;
+      r->isFixedLocation = 1;
+      r->fullName = sFull;
+      return r;
+    }
   }
   auto Root = std::make_shared<CSymbol>(*cur);
   Root->parent = nullptr;
@@ -405,7 +427,21 @@ SymPtr ResolveLeaf(const QString& sText, int& Status) {
 
 // ---- operators ----------------------------------------------------------------------
 
-QString OperandText(CSymbol& s) { return s.GetFullName(); }
+// Names of intermediate results are cut at this length, so that a long
+// expression costs time and memory linear in its length, not in the sum of
+// the lengths of all its partial texts.
+constexpr int kMaxResultName = 256;
+
+QString Capped(QString s) {
+  if (s.size() > kMaxResultName) {
+    s.truncate(kMaxResultName - 3);
+    s += QLatin1String("...");
+  }
+  return s;
+}
+
+QString OperandText(CSymbol& s) { return Capped(s.GetFullName()); }
+QString Joined(CSymbol& L, const QString& sOp, CSymbol& R) { return Capped(OperandText(L) + sOp + OperandText(R)); }
 
 int Arithmetic(OP_CTX& c, CSymbol& L, CSymbol& R, SymPtr& Out) {
   const U32 Id = c.id;
@@ -436,7 +472,7 @@ int Arithmetic(OP_CTX& c, CSymbol& L, CSymbol& R, SymPtr& Out) {
   if (!ok1) return Fail(c, -3, 0);
   if (RInt) ri = R.ReadInteger(&ok2); else rd = R.ReadDouble(&ok2);
   if (!ok2) return Fail(c, -3, 1);
-  const QString sText = OperandText(L) + c.text + OperandText(R);
+  const QString sText = Joined(L, c.text, R);
   if (LInt && RInt) {
     const U64 a = (U64)li, b = (U64)ri;
     U64 v = 0;
@@ -506,7 +542,7 @@ int PointerAdd(OP_CTX& c, CSymbol& L, CSymbol& R, SymPtr& Out) {
     if (Elem == 0) Elem = -1;
   }
   const U64 v = Elem < 0 ? (U64)Base + (U64)Right : (U64)Base + (U64)Right * (U64)Elem;
-  const QString sName = "(" + L.GetFullName() + "+" + R.GetFullName() + ")";
+  const QString sName = Capped("(" + OperandText(L) + "+" + OperandText(R) + ")");
   auto s = std::make_shared<CSymbol>(L);
   s->parent = nullptr;
   s->adoptedParent.clear();
@@ -559,7 +595,7 @@ int Compare(OP_CTX& c, CSymbol& L, CSymbol& R, SymPtr& Out) {
     case EXPR_OP_LE: v = a <= b; break;
     case EXPR_OP_GE: v = a >= b; break;
   }
-  Out = MakeConst(OperandText(L) + c.text + OperandText(R), 4, (U64)v);
+  Out = MakeConst(Joined(L, c.text, R), 4, (U64)v);
   return 0;
 }
 
@@ -584,7 +620,7 @@ int BitOp(OP_CTX& c, CSymbol& L, CSymbol& R, SymPtr& Out) {
     case EXPR_OP_SHR: v = a < 0 ? ~(~(U64)a >> b) : (U64)a >> b; break;
   }
   const U64 Res = (U64)(I64)(I32)(U32)v;
-  Out = MakeConst(OperandText(L) + c.text + OperandText(R), TypeSigned(L) ? 4 : 5, Res);
+  Out = MakeConst(Joined(L, c.text, R), TypeSigned(L) ? 4 : 5, Res);
   return 0;
 }
 
@@ -599,7 +635,7 @@ int Unary(OP_CTX& c, CSymbol& S, SymPtr& Out) {
   double d = 0;
   if (Int) i = S.ReadInteger(&ok); else d = S.ReadDouble(&ok);
   if (!ok) return Fail(c, -3, 1);
-  const QString sText = c.text + S.GetFullName();
+  const QString sText = Capped(c.text + OperandText(S));
   switch (c.id) {
     case EXPR_OP_BIT_NOT: Out = MakeConst(sText, 5, ~(U64)(Int ? i : 0)); return 0;
     case EXPR_OP_LOG_NOT: Out = MakeConst(sText, 4, Int ? (i == 0) : (d == 0)); return 0;
@@ -627,7 +663,7 @@ int SizeOf(OP_CTX& c, CSymbol& S, SymPtr& Out) {
   const U32 Size = (S.type.kind != TYPE_KIND_UNKNOWN || S.type.identifier.isEmpty()) && !S.handle
                        ? (U32)S.type.size
                        : S.GetSize();
-  Out = MakeConst("sizeof(" + S.GetFullName() + ")", 3, Size, 4);
+  Out = MakeConst(Capped("sizeof(" + OperandText(S) + ")"), 3, Size, 4);
   Out->byteSize = 4;
   return 0;
 }
@@ -636,7 +672,7 @@ int AddressOf(OP_CTX& c, CSymbol& S, SymPtr& Out) {
   if (S.IsEmpty()) return Fail(c, -2, 1);
   I64 a;
   if (!S.GetAddress(a)) return Fail(c, S.HasLocation() ? -3 : -4, 1);
-  auto s = std::make_shared<CSymbol>((ELF_SYM_HANDLE)0, "@" + S.GetFullName(), S.typeName + "*",
+  auto s = std::make_shared<CSymbol>((ELF_SYM_HANDLE)0, Capped("@" + OperandText(S)), S.typeName + "*",
                                      SYM_LOC::Make(SYM_LOC_CONST, (U64)a), 4, false, 0, nullptr);
   s->data = Le8((U64)a);
   s->data.resize(4);
@@ -710,7 +746,7 @@ int Index(OP_CTX& c, CSymbol& L, CSymbol& R, SymPtr& Out) {
     s->byteSize = 4;
     s->typeClass = 1;
     s->isFixedLocation = 1;
-    s->fullName = L.GetFullName() + QString("[%1]").arg(Idx);
+    s->fullName = Capped(L.GetFullName() + QString("[%1]").arg(Idx));
     Out = s;
     return 0;
   }
@@ -785,7 +821,7 @@ int Cast(OP_CTX& c, CSymbol& L, CSymbol& R, SymPtr& Out) {
     CSymbol s(h, "[0]", t, Loc, Size, CType(t).IsSigned(), 0, nullptr);
     s.isFixedLocation = 1;
     // The cast value is a pointer that dereferences to s.
-    auto p = std::make_shared<CSymbol>((ELF_SYM_HANDLE)0, "(" + L.typeName + ")" + R.GetFullName(), L.typeName,
+    auto p = std::make_shared<CSymbol>((ELF_SYM_HANDLE)0, Capped("(" + L.typeName + ")" + OperandText(R)), L.typeName,
                                        SYM_LOC::Make(SYM_LOC_CONST, Loc.parts[0].address), 4, false, 0, nullptr);
     p->typeClass = 128;
     p->memberCount = 1;
@@ -896,7 +932,7 @@ int ApplyOperator(CExpression& e, CExprNode& n, OP_CTX& c) {
   n.result = EmptyPtr();
   if (r == 0) return 0;
   // The failed node keeps the text it stands for, so that callers can name it.
-  n.result->name = c.isBinary ? L.GetFullName() + c.text + R.GetFullName() : c.text + L.GetFullName();
+  n.result->name = c.isBinary ? Joined(L, c.text, R) : Capped(c.text + OperandText(L));
   if (e.errorText.isEmpty()) {
     // Unary operators keep their operand on the left of the tree.
     CSymbol* pOperand = c.errorSide ? (c.isBinary ? &R : &L) : &L;
@@ -961,7 +997,12 @@ int Evaluate(CExpression& e, const CSrcLoc& Scope) {
     c.text = n.op ? QString::fromUtf8(n.op->text) : n.text;
     c.reads = &e.reads;
     c.snapshot = &e.snapshot;
-    return ApplyOperator(e, n, c);
+    const int r = ApplyOperator(e, n, c);
+    // The operands' results are no longer needed: the node's own result owns
+    // what it refers to. Only the root keeps a result.
+    if (n.left) n.left->result.reset();
+    if (n.right) n.right->result.reset();
+    return r;
   });
   Status = r;
   if (Status) {

@@ -2,8 +2,6 @@
 
 #include "expr/exprprogram.h"
 
-#include <QMutex>
-#include <QMutexLocker>
 #include <vector>
 
 // ---------------------------------------------------------------------------
@@ -43,111 +41,6 @@ int EXPR_VisitPostOrder(CExprNode* pRoot, const std::function<int(CExprNode&)>& 
     if (int r = Visit(*n)) return r;
   }
   return 0;
-}
-
-// ---------------------------------------------------------------------------
-// Numbers
-
-namespace {
-
-QMutex g_SepMutex;
-QString g_sBlockSeparators = QString(QChar(0x2008));
-
-bool IsAsciiHexChar(QChar c) {
-  const char16_t u = c.unicode();
-  return (u >= '0' && u <= '9') || (u >= 'a' && u <= 'f') || (u >= 'A' && u <= 'F');
-}
-
-// Characters that may follow the first character of a number.
-bool IsNumberBodyChar(QChar c) {
-  const char16_t u = c.unicode();
-  return IsAsciiHexChar(c) || u == 'x' || u == 'X' || u == '.' || u == ',';
-}
-
-bool IsNumberSuffixChar(QChar c) {
-  const char16_t u = c.unicode();
-  return u == 'l' || u == 'L' || u == 'u' || u == 'U';
-}
-
-bool IsIdentChar(QChar c) {
-  const char16_t u = c.unicode();
-  return (u >= 'A' && u <= 'Z') || (u >= 'a' && u <= 'z') || u == '_' || (u >= '0' && u <= '9');
-}
-
-}  // namespace
-
-void EXPR_SetBlockSeparators(const QString& sSeparators) {
-  QMutexLocker lock(&g_SepMutex);
-  g_sBlockSeparators = sSeparators;
-}
-
-QString EXPR_GetBlockSeparators() {
-  QMutexLocker lock(&g_SepMutex);
-  return g_sBlockSeparators;
-}
-
-bool EXPR_IsNumberText(const QString& sText) {
-  if (sText.isEmpty()) return false;
-  const QChar c = sText.at(0);
-  const char16_t u = c.unicode();
-  if (!(c.isDigit() || u == 'x' || u == 'X' || (u >= 'A' && u <= 'F') || (u >= 'a' && u <= 'f') || u == '-'))
-    return false;
-  bool ok = false;
-  sText.toULongLong(&ok, 16);
-  if (ok) return true;
-  QString s = sText;
-  const QString seps = EXPR_GetBlockSeparators();
-  for (QChar sep : seps) s.remove(sep);
-  s.replace(QChar(','), QChar('.'));
-  s.toDouble(&ok);
-  return ok;
-}
-
-// ---------------------------------------------------------------------------
-// Tokeniser
-
-int CExpression::NextToken(const QString& sText, int& Pos, QString& sToken) {
-  sToken.clear();
-  const int n = int(sText.size());
-  if (Pos < 0) Pos = 0;
-  while (Pos < n && sText.at(Pos) == QChar(' ')) ++Pos;
-  if (Pos >= n) return -1;
-
-  const QChar c = sText.at(Pos);
-  const bool startsHex = Pos + 1 < n && c == QChar('0') && sText.at(Pos + 1) == QChar('x');
-  if (c.isNumber() || startsHex) {
-    int e = Pos + 1;
-    while (e < n && IsNumberBodyChar(sText.at(e))) ++e;
-    const int digitsEnd = e;
-    while (e < n && IsNumberSuffixChar(sText.at(e))) ++e;
-    // The suffix is part of the token; the number test reads the digits.
-    if (!EXPR_IsNumberText(sText.mid(Pos, digitsEnd - Pos))) return -2;
-    sToken = sText.mid(Pos, e - Pos);
-    Pos = e;
-    return 0;
-  }
-  if (IsIdentChar(c)) {
-    int e = Pos + 1;
-    while (e < n && IsIdentChar(sText.at(e))) ++e;
-    sToken = sText.mid(Pos, e - Pos);
-    Pos = e;
-    return 0;
-  }
-  if (Pos + 1 < n) {
-    const QString two = sText.mid(Pos, 2);
-    if (EXPR_FindOperator(two)) {
-      sToken = two;
-      Pos += 2;
-      return 0;
-    }
-  }
-  const QString one(c);
-  if (EXPR_FindOperator(one)) {
-    sToken = one;
-    Pos += 1;
-    return 0;
-  }
-  return -2;
 }
 
 // ---------------------------------------------------------------------------
@@ -330,11 +223,31 @@ int CExpression::Parse(const QString& sText) {
   tree.reset();
   status = EXPR_OK;
   if (sText.isEmpty()) return status;
+  if (sText.size() > EXPR_MAX_TEXT_LENGTH) {
+    errorText = QStringLiteral("expression too long: %1 characters, the limit is %2")
+                    .arg(sText.size())
+                    .arg(EXPR_MAX_TEXT_LENGTH);
+    SetStatus(EXPR_ERR_SYNTAX);
+    return status;
+  }
 
   QStringList list;
   int pos = 0;
   QString tok;
-  while (NextToken(sText, pos, tok) == 0) list.append(tok);
+  int Depth = 0;
+  while (NextToken(sText, pos, tok) == 0) {
+    if (tok == QLatin1String("(") || tok == QLatin1String("[")) {
+      if (++Depth > EXPR_MAX_NESTING) {
+        errorText = QStringLiteral("expression nested too deeply: more than %1 open parentheses or brackets")
+                        .arg(EXPR_MAX_NESTING);
+        SetStatus(EXPR_ERR_SYNTAX);
+        return status;
+      }
+    } else if ((tok == QLatin1String(")") || tok == QLatin1String("]")) && Depth > 0) {
+      --Depth;
+    }
+    list.append(tok);
+  }
 
   if (ResolveAmbiguousOperators(list) != 0) {
     errorText = QStringLiteral("error resolving ambiguous operators");

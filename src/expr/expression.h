@@ -13,8 +13,8 @@
 // "#" unary plus, "'" unary minus. A user who types them gets them.
 #pragma once
 #include "common/types.h"
-#include "expr/exprtypes.h"
-#include "expr/operators.h"
+#include "elf/symbol/exprsnapshot.h"
+#include "elf/symbol/exprtoken.h"
 
 #include <QList>
 #include <QString>
@@ -33,6 +33,12 @@ enum EXPR_STATUS : int {
   EXPR_ERR_DATA_READOUT = -4,
   EXPR_ERR_BUFFER_SIZE = -5,
 };
+
+// Limits of what Parse accepts. Parsing and evaluation take time and memory
+// linear in the text's length; these limits only refuse absurd input, each
+// with a syntax error that names the limit.
+constexpr int EXPR_MAX_TEXT_LENGTH = 100000;  // characters of the text
+constexpr int EXPR_MAX_NESTING = 256;         // open "(" and "[" at one point
 
 // One node of the operator tree. A leaf has no children; a unary operator's
 // operand hangs on left.
@@ -69,10 +75,8 @@ public:
   // Result: the status, 0 or -2.
   int Parse(const QString& sText);
 
-  // Reads one token from Pos on; Pos then stands behind it. Result 0 for a
-  // token, -1 at the end of the text, -2 if no valid token starts at Pos. The
-  // tokeniser also splits type texts.
-  static int NextToken(const QString& sText, int& Pos, QString& sToken);
+  // The tokeniser (EXPR_NextToken); it also splits type texts.
+  static int NextToken(const QString& sText, int& Pos, QString& sToken) { return EXPR_NextToken(sText, Pos, sToken); }
 
   // Builds an operator tree from a postfix list. Result 0, or -2 (tree null)
   // when the list does not make exactly one tree.
@@ -107,12 +111,3 @@ public:
   U8 usesRegister = 0;                  // a leaf was a local in a register
 };
 
-// True if the text reads as a number: its first character is a digit, x, X,
-// A-F, a-f or "-", and it reads as a 64-bit unsigned number in base 16 or, with
-// block separators removed and "," read as ".", as a double.
-bool EXPR_IsNumberText(const QString& sText);
-
-// Characters that group digits in number texts and are ignored when numbers
-// are read. Default: U+2008.
-void EXPR_SetBlockSeparators(const QString& sSeparators);
-QString EXPR_GetBlockSeparators();

@@ -51,7 +51,7 @@ const ROW_SRC kRows[DIAG_NUM_ROWS] = {
   // ELF errors, reporter codes 118-128 and 133
   {68, 1000, 118, "file not tagged with ELF magic number"},
   {68, 1000, 119, "not an executable ELF file"},
-  {68, 1000, 120, "file class is ELF_CLASS_NONE"},
+  {68, 1000, 120, "file class is %s"},
   {68, 1000, 121, "data encoding is ELF_DATA_NONE"},
   {68, 1000, 122, "header version number is not EV_CURRENT"},
   {68, 1000, 123, "unsupported file version number"},

@@ -52,7 +52,8 @@ private:
 // Makes frame 0 of a stack from the halted core's registers (Values and
 // Known indexed by register number): function and inline state from the PC,
 // register rules, CFA, frame base with SP as fall-back. The store must be
-// installed with ELF_SetFrameStore for the frame base to resolve.
+// reachable through the installed target access (ELF_SetTargetAccess) for
+// the frame base to resolve.
 CCallFrame STACK_InitFrame(CFrameStore& Store, int Stack, const std::vector<U64>& Values, const std::vector<U8>& Known);
 // The caller of frame Index by the register rules at its PC, stored as frame
 // Index + 1; the invalid frame if the rules don't lead there.

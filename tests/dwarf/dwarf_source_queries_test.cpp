@@ -5,6 +5,7 @@
 // that llvm-dwarfdump decodes from the same file.
 #include "dwarf_test_util.h"
 #include "elf/dwarf/insn_analysis.h"
+#include "elf/dwarf/target_access.h"
 #include "elf/dwarf/line_tables.h"
 #include "elf/dwarf/source_queries.h"
 #include "log/log.h"
@@ -289,9 +290,11 @@ public:
   U32 GetMaxInstSize() const override { return 4; }
 };
 
+// The program image as the target, with the analysis installed for one scope.
 struct Installed {
-  explicit Installed(IInstructionAnalysis* p) { DWARF_SetInstructionAnalysis(p); }
-  ~Installed() { DWARF_SetInstructionAnalysis(nullptr); }
+  explicit Installed(IInstructionAnalysis* p) : access(nullptr, p) { ELF_SetTargetAccess(&access); }
+  ~Installed() { ELF_SetTargetAccess(nullptr); }
+  CProgramImageAccess access;
 };
 
 struct WalkOracle {

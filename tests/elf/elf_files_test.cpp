@@ -47,6 +47,9 @@ void ExpectRefused(const QString& sPath, const std::string& sText, const char* s
 const std::string kMagic = "ELF error (1118): file not tagged with ELF magic number.";
 const std::string kNotExec = "ELF error (1119): not an executable ELF file.";
 const std::string kClass = "ELF error (1120): file class is ELF_CLASS_NONE.";
+const std::string kClass64 =
+    "ELF error (1120): file class is ELF_CLASS_64; only 32-bit program files are supported.";
+const std::string kClassOther = "ELF error (1120): file class is unknown; only 32-bit program files are supported.";
 const std::string kData = "ELF error (1121): data encoding is ELF_DATA_NONE.";
 const std::string kHdrVersion = "ELF error (1122): header version number is not EV_CURRENT.";
 const std::string kVersion = "ELF error (1123): unsupported file version number.";
@@ -92,7 +95,7 @@ TEST_F(ElfFiles, BadHeadersGiveTheirCatalogueTexts) {
       {0, 0x7E, &kMagic}, {1, 'e', &kMagic}, {2, 'l', &kMagic}, {3, 'f', &kMagic},
       {16, 1, &kNotExec},   // relocatable object
       {16, 3, &kNotExec},   // shared object
-      {4, 0, &kClass},      {4, 2, &kNotExec}, {4, 7, &kClass},
+      {4, 0, &kClass},      {4, 2, &kClass64}, {4, 7, &kClassOther},
       {5, 0, &kData},       {5, 3, &kData},
       {6, 0, &kHdrVersion}, {6, 2, &kHdrVersion},
   };
@@ -134,15 +137,21 @@ TEST_F(ElfFiles, BadHeadersGiveTheirCatalogueTexts) {
 
   ExpectRefused(WriteFile("empty.elf", {}), kSize, "empty file");
   ExpectRefused(TmpDir() + "/no-such-file.elf", kNoOpen, "missing file");
-  // A real 64-bit executable of the host, where one exists.
+  // A real 64-bit executable of the host, where one exists: refused for its
+  // class, also when it is position-independent (type 3).
   for (const char* host : {"/bin/sh", "/usr/bin/env"})
     if (QFile::exists(host)) {
       g_Errors.clear();
       EXPECT_EQ(ELF_Open(host, false), nullptr);
       ASSERT_EQ(g_Errors.size(), 1u);
-      EXPECT_EQ(g_Errors[0], kNotExec);
+      EXPECT_EQ(g_Errors[0], kClass64);
       break;
     }
+  // A 64-bit relocatable object still names its class, not its type.
+  std::vector<U8> obj64 = good;
+  obj64[4] = 2;
+  obj64[16] = 1;
+  ExpectRefused(WriteFile("obj64.elf", obj64), kClass64, "64-bit relocatable");
 }
 
 TEST_F(ElfFiles, ThreeSlots) {

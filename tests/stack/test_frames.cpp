@@ -129,25 +129,17 @@ bool RunGdb(const std::string& sElf, const std::string& sScratch, GDB_STOP& Stop
 }
 
 // Target memory as gdb dumped it: RAM from the dump, the rest from the image.
-class CDumpedTarget : public ISymbolMemory {
+class CDumpedTarget : public CProgramImageAccess {
 public:
+  using CProgramImageAccess::CProgramImageAccess;
   std::vector<U8> ram;
   bool IsAccessible() const override { return true; }
-  int Read(U32 Address, U32 Size, const QString& sZone, QByteArray& Out) override {
+  int ReadMemory(U32 Address, U32 Size, const QString& sZone, QByteArray& Out) override {
     if (Address >= kRamStart && (U64)Address + Size <= (U64)kRamStart + ram.size()) {
       Out = QByteArray((const char*)&ram[Address - kRamStart], (int)Size);
-      return 0;
+      return TARGET_READ_OK;
     }
-    SYM_SetMemory(nullptr);
-    const int r = SYM_GetMemory()->Read(Address, Size, sZone, Out);
-    SYM_SetMemory(this);
-    return r;
-  }
-  static int ReadWord(U32 Address, U32* pWord, void* pContext) {
-    QByteArray b;
-    if (((CDumpedTarget*)pContext)->Read(Address, 4, QString(), b) || b.size() != 4) return -1;
-    memcpy(pWord, b.constData(), 4);
-    return 0;
+    return CProgramImageAccess::ReadMemory(Address, Size, sZone, Out);
   }
 };
 
@@ -161,10 +153,8 @@ protected:
     DWARF_Install();
     ASSERT_EQ(CElfApi::Instance().Load(QString::fromStdString(m_sElf)), 0);
     m_Target.ram = m_Stop.ram;
-    SYM_SetMemory(&m_Target);
-    ELF_SetTargetReader(&CDumpedTarget::ReadWord, &m_Target);
     m_Store.Configure(16, 15, 13);
-    ELF_SetFrameStore(&m_Store);
+    ELF_SetTargetAccess(&m_Target);
     std::vector<U64> Values(16);
     std::vector<U8> Known(16, 1);
     for (int r = 0; r < 13; ++r) Values[r] = m_Stop.registers["r" + std::to_string(r)];
@@ -175,9 +165,7 @@ protected:
     SYM_SetCurrentPc((U32)Values[15]);
   }
   void TearDown() override {
-    ELF_SetFrameStore(nullptr);
-    ELF_SetTargetReader(nullptr, nullptr);
-    SYM_SetMemory(nullptr);
+    ELF_SetTargetAccess(nullptr);
     SYM_SetCurrentPc(0xFFFFFFFFu);
   }
   // Evaluates each expression and compares with gdb's hex text. Returns how
@@ -203,8 +191,8 @@ protected:
   }
   std::string m_sElf;
   GDB_STOP m_Stop;
-  CDumpedTarget m_Target;
   CFrameStore m_Store;
+  CDumpedTarget m_Target{&m_Store};
   CCallFrame m_Frame0;
 };
 

@@ -5,6 +5,7 @@
 
 #include "elf/dwarf/location.h"
 #include "log/log.h"
+#include "elf/dwarf/target_access.h"
 #include "stack/framestore.h"
 
 #include <QFile>
@@ -27,20 +28,26 @@ ELF_SYM_LOC Loc(const ELF_LOC_PART& p) {
   return l;
 }
 
+// Words of a made-up target, with the frames of the fixture.
 std::map<U32, U32> g_Memory;
-int ReadWord(U32 Address, U32* pWord, void*) {
-  auto it = g_Memory.find(Address);
-  if (it == g_Memory.end()) return -1;
-  *pWord = it->second;
-  return 0;
-}
+class CWordTarget : public CProgramImageAccess {
+public:
+  using CProgramImageAccess::CProgramImageAccess;
+  bool IsAccessible() const override { return true; }
+  int ReadMemory(U32 Address, U32 Size, const QString&, QByteArray& Out) override {
+    auto it = g_Memory.find(Address);
+    if (Size != 4 || it == g_Memory.end()) return TARGET_READ_FAILED;
+    Out = QByteArray(4, 0);
+    for (int i = 0; i < 4; ++i) Out[i] = (char)(it->second >> (8 * i));
+    return TARGET_READ_OK;
+  }
+};
 
 class Resolve : public ::testing::Test {
 protected:
   void SetUp() override {
     m_Store.Configure(16, 15, 13);
-    ELF_SetFrameStore(&m_Store);
-    ELF_SetTargetReader(&ReadWord, nullptr);
+    ELF_SetTargetAccess(&m_Target);
     g_Memory.clear();
     // Frame 0 (callee): SP 0x1000, R4 0x44, CFA 0x1010, BP 0x1008.
     m_F0.stack = 0;
@@ -68,11 +75,9 @@ protected:
     m_Store.SetRegister(0, 1, 13, 0x1010, 0);
     m_Store.SetRegister(0, 1, 15, 0x300, 0);
   }
-  void TearDown() override {
-    ELF_SetFrameStore(nullptr);
-    ELF_SetTargetReader(nullptr, nullptr);
-  }
+  void TearDown() override { ELF_SetTargetAccess(nullptr); }
   CFrameStore m_Store;
+  CWordTarget m_Target{&m_Store};
   CCallFrame m_F0, m_F1;
 };
 

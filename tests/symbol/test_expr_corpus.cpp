@@ -89,6 +89,19 @@ const AGREE kAgreement[] = {
   {"g_uint & 0xFFFF", nullptr, DX}, {"g_array[7] | 0x100", nullptr, DX}, {"g_array[7] ^ 0xF", nullptr, DX},
   {"g_array[5] << 3", nullptr, DX}, {"g_array[7] >> 2", nullptr, DX}, {"g_ushort & 0xFF00", nullptr, DX},
   {"g_uint >> 16", nullptr, DX}, {"g_ctrl.word & 0xFF", nullptr, DX},
+  // bit-fields take part in operators with their field's value
+  {"g_ctrl.bits.trim", nullptr, D},
+};
+
+// Bit-fields in operators, checked with gdb on several builds of the corpus
+// program: DWARF 2 (bit offsets from the top of the storage unit), DWARF 4
+// and 5 (data bit offsets), big-endian, -O2.
+const char* const kBitFieldExprs[] = {
+  "g_ctrl.bits.mode == 5", "g_ctrl.bits.mode + 0", "g_ctrl.bits.mode - 10", "g_ctrl.bits.prescale * g_ctrl.bits.mode",
+  "g_ctrl.bits.irq_mask >> 4", "g_ctrl.bits.irq_mask & 0xF0", "g_ctrl.bits.irq_mask != 2748",
+  "g_ctrl.bits.enable && g_ctrl.bits.mode", "!g_ctrl.bits.enable", "~g_ctrl.bits.mode", "g_ctrl.bits.trim + 0",
+  "g_ctrl.bits.trim < 0", "g_ctrl.bits.trim == -3", "-g_ctrl.bits.trim", "g_ctrl.bits.trim * g_ctrl.bits.mode",
+  "g_ctrl.bits.trim / 2", "g_array[g_ctrl.bits.enable]", "g_ctrl.bits.mode > g_ctrl.bits.enable",
 };
 
 struct DIVERGE {
@@ -205,6 +218,40 @@ TEST_F(ExprCorpus, AgreementSetEqualsGdb) {
   EXPECT_EQ(Compared, (int)(sizeof(kAgreement) / sizeof(kAgreement[0])));
 }
 
+class BitFields : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(BitFields, OperatorsSeeTheFieldValueLikeGdb) {
+  if (!HaveGdb()) GTEST_SKIP() << "gdb-multiarch not installed";
+  ASSERT_TRUE(LoadProgram(GetParam()));
+  QStringList Commands;
+  for (const char* t : kBitFieldExprs) Commands << QString("print/d (long long)(%1)").arg(t);
+  const QStringList Out = RunGdbBatch(SymCorpusPath(GetParam()), Commands);
+  ASSERT_GE(Out.size(), Commands.size());
+  for (int i = 0; i < (int)Commands.size(); ++i) {
+    SCOPED_TRACE(kBitFieldExprs[i]);
+    CExpression e(QString::fromUtf8(kBitFieldExprs[i]));
+    ASSERT_GE(Evaluate(e), 0) << e.GetError().toStdString();
+    CSymbol& s = *GetResult(e);
+    bool ok;
+    const I64 v = s.ReadSigned(&ok);
+    ASSERT_TRUE(ok);
+    // Our 64-bit results against gdb's int arithmetic: compare in 32 bits.
+    const QString g = Out[i].section(" = ", 1).trimmed();
+    EXPECT_EQ(QString::number((I64)(I32)(U32)(U64)v), QString::number((I64)(I32)(U32)(U64)g.toLongLong()))
+        << Out[i].toStdString();
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Corpus, BitFields,
+                         ::testing::Values("app-dwarf2-O0.elf", "app-dwarf4-O0.elf", "app-dwarf4-O0-be.elf",
+                                           "app-dwarf5-O0.elf", "app-dwarf4-O2.elf"),
+                         [](const ::testing::TestParamInfo<const char*>& i) {
+                           std::string n = i.param;
+                           for (char& c : n)
+                             if (!isalnum((unsigned char)c)) c = '_';
+                           return n;
+                         });
+
 TEST_F(ExprCorpus, DivergenceSetFollowsTheRules) {
   for (const DIVERGE& d : kDivergence) {
     SCOPED_TRACE(d.text);
@@ -279,23 +326,23 @@ TEST_F(ExprCorpus, ResultsOutliveTheirExpression) {
 }
 
 // A target that answers from a byte map, or refuses every read.
-class CFakeTarget : public ISymbolMemory {
+class CFakeTarget : public CProgramImageAccess {
 public:
   bool accessible = true, refuse = false;
   int reads = 0;
   bool IsAccessible() const override { return accessible; }
-  int Read(U32 Address, U32 Size, const QString&, QByteArray& Out) override {
+  int ReadMemory(U32 Address, U32 Size, const QString&, QByteArray& Out) override {
     ++reads;
-    if (refuse) return -1;
+    if (refuse) return TARGET_READ_FAILED;
     Out.resize((int)Size);
     for (U32 i = 0; i < Size; ++i) Out[(int)i] = (char)(Address + i);
-    return 0;
+    return TARGET_READ_OK;
   }
 };
 
 TEST_F(ExprCorpus, TargetReadsGoThroughTheSeam) {
   CFakeTarget Target;
-  SYM_SetMemory(&Target);
+  ELF_SetTargetAccess(&Target);
   CExpression e("g_int");
   EXPECT_EQ(Evaluate(e), 4);
   EXPECT_EQ(GetResult(e)->ReadUnsigned(), 0x0B0A0908u);  // bytes 08 09 0A 0B at 0x20000008
@@ -313,10 +360,49 @@ TEST_F(ExprCorpus, TargetReadsGoThroughTheSeam) {
   Target.accessible = false;
   CExpression k("g_uint");
   EXPECT_EQ(Evaluate(k), -4);
-  SYM_SetMemory(nullptr);
+  ELF_SetTargetAccess(nullptr);
   CExpression m("g_uint");
   EXPECT_EQ(Evaluate(m), 4);
   EXPECT_EQ(GetResult(m)->ReadUnsigned(), 0xDEADBEEFu);
+}
+
+// The two rings point at each other once the program runs (rx_ring.next is
+// set at run time): a pointer chain as long as the text allows.
+class CRingTarget : public CProgramImageAccess {
+public:
+  U32 patchAddress = 0, patchValue = 0;
+  int ReadMemory(U32 Address, U32 Size, const QString& sZone, QByteArray& Out) override {
+    const int r = CProgramImageAccess::ReadMemory(Address, Size, sZone, Out);
+    for (U32 i = 0; r == TARGET_READ_OK && i < 4; ++i)
+      if (patchAddress + i >= Address && patchAddress + i < Address + Size)
+        Out[(int)(patchAddress + i - Address)] = (char)(patchValue >> (8 * i));
+    return r;
+  }
+};
+
+TEST_F(ExprCorpus, LongPointerChainsResolveLikeShortOnes) {
+  CRingTarget Target;
+  Target.patchAddress = (U32)EvaluateSymbol("&rx_ring.next")->ReadUnsigned();
+  Target.patchValue = (U32)EvaluateSymbol("&tx_ring")->ReadUnsigned();
+  ASSERT_NE(Target.patchAddress, 0u);
+  ELF_SetTargetAccess(&Target);
+  auto Chain = [](int n) {
+    QString s = "tx_ring.next";
+    for (int i = 0; i < n; ++i) s += "->next";
+    return s;
+  };
+  // After an odd number of steps the chain stands at rx_ring.next, which
+  // points at tx_ring (tail 2); after an even number the other way round.
+  for (int n : {1, 2, 2001, 4000}) {
+    SCOPED_TRACE(n);
+    CExpression e(Chain(n) + "->tail");
+    ASSERT_EQ(Evaluate(e), 2) << e.GetError().toStdString();
+    EXPECT_EQ(GetResult(e)->ReadUnsigned(), (n % 2) ? 2u : EvaluateSymbol("rx_ring.tail")->ReadUnsigned());
+    CExpression a("&" + Chain(n));
+    ASSERT_EQ(Evaluate(a), 4) << a.GetError().toStdString();
+    EXPECT_EQ(GetResult(a)->ReadUnsigned(), EvaluateSymbol((n % 2) ? "&rx_ring.next" : "&tx_ring.next")->ReadUnsigned());
+  }
+  ELF_SetTargetAccess(nullptr);
 }
 
 TEST_F(ExprCorpus, FileStaticsOfOneNameByFileScope) {

@@ -3,7 +3,7 @@
 // cap), full names, copies that own their children, reads from snapshots, and
 // the wrapper's name services on the corpus program.
 #include "elf/symbol/symdump.h"
-#include "expr/exprtypes.h"
+#include "elf/symbol/exprsnapshot.h"
 #include "symbol/symbol_test_util.h"
 
 #include <gtest/gtest.h>

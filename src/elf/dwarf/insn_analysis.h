@@ -1,7 +1,8 @@
 // What the address mapping needs to know about the instructions of the
 // program: where instructions start and how long they are, which addresses
 // hold data, which are call or branch targets. The processor layer
-// implements it over its instruction cache and installs it; without one the
+// implements it over its instruction cache; the target access
+// (elf/dwarf/target_access.h) hands it out. Without one the
 // instruction-level walks of the address mapping answer empty.
 #pragma once
 #include "common/types.h"
@@ -21,8 +22,3 @@ public:
   virtual U32 GetInstAlignment() const = 0;
   virtual U32 GetMaxInstSize() const = 0;
 };
-
-// Installs the analysis the walks use (null removes it); the caller keeps
-// ownership and removes it before it goes away. None by default.
-void DWARF_SetInstructionAnalysis(IInstructionAnalysis* pAnalysis);
-IInstructionAnalysis* DWARF_GetInstructionAnalysis();

@@ -1,5 +1,6 @@
 #include "elf/dwarf/location.h"
 #include "elf/dwarf/dwarf_internal.h"
+#include "elf/dwarf/target_access.h"
 #include "elf/elf_file.h"
 #include "log/log.h"
 
@@ -251,8 +252,6 @@ using namespace dwarf_internal;
 
 enum : U32 { AT_LOCATION = 2, AT_DATA_MEMBER_LOCATION = 56, AT_FRAME_BASE = 64, AT_DATA_BIT_OFFSET = 107 };
 
-ELF_READ_WORD_FN g_pfRead = nullptr;
-void* g_pReadContext = nullptr;
 
 struct Ctx {
   ELF_FILE* f = nullptr;
@@ -495,15 +494,6 @@ void RelocateParts(ELF_SYM_LOC& l) {
 }
 } // namespace
 
-void ELF_SetTargetReader(ELF_READ_WORD_FN pfRead, void* pContext) {
-  g_pfRead = pfRead;
-  g_pReadContext = pContext;
-}
-int ELF_ReadTargetWord(U32 Address, U32* pWord) {
-  if (!g_pfRead) return -1;
-  return g_pfRead(Address, pWord, g_pReadContext);
-}
-
 ELF_SYM_LOC ELF_GetAttrLocation(ELF_SYM_HANDLE h, U32 Pc, U32 Attribute) {
   Ctx x = DecodeHandle(h);
   if (!x.c) return Empty();
@@ -573,10 +563,11 @@ std::vector<std::pair<U32, U32>> ELF_GetLocationRanges(ELF_SYM_HANDLE h, U32 Att
 // ---- resolution against a call frame ---------------------------------------------
 
 namespace {
-ICallFrameStore* g_pFrameStore = nullptr;
+// The frame store of the installed target access, or null.
+ICallFrameStore* Frames() { return ELF_GetTargetAccess().GetFrameStore(); }
 
 bool FrameRegister(const CCallFrame& F, U32 Reg, U64& Value) {
-  return g_pFrameStore && F.IsValid() && g_pFrameStore->GetRegister(F.stack, F.index, Reg, Value);
+  return F.IsValid() && ELF_GetTargetAccess().ReadRegister(F.stack, F.index, Reg, Value);
 }
 
 ELF_LOC_PART Failed() {
@@ -592,16 +583,17 @@ ELF_LOC_PART ResolvePart(const CCallFrame& F, const ELF_LOC_PART& In, int Depth)
 // Where the value of a register of frame F lies: in F's own register for the
 // innermost frame, otherwise by the rule of the callee frame.
 ELF_LOC_PART RegisterStep(const CCallFrame& F, const ELF_LOC_PART& In, int Depth) {
-  if (!g_pFrameStore || !F.IsValid() || F.stack > 1) return Failed();
+  ICallFrameStore* const pStore = Frames();
+  if (!pStore || !F.IsValid() || F.stack > 1) return Failed();
   CCallFrame Own;
-  if (!g_pFrameStore->GetFrame(F.stack, F.index, Own)) return Failed();
+  if (!pStore->GetFrame(F.stack, F.index, Own)) return Failed();
   U64 v;
-  if (!FrameRegister(F, g_pFrameStore->GetPcRegister(), v) || !FrameRegister(F, g_pFrameStore->GetSpRegister(), v))
+  if (!FrameRegister(F, pStore->GetPcRegister(), v) || !FrameRegister(F, pStore->GetSpRegister(), v))
     return Failed();
   if (IsPseudoRegister(In.reg)) return Failed();
   CCallFrame Callee;
-  if (F.index == 0 || !g_pFrameStore->GetFrame(F.stack, F.index - 1, Callee)) return In;  // the device reads it
-  ELF_SYM_LOC Rule = g_pFrameStore->GetRule(F.stack, F.index - 1, In.reg);
+  if (F.index == 0 || !pStore->GetFrame(F.stack, F.index - 1, Callee)) return In;  // the device reads it
+  ELF_SYM_LOC Rule = pStore->GetRule(F.stack, F.index - 1, In.reg);
   ELF_LOC_PART r;
   if (!Rule.count) {
     r = Failed();
@@ -671,9 +663,11 @@ ELF_LOC_PART ResolvePart(const CCallFrame& F, const ELF_LOC_PART& In, int Depth)
       if (!F.IsValid() || F.cfaStatus != 0) return p;
       return OffsetFrom(In, F.cfa, In.kind == ELF_LOC_AT_CFA);
     case ELF_LOC_AT_SP:
-    case ELF_LOC_SP_VALUE:
-      if (!g_pFrameStore || !FrameRegister(F, g_pFrameStore->GetSpRegister(), Sp)) return p;
+    case ELF_LOC_SP_VALUE: {
+      ICallFrameStore* const pStore = Frames();
+      if (!pStore || !FrameRegister(F, pStore->GetSpRegister(), Sp)) return p;
       return OffsetFrom(In, Sp, In.kind == ELF_LOC_AT_SP);
+    }
     case ELF_LOC_REG:
     case ELF_LOC_REG_VALUE: return RegisterStep(F, In, Depth);
     case ELF_LOC_AT_REG: {
@@ -696,9 +690,9 @@ ELF_LOC_PART ResolvePart(const CCallFrame& F, const ELF_LOC_PART& In, int Depth)
     case ELF_LOC_ENTRY_VALUE: {
       CCallFrame Caller;
       U64 v;
-      if (!g_pFrameStore || !F.IsValid() || F.isInline || F.index > 1 ||
-          !g_pFrameStore->GetFrame(F.stack, F.index + 1, Caller) ||
-          !FrameRegister(F, g_pFrameStore->GetPcRegister(), v) || !FrameRegister(F, g_pFrameStore->GetSpRegister(), v))
+      ICallFrameStore* const pStore = Frames();
+      if (!pStore || !F.IsValid() || F.isInline || F.index > 1 || !pStore->GetFrame(F.stack, F.index + 1, Caller) ||
+          !FrameRegister(F, pStore->GetPcRegister(), v) || !FrameRegister(F, pStore->GetSpRegister(), v))
         return Failed();
       ELF_LOC_PART Inner = Failed();
       Inner.kind = In.baseKind;
@@ -746,14 +740,12 @@ ELF_LOC_PART ResolvePart(const CCallFrame& F, const ELF_LOC_PART& In, int Depth)
 }
 } // namespace
 
-void ELF_SetFrameStore(ICallFrameStore* pStore) { g_pFrameStore = pStore; }
-ICallFrameStore* ELF_GetFrameStore() { return g_pFrameStore; }
 
 bool ELF_ReadRegisterPart(const CCallFrame& Frame, const ELF_LOC_PART& Part, U64& Value) {
-  if (!g_pFrameStore || Frame.stack < 0 || IsPseudoRegister(Part.reg)) return false;
+  if (Frame.stack < 0 || IsPseudoRegister(Part.reg)) return false;
   if (Part.kind != ELF_LOC_REG && Part.kind != ELF_LOC_REG_VALUE) return false;
   U64 v;
-  if (!g_pFrameStore->GetRegister(Frame.stack, 0, Part.reg, v)) return false;
+  if (!ELF_GetTargetAccess().ReadRegister(Frame.stack, 0, Part.reg, v)) return false;
   Value = v + (Part.kind == ELF_LOC_REG_VALUE ? (U64)(I64)Part.offset : 0);
   return true;
 }

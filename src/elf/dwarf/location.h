@@ -91,11 +91,10 @@ bool ELF_IsStaticLocation(ELF_SYM_HANDLE h);
 // single expression), file addresses.
 std::vector<std::pair<U32, U32>> ELF_GetLocationRanges(ELF_SYM_HANDLE h, U32 Attribute);
 
-// Target reads for resolving locations against a frame: the device layer
-// installs the callback; 0 on success.
-typedef int (*ELF_READ_WORD_FN)(U32 Address, U32* pWord, void* pContext);
-void ELF_SetTargetReader(ELF_READ_WORD_FN pfRead, void* pContext);
-int ELF_ReadTargetWord(U32 Address, U32* pWord); // -1 without a reader
+// A 32-bit word of the target in the program's byte order, read through the
+// installed target access (elf/dwarf/target_access.h). 0, or -1 when it
+// cannot be read.
+int ELF_ReadTargetWord(U32 Address, U32* pWord);
 
 // ---- call frames -------------------------------------------------------------
 // One frame of a call stack as locations see it. A value without pointers:
@@ -118,8 +117,9 @@ struct CCallFrame {
   bool IsValid() const { return stack >= 0 && index >= 0; }
 };
 
-// Where frames and their register data are kept. The call stack installs
-// one; without it every frame-relative location stays unresolved.
+// Where frames and their register data are kept. The target access
+// (elf/dwarf/target_access.h) hands it out; without one every frame-relative
+// location stays unresolved.
 class ICallFrameStore {
 public:
   virtual ~ICallFrameStore() = default;
@@ -136,8 +136,6 @@ public:
   // The frame the user selected in the public stack, -1 if none.
   virtual int GetSelectedFrame() const { return -1; }
 };
-void ELF_SetFrameStore(ICallFrameStore* pStore);
-ICallFrameStore* ELF_GetFrameStore();
 
 // Resolves every part of a location against a frame, in place. A part that
 // fails becomes kind 0 and is logged.

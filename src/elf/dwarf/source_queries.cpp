@@ -3,6 +3,7 @@
 #include "elf/dwarf/insn_analysis.h"
 #include "elf/dwarf/line_tables.h"
 #include "elf/dwarf/source_linefiles.h"
+#include "elf/dwarf/target_access.h"
 #include "log/log.h"
 
 #include <QString>
@@ -46,7 +47,8 @@ HandleMemo<UnitFiles> g_UnitFiles;
 const ELF_FILE* g_pRowPathsFile = nullptr;
 std::unordered_map<U32, std::vector<std::string>> g_RowPaths;
 
-IInstructionAnalysis* g_pAnalysis = nullptr;
+// The instruction analysis of the installed target access, or null.
+IInstructionAnalysis* Analysis() { return ELF_GetTargetAccess().GetInstructionAnalysis(); }
 
 // What the memos were made from, per file slot: a handle names an entry only
 // together with the file open in its slot, so a new file there voids them.
@@ -237,7 +239,8 @@ CSrcLoc SourceLoc(const CLineTables& t, ELF_SYM_HANDLE h, bool call, bool* pFrom
 }
 
 U32 Alignment() {
-  U32 a = g_pAnalysis ? g_pAnalysis->GetInstAlignment() : ELF_GetInstAlignment();
+  IInstructionAnalysis* const pAnalysis = Analysis();
+  U32 a = pAnalysis ? pAnalysis->GetInstAlignment() : ELF_GetInstAlignment();
   return a ? a : 1;
 }
 
@@ -251,12 +254,13 @@ bool SameLine(const CSrcLoc& a, const CSrcLoc& b) { return a.file == b.file && a
 // with each aligned address and the line (column 0) that holds it, or a
 // null location where no line is known.
 template <class F> void WalkLines(const CLineTables& t, const CAddrRange& r, F&& pfLine) {
+  IInstructionAnalysis* const pAnalysis = Analysis();
   const U32 step = Alignment();
   const U64 end = r.End();
   CSrcLoc last;
   for (U64 a = AlignDown(r.start, step); a < end; a += step) {
     CSrcLoc l;
-    if (g_pAnalysis->GetKind((U32)a) == 1) {
+    if (pAnalysis->GetKind((U32)a) == 1) {
       l = last; // data goes with the line before it
     } else {
       l = t.GetExactSrcLoc((U32)a);
@@ -270,8 +274,6 @@ template <class F> void WalkLines(const CLineTables& t, const CAddrRange& r, F&&
 
 } // namespace
 
-void DWARF_SetInstructionAnalysis(IInstructionAnalysis* p) { g_pAnalysis = p; }
-IInstructionAnalysis* DWARF_GetInstructionAnalysis() { return g_pAnalysis; }
 
 CSrcLoc DWARF_GetCallLoc(const CLineTables& Tables, ELF_SYM_HANDLE h) {
   if (!h) return CSrcLoc();
@@ -365,12 +367,13 @@ FUNC_SRC_RANGE DWARF_GetFuncSrcRange(const CLineTables& Tables, ELF_SYM_HANDLE h
 }
 
 QList<U32> DWARF_GetLocAddressRun(const CLineTables& Tables, const CSrcLoc& Loc, U32 Start) {
+  IInstructionAnalysis* const pAnalysis = Analysis();
   QList<U32> out;
-  if (!g_pAnalysis || Loc.IsNull()) return out;
+  if (!pAnalysis || Loc.IsNull()) return out;
   const U32 step = Alignment();
   const U64 first = AlignDown(Start, step), end = std::min<U64>((U64)Start + RUN_LENGTH, 0x100000000ull);
   for (U64 a = first; a < end; a += step) {
-    if (!g_pAnalysis->IsInstructionStart((U32)a)) continue;
+    if (!pAnalysis->IsInstructionStart((U32)a)) continue;
     bool holds = false;
     for (const CSrcLoc& l : Tables.GetSrcLocs((U32)a)) holds |= SameLine(l, Loc);
     if (!holds) break;
@@ -380,10 +383,11 @@ QList<U32> DWARF_GetLocAddressRun(const CLineTables& Tables, const CSrcLoc& Loc,
 }
 
 QList<U32> DWARF_GetLocInstructions(const CLineTables& Tables, const CSrcLoc& Loc) {
+  IInstructionAnalysis* const pAnalysis = Analysis();
   QList<U32> out;
-  if (!g_pAnalysis) return out;
+  if (!pAnalysis) return out;
   const QList<U32> addrs = Tables.GetLocAddresses(Loc);
-  const U32 maxSize = std::max<U32>(g_pAnalysis->GetMaxInstSize(), 1);
+  const U32 maxSize = std::max<U32>(pAnalysis->GetMaxInstSize(), 1);
   std::set<U32> held;
   for (int i = 0; i < addrs.size(); ++i) {
     const U32 a = addrs[i];
@@ -400,7 +404,8 @@ QList<U32> DWARF_GetLocInstructions(const CLineTables& Tables, const CSrcLoc& Lo
 }
 
 int DWARF_LineStartKind(const CLineTables& Tables, U32 Address) {
-  if (g_pAnalysis && g_pAnalysis->GetKind(Address) == 1) return 1;
+  IInstructionAnalysis* const pAnalysis = Analysis();
+  if (pAnalysis && pAnalysis->GetKind(Address) == 1) return 1;
   // The symbol that leads at the address (a function symbol if there is one).
   const QList<ELF_SYM_HANDLE> syms = Tables.GetSymbolsByAddress(Address);
   if (!syms.isEmpty() && ELF_GetSymbolType(syms.first()) == ELF_STT_OBJECT) return 1;
@@ -411,12 +416,13 @@ int DWARF_LineStartKind(const CLineTables& Tables, U32 Address) {
 }
 
 QList<LINE_BLOCK> DWARF_GetFunctionLineBlocks(const CLineTables& Tables, const CAddrRange& Range) {
+  IInstructionAnalysis* const pAnalysis = Analysis();
   QList<LINE_BLOCK> out;
   if (Range.size > ANALYSIS_SIZE_LIMIT) {
     LogInfo("Size of function @ " + Hex(Range.start) + " exceeds limit for line count analysis");
     return out;
   }
-  if (!g_pAnalysis || Range.IsEmpty() || !Range.size) return out;
+  if (!pAnalysis || Range.IsEmpty() || !Range.size) return out;
   // Line -> index of its first block in out; -1 while no block is open.
   std::unordered_map<U64, int> blockOf;
   int open = -1;
@@ -444,12 +450,13 @@ QList<LINE_BLOCK> DWARF_GetFunctionLineBlocks(const CLineTables& Tables, const C
 
 QList<CAddrRange> DWARF_GetFunctionInstBlocks(const CLineTables& Tables, const CAddrRange& Range,
                                               const CSrcLoc& Loc) {
+  IInstructionAnalysis* const pAnalysis = Analysis();
   QList<CAddrRange> out;
   if (Range.size > ANALYSIS_SIZE_LIMIT) {
     LogInfo("Size of function @ " + Hex(Range.start) + " exceeds limit for instruction analysis");
     return out;
   }
-  if (!g_pAnalysis || Range.IsEmpty() || !Range.size || Loc.IsNull()) return out;
+  if (!pAnalysis || Range.IsEmpty() || !Range.size || Loc.IsNull()) return out;
   bool open = false;
   U32 start = 0;
   WalkLines(Tables, Range, [&](U32 a, const CSrcLoc& l) {

@@ -2,7 +2,7 @@
 
 #include "elf/elf_file.h"
 #include "elf/elfapi.h"
-#include "expr/exprtypes.h"
+#include "elf/symbol/exprsnapshot.h"
 #include "log/log.h"
 
 #include <QMutexLocker>
@@ -87,33 +87,6 @@ bool IsBigEndianProgram() {
   return f && f->bigEndian;
 }
 
-// Reads initialised data from the program image.
-class CImageMemory : public ISymbolMemory {
-public:
-  bool IsAccessible() const override { return CurrentFile() != nullptr; }
-  int Read(U32 Address, U32 Size, const QString&, QByteArray& Out) override {
-    QMutexLocker Lock(&CElfApi::Instance().Mutex());
-    ELF_FILE* f = CurrentFile();
-    if (!f || Size == 0 || (U64)Address + Size > 0x100000000ull) return -1;
-    const U8* p = ELF_ReadImage(f, Address, Address + Size);
-    if (!p) {
-      // Zero-initialised sections read as the zeros the program starts with.
-      for (int i = 0; i < ELF_GetNumSections(f); ++i) {
-        const U32 a = ELF_GetSectionAddr(f, i);
-        if (ELF_GetSectionType(f, i) == 8 && (ELF_GetSectionFlags(f, i) & 2) && a <= Address &&
-            (U64)Address + Size <= (U64)a + ELF_GetSectionSize(f, i)) {
-          Out = QByteArray((int)Size, 0);
-          return 0;
-        }
-      }
-      return -1;
-    }
-    Out = QByteArray((const char*)p, (int)Size);
-    return 0;
-  }
-};
-CImageMemory s_ImageMemory;
-ISymbolMemory* s_pMemory = nullptr;
 
 // Location memo of handles at the default pc, kept for one program.
 QHash<ELF_SYM_HANDLE, SYM_LOC>& LocMemo() {
@@ -263,8 +236,6 @@ ELF_SYM_LOC SYM_ToElfLocation(const SYM_LOC& Loc) {
   return l;
 }
 
-void SYM_SetMemory(ISymbolMemory* pMemory) { s_pMemory = pMemory; }
-ISymbolMemory* SYM_GetMemory() { return s_pMemory ? s_pMemory : &s_ImageMemory; }
 
 U64 SYM_GetProgramIdentity() {
   ELF_FILE* f = CurrentFile();
@@ -896,8 +867,9 @@ ELF_SYM_HANDLE EnclosingFunction(ELF_SYM_HANDLE h) {
 }
 
 bool FramePc(const CCallFrame& F, U64& Pc) {
-  ICallFrameStore* s = ELF_GetFrameStore();
-  return s && F.IsValid() && s->GetRegister(F.stack, F.index, s->GetPcRegister(), Pc);
+  const ITargetAccess& a = ELF_GetTargetAccess();
+  ICallFrameStore* s = a.GetFrameStore();
+  return s && F.IsValid() && a.ReadRegister(F.stack, F.index, s->GetPcRegister(), Pc);
 }
 }  // namespace
 
@@ -912,7 +884,7 @@ int CSymbol::GetFrameIndex() const {
     f = EnclosingFunction(r->handle);
   }
   if (!f) return -1;
-  ICallFrameStore* s = ELF_GetFrameStore();
+  ICallFrameStore* s = ELF_GetTargetAccess().GetFrameStore();
   CCallFrame Frame;
   const int Selected = s ? s->GetSelectedFrame() : -1;
   if (Selected >= 0 && s->GetFrame(0, Selected, Frame) && Frame.function == f) return Selected;
@@ -926,7 +898,7 @@ int CSymbol::GetFrameIndex() const {
 
 CCallFrame CSymbol::GetFrame() const {
   CCallFrame Frame;
-  ICallFrameStore* s = ELF_GetFrameStore();
+  ICallFrameStore* s = ELF_GetTargetAccess().GetFrameStore();
   if (!s) return Frame;
   const int Index = GetFrameIndex();
   if (Index != -1) {
@@ -1027,15 +999,24 @@ U64 CSymbol::ReadUnsigned(bool* pOk, bool ApplyBitField) {
     return 0;
   }
   ok = true;
-  if (ApplyBitField && bitSize && v) {
+  if (ApplyBitField && bitSize) {
     const U32 Shift = bitOffset & 63;
-    v = (v >> Shift) & (((U64)1 << (bitSize & 31)) - 1);
+    v >>= Shift;
+    if (bitSize < 64) v &= ((U64)1 << bitSize) - 1;
   }
   return v;
 }
 
 I64 CSymbol::ReadSigned(bool* pOk) {
   bool ok;
+  if (bitSize && !IsArray()) {
+    // A bit-field's value is its field, sign-extended from its top bit.
+    const U64 v = ReadUnsigned(&ok, true);
+    if (pOk) *pOk = ok;
+    if (!ok) return 0;
+    if (!isSigned || bitSize >= 64) return (I64)v;
+    return (I64)(v << (64 - bitSize)) >> (64 - bitSize);
+  }
   const U64 v = ReadUnsigned(&ok, false);
   if (pOk) *pOk = ok;
   if (!ok) return 0;
@@ -1050,7 +1031,7 @@ I64 CSymbol::ReadSigned(bool* pOk) {
 
 I64 CSymbol::ReadInteger(bool* pOk) {
   if (isSigned) return ReadSigned(pOk);
-  return (I64)ReadUnsigned(pOk, false);
+  return (I64)ReadUnsigned(pOk, true);
 }
 
 double CSymbol::ReadDouble(bool* pOk) {
@@ -1136,7 +1117,7 @@ bool CSymbol::ReadRegisterParts(const SYM_LOC& Loc, int Size) {
     } else if (p.kind == SYM_LOC_ADDR || p.kind == SYM_LOC_ADDR_OFFSET) {
       QByteArray m;
       const U32 a = (U32)(p.address + (p.kind == SYM_LOC_ADDR_OFFSET ? (U64)p.offset : 0));
-      if (SYM_GetMemory()->Read(a, (U32)n, QString(), m) < 0 || m.size() != n) return false;
+      if (ELF_GetTargetAccess().ReadMemory(a, (U32)n, QString(), m) != TARGET_READ_OK || m.size() != n) return false;
       if (IsBigEndianProgram()) std::reverse(m.begin(), m.end());
       v = ReadLe(m, n);
     } else {
@@ -1182,8 +1163,8 @@ int CSymbol::LoadFromBlock(I64 Address, I64 Size, const CExprSnapshot* pSnapshot
     }
     if (!Found) Bytes = QByteArray((int)Size, 0);
   } else {
-    ISymbolMemory* pMem = SYM_GetMemory();
-    if (Address >= 0 && !HaveRanges && !pMem->IsAccessible()) return -4;
+    ITargetAccess& Target = ELF_GetTargetAccess();
+    if (Address >= 0 && !HaveRanges && !Target.IsAccessible()) return -4;
     const SYM_LOC l = GetLocation();
     if (!l.count || !l.IsResolved()) return -2;
     if (l.parts[0].kind == SYM_LOC_CONST) {
@@ -1197,7 +1178,8 @@ int CSymbol::LoadFromBlock(I64 Address, I64 Size, const CExprSnapshot* pSnapshot
       a = (I64)l.parts[0].address;
       if (l.parts[0].kind == SYM_LOC_ADDR_OFFSET) a += l.parts[0].offset;
     }
-    if (pMem->Read((U32)a, (U32)Size, pSnapshot ? pSnapshot->memoryZone : QString(), Bytes) < 0 || Bytes.size() != Size)
+    if (Target.ReadMemory((U32)a, (U32)Size, pSnapshot ? pSnapshot->memoryZone : QString(), Bytes) != TARGET_READ_OK ||
+        Bytes.size() != Size)
       return -4;
   }
   // Target bytes enter the symbol here: values are kept little-endian.

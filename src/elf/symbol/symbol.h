@@ -8,6 +8,7 @@
 #include "elf/elf.h"
 #include "elf/dwarf/debuginfo.h"
 #include "elf/dwarf/location.h"
+#include "elf/dwarf/target_access.h"
 #include "elf/symbol/numtext.h"
 #include "elf/symbol/typename.h"
 
@@ -61,19 +62,6 @@ struct SYM_LOC {
 // The same location in the form of the debug information layer and back.
 SYM_LOC SYM_FromElfLocation(const ELF_SYM_LOC& Loc);
 ELF_SYM_LOC SYM_ToElfLocation(const SYM_LOC& Loc);
-
-// The one way bytes of the target enter a symbol. Without a target the
-// program image answers (initialised data only).
-class ISymbolMemory {
-public:
-  virtual ~ISymbolMemory() = default;
-  virtual bool IsAccessible() const = 0;
-  // Reads Size bytes at Address in target byte order. 0 or -1.
-  virtual int Read(U32 Address, U32 Size, const QString& sZone, QByteArray& Out) = 0;
-};
-// Installs the reader; nullptr restores the program image reader.
-void SYM_SetMemory(ISymbolMemory* pMemory);
-ISymbolMemory* SYM_GetMemory();
 
 class CSymbol {
 public:

@@ -1,6 +1,6 @@
 #include "elf/symbol/symdump.h"
 
-#include "expr/exprtypes.h"
+#include "elf/symbol/exprsnapshot.h"
 
 void SYM_LoadValue(CSymbol& s) {
   if (s.IsArray()) {
@@ -9,7 +9,7 @@ void SYM_LoadValue(CSymbol& s) {
       I64 a;
       QByteArray b;
       const U32 n = s.GetSize() < 1000 ? s.GetSize() : 1000;
-      if (s.GetAddress(a) && n && SYM_GetMemory()->Read((U32)a, n, QString(), b) == 0) s.SetTextData(b);
+      if (s.GetAddress(a) && n && ELF_GetTargetAccess().ReadMemory((U32)a, n, QString(), b) == TARGET_READ_OK) s.SetTextData(b);
     }
     return;
   }
@@ -19,7 +19,7 @@ void SYM_LoadValue(CSymbol& s) {
     QByteArray b, Text;
     // The text behind a char pointer, read in pieces up to its NUL.
     for (U32 Off = 0; p > 0 && Off < 256; Off += 16) {
-      if (SYM_GetMemory()->Read((U32)p + Off, 16, QString(), b) != 0) break;
+      if (ELF_GetTargetAccess().ReadMemory((U32)p + Off, 16, QString(), b) != TARGET_READ_OK) break;
       Text += b;
       if (b.contains('\0')) break;
     }

@@ -1,6 +1,6 @@
 #include "elf/symbol/typename.h"
 
-#include "expr/expression.h"
+#include "elf/symbol/exprtoken.h"
 #include "log/log.h"
 
 #include <QHash>
@@ -133,7 +133,7 @@ CType::CType(const QString& sText) {
   QString sToken;
   int Guard = 0;
   while (Guard++ < 4096) {
-    const int r = CExpression::NextToken(sText, Pos, sToken);
+    const int r = EXPR_NextToken(sText, Pos, sToken);
     if (r == -1) break;
     if (r == -2) {
       LogWarning("Error parsing type declarators: " + sText);

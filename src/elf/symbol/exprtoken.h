@@ -1,5 +1,8 @@
-// The operator table of the expression language. One constant table drives the
-// tokeniser, the rewrite passes, the postfix conversion and the tree builder.
+// The lexical level of the expression language: the operator table, the
+// tokeniser and number texts. One constant table drives the tokeniser, the
+// parser's rewrite passes, its postfix conversion and tree builder. It lies
+// with the symbol service because type names are split by the same
+// tokeniser; the parser (expr/expression.h) stands on it.
 #pragma once
 #include "common/types.h"
 #include <QString>
@@ -40,3 +43,19 @@ const CExprToken* EXPR_FindOperator(const QString& sText);
 const CExprToken* EXPR_FindOperatorById(U32 Id);
 // True if the text has a row.
 inline bool EXPR_IsOperator(const QString& sText) { return EXPR_FindOperator(sText) != nullptr; }
+
+// Reads one token from Pos on; Pos then stands behind it. Result 0 for a
+// token, -1 at the end of the text, -2 if no valid token starts at Pos.
+// Blanks separate tokens; numbers (with their l/L/u/U suffix), names and the
+// operator spellings of the table (two characters before one) are tokens.
+int EXPR_NextToken(const QString& sText, int& Pos, QString& sToken);
+
+// True if the text reads as a number: its first character is a digit, x, X,
+// A-F, a-f or "-", and it reads as a 64-bit unsigned number in base 16 or, with
+// block separators removed and "," read as ".", as a double.
+bool EXPR_IsNumberText(const QString& sText);
+
+// Characters that group digits in number texts and are ignored when numbers
+// are read. Default: U+2008.
+void EXPR_SetBlockSeparators(const QString& sSeparators);
+QString EXPR_GetBlockSeparators();

@@ -1,6 +1,5 @@
-// Value records that an expression carries: the scope it was evaluated in, the
-// memory ranges it read, and an optional captured memory image to evaluate
-// against instead of the target.
+// A captured memory image that symbols and expressions read from instead of
+// the target.
 #pragma once
 #include "common/types.h"
 #include "common/srcloc.h"

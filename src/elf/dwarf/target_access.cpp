@@ -1,0 +1,65 @@
+#include "elf/dwarf/target_access.h"
+
+#include "elf/dwarf/location.h"
+#include "elf/elf_file.h"
+#include "elf/elfapi.h"
+
+#include <QMutexLocker>
+#include <atomic>
+
+namespace {
+CProgramImageAccess s_Image;
+std::atomic<ITargetAccess*> s_pAccess{nullptr};
+}  // namespace
+
+bool ITargetAccess::ReadRegister(int Stack, int Index, U32 Register, U64& Value) const {
+  const ICallFrameStore* s = GetFrameStore();
+  return s && Stack >= 0 && Index >= 0 && s->GetRegister(Stack, Index, Register, Value);
+}
+
+bool CProgramImageAccess::IsAccessible() const { return CElfApi::Instance().GetFile() != nullptr; }
+
+int CProgramImageAccess::ReadMemory(U32 Address, U32 Size, const QString&, QByteArray& Out) {
+  QMutexLocker Lock(&CElfApi::Instance().Mutex());
+  ELF_FILE* f = CElfApi::Instance().GetFile();
+  if (!f || Size == 0 || Size > 0x7FFFFFFFu || (U64)Address + Size > 0x100000000ull) return TARGET_READ_FAILED;
+  const U8* p = ELF_ReadImage(f, Address, Address + Size);
+  if (!p) {
+    // Zero-initialised sections read as the zeros the program starts with.
+    for (int i = 0; i < ELF_GetNumSections(f); ++i) {
+      const U32 a = ELF_GetSectionAddr(f, i);
+      if (ELF_GetSectionType(f, i) == 8 && (ELF_GetSectionFlags(f, i) & 2) && a <= Address &&
+          (U64)Address + Size <= (U64)a + ELF_GetSectionSize(f, i)) {
+        Out = QByteArray((int)Size, 0);
+        return TARGET_READ_OK;
+      }
+    }
+    return TARGET_READ_FAILED;
+  }
+  Out = QByteArray((const char*)p, (int)Size);
+  return TARGET_READ_OK;
+}
+
+void ELF_SetTargetAccess(ITargetAccess* pAccess) { s_pAccess.store(pAccess); }
+
+ITargetAccess& ELF_GetTargetAccess() {
+  ITargetAccess* p = s_pAccess.load();
+  return p ? *p : s_Image;
+}
+
+int ELF_ReadTargetWord(U32 Address, U32* pWord) {
+  ITargetAccess& a = ELF_GetTargetAccess();
+  QByteArray b;
+  if (!pWord || !a.IsAccessible() || a.ReadMemory(Address, 4, QString(), b) != TARGET_READ_OK || b.size() != 4)
+    return -1;
+  bool Big;
+  {
+    QMutexLocker Lock(&CElfApi::Instance().Mutex());
+    const ELF_FILE* f = CElfApi::Instance().GetFile();
+    Big = f && f->bigEndian;
+  }
+  U32 w = 0;
+  for (int i = 0; i < 4; ++i) w |= (U32)(U8)b[Big ? 3 - i : i] << (8 * i);
+  *pWord = w;
+  return 0;
+}
