@@ -433,6 +433,18 @@ bool FindDefinedConstant(const QString& sName, I64* pValue) {
   return false;
 }
 
+namespace {
+class CDefinedConstants : public IUserConstants {
+ public:
+  bool FindUserConstant(const QString& sName, I64* pValue) const override { return FindDefinedConstant(sName.trimmed(), pValue); }
+};
+}  // namespace
+
+const IUserConstants& UserConstants() {
+  static const CDefinedConstants s_Constants;
+  return s_Constants;
+}
+
 QStringList DefinedConstantNames() {
   QStringList l;
   for (const auto& d : S().Defined) l.append(d.first);
