@@ -3,6 +3,7 @@
 #include "settings/colors.h"
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
 #include <QRegularExpression>
@@ -321,6 +322,15 @@ TEST_F(ProjectBatch, LongLoggingLoopsRun) {
   EXPECT_FALSE(r.Out.contains("out of memory"));
   EXPECT_EQ(r.Lines().count("x"), 5000);
   EXPECT_TRUE(r.Out.contains("=> 5000 (0x1388)")) << r.Out.right(500).toStdString();
+
+  // A script that outlives the line's time limit stops at its next command.
+  QElapsedTimer t;
+  t.start();
+  const RUN Long = Run({"loop.vdebug", "-batchtimelimit", "1"}, "Script.Exec(Loop, 2000000000)\nUtil.Log(\"next line\")\n");
+  EXPECT_LT(t.elapsed(), 30000);
+  EXPECT_EQ(Long.Exit, 1);
+  EXPECT_TRUE(Long.Out.contains("batch time limit of 1 s per line exceeded")) << Long.Out.right(500).toStdString();
+  EXPECT_TRUE(Long.Out.contains("\nnext line\n"));
 }
 
 // The batch exit status tells CI about a project that is missing, does not
