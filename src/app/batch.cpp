@@ -30,7 +30,8 @@ static void WriteOut(const QByteArray& s) {
   fputc('\n', stdout);
 }
 
-CBatchRunner::CBatchRunner(CMainWindow* pMain, const QStringList& Lines) : m_pMain(pMain), m_Lines(Lines) {
+CBatchRunner::CBatchRunner(CMainWindow* pMain, const QStringList& Lines, int TimeLimitS, std::shared_ptr<bool> pStartOk)
+    : m_pMain(pMain), m_Lines(Lines), m_TimeLimitS(TimeLimitS), m_pStartOk(std::move(pStartOk)) {
   // The window does not read the ring; this runner does, and a full ring is
   // drained at once so that no text is lost.
   pMain->ConsoleWindow()->SetDrawingEnabled(false);
@@ -47,8 +48,12 @@ void CBatchRunner::Drain() {
 void CBatchRunner::Start() { QTimer::singleShot(0, this, &CBatchRunner::Run); }
 
 void CBatchRunner::Run() {
+  // The project of the command line opens here: a missing project, one that
+  // does not parse or stops with a script error fails the run.
+  const int StartErrors = GetCommandErrorCount() + GetErrorMessageCount();
   m_pMain->RunWindowShown();
   Drain();
+  if ((m_pStartOk && !*m_pStartOk) || GetCommandErrorCount() + GetErrorMessageCount() != StartErrors) m_HadError = true;
   for (const QString& sRaw : m_Lines) {
     QString sLine = sRaw;
     if (sLine.endsWith(QLatin1Char('\r'))) sLine.chop(1);
@@ -57,8 +62,11 @@ void CBatchRunner::Run() {
     const int Errors = GetCommandErrorCount() + GetErrorMessageCount();
     m_pMain->ConsoleWindow()->Input()->AddToHistory(sLine);
     int Id = -1;
+    // Waits of the line (Util.Sleep, device jobs) end at the time limit.
+    SetCommandDeadline(m_TimeLimitS > 0 ? qint64(m_TimeLimitS) * 1000 : -1, m_TimeLimitS);
     const int r = ExecuteCommand(sLine, &Id);
     if (r == 1 && Id >= 0) WaitForCommand(Id);
+    SetCommandDeadline(-1, 0);
     QCoreApplication::processEvents();
     Drain();
     if (r == 1 && Id >= 0) {

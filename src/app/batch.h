@@ -3,6 +3,7 @@
 #pragma once
 #include <QObject>
 #include <QStringList>
+#include <memory>
 
 class CMainWindow;
 
@@ -13,13 +14,17 @@ bool ReadBatchFile(const QString& sPath, QStringList* pLines);
 class CBatchRunner : public QObject {
   Q_OBJECT
  public:
-  CBatchRunner(CMainWindow* pMain, const QStringList& Lines);
+  // TimeLimitS: the longest time one line may wait (0: no limit).
+  // pStartOk: set to false by the start-up when the project named on the
+  // command line could not be opened or run.
+  CBatchRunner(CMainWindow* pMain, const QStringList& Lines, int TimeLimitS, std::shared_ptr<bool> pStartOk);
   ~CBatchRunner() override;
   // Runs the lines from the event loop, then closes the main window.
   void Start();
   // Writes what the shut-down left in the console ring.
   void Finish();
-  // 0 when no line gave an error or unknown-command line, 1 otherwise.
+  // 0 when the start-up and every line went without an error or unknown
+  // command, 1 otherwise.
   int ExitStatus() const { return m_HadError ? 1 : 0; }
 
  private:
@@ -27,5 +32,7 @@ class CBatchRunner : public QObject {
   void Drain();
   CMainWindow* m_pMain;
   QStringList m_Lines;
+  int m_TimeLimitS = 30;
+  std::shared_ptr<bool> m_pStartOk;
   bool m_HadError = false;
 };

@@ -1,14 +1,20 @@
 #include "app/startup.h"
 
 #include "app/batch.h"
+#include "cmdline/cmdline.h"
 #include "commands/actions.h"
 #include "log/console.h"
 #include "log/diag.h"
 #include "log/log.h"
 #include "log/messagebox.h"
+#include "project/project.h"
+#include "project/projectcommands.h"
+#include "project/vscript.h"
+#include "session/program.h"
 #include "settings/fonts.h"
 #include "settings/store.h"
 #include "settings/sysvars.h"
+#include "ui/dialogs/projectdialogs.h"
 #include "ui/shell/mainwindow.h"
 
 #include <QApplication>
@@ -34,7 +40,30 @@ START_PATH ChooseStartPath(const QStringList& Args, const CMDLINE_OPTIONS& Optio
 
 namespace {
 
-void OnWindowShown(CMainWindow* pMain) {
+// The modules install their commands and meet each other here, by direct
+// calls, before the main window exists.
+void InstallModules() {
+  ProjectModule::Install();
+  ProjectCommands::Install();
+  SessionModule::Install();
+  ProjectModule::SetProgramFileLoader(&SessionModule::ProgramFileLoader());
+  static CProjectDialogs s_Dialogs;
+  ProjectModule::SetDialogs(&s_Dialogs);
+  // Closing the main window: a modified project may be saved first (a cancel
+  // keeps the window open); step 6 of the shut-down closes the project,
+  // which writes the user file.
+  ShellHooks::AddCloseQuery([] { return ProjectModule::QueryClose(); });
+  ShellHooks::AddShutDownStep(6, [] { Project().Close(); });
+}
+
+// The main window and the project learn about each other.
+void ConnectMainWindow(CMainWindow* pMain) {
+  VScript::SetClosingTest([pMain] { return pMain->IsClosing(); });
+  QObject::connect(&Project(), &CProject::TitleChanged, pMain, &CMainWindow::SetProjectTitle);
+}
+
+// True when the start went as asked (batch mode's exit status needs it).
+bool OnWindowShown(CMainWindow* pMain) {
   const QString sProbe = InstallDir() + QStringLiteral("libVorden.so");
   LogInfo(QStringLiteral("Vorden software found at: ") + sProbe);
   const CMDLINE_OPTIONS& o = GetCmdLineOptions();
@@ -42,8 +71,8 @@ void OnWindowShown(CMainWindow* pMain) {
   const QStringList Args = QCoreApplication::arguments();
   switch (ChooseStartPath(Args, o, Recent.isEmpty(), SysVars::GetValue(PREF_START_WITH_MOST_RECENT_PROJ) != 0,
                           CMessageBox::IsBatchMode())) {
-    case START_OPEN_FILE: ExecAction(AID_FILE_OPEN, Args[1]); break;
-    case START_CMDLINE_PROJECT: CreateProjectFromCmdLine(); break;
+    case START_OPEN_FILE: return ExecAction(AID_FILE_OPEN, Args[1]) >= 0 && !VScript::HasError();
+    case START_CMDLINE_PROJECT: return ProjectModule::CreateFromCmdLine(o);
     case START_WIZARD:
       // The project wizard arrives with the project module; until its slot
       // is registered the start leaves the window empty.
@@ -56,6 +85,7 @@ void OnWindowShown(CMainWindow* pMain) {
     case START_NOTHING: break;
   }
   (void)pMain;
+  return true;
 }
 
 }  // namespace
@@ -69,6 +99,10 @@ int RunTavit(int argc, char** argv) {
       qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
     qputenv("QT_QPA_PLATFORM", "offscreen");
   QStringList BatchLines;
+  if (Early.IsBatch && !Early.BatchError.isEmpty()) {
+    fprintf(stderr, "%s\n", qPrintable(Early.BatchError));
+    return 2;
+  }
   if (Early.IsBatch && !ReadBatchFile(Early.BatchFile, &BatchLines)) {
     fprintf(stderr, "cannot read batch file: %s\n", qPrintable(Early.BatchFile));
     return 2;
@@ -101,10 +135,13 @@ int RunTavit(int argc, char** argv) {
   QApplication::setFont(Font);
   Fonts::ResetToDefaults();
   // 8. (The device data manager is created by the device module on first use.)
-  // 9. The main window.
+  // 9. The modules, then the main window.
   if (o.IsBatch) CMessageBox::SetBatchMode(true);
+  InstallModules();
   auto* pMain = new CMainWindow;
-  pMain->SetWindowShownHandler([pMain] { OnWindowShown(pMain); });
+  ConnectMainWindow(pMain);
+  auto pStartOk = std::make_shared<bool>(true);
+  pMain->SetWindowShownHandler([pMain, pStartOk] { *pStartOk = OnWindowShown(pMain); });
   // 10. The debug console is the terminal the process was started from.
   if (o.DebugMode) setvbuf(stdout, nullptr, _IONBF, 0);
   // 11. The log sink takes the toolkit's messages.
@@ -112,7 +149,7 @@ int RunTavit(int argc, char** argv) {
   int Exit = 0;
   std::unique_ptr<CBatchRunner> pBatch;
   if (o.IsBatch) {
-    pBatch = std::make_unique<CBatchRunner>(pMain, BatchLines);
+    pBatch = std::make_unique<CBatchRunner>(pMain, BatchLines, o.BatchTimeLimitS, pStartOk);
     pBatch->Start();
   } else {
     // 12. Show.

@@ -1,6 +1,6 @@
 // Process start, the first step after the main window is shown, batch mode.
 #pragma once
-#include "app/cmdline.h"
+#include "cmdline/cmdline.h"
 #include <QStringList>
 
 // What the first show of the main window leads to.

@@ -6,11 +6,13 @@
 #include "settings/ids.h"
 
 #include <QAction>
+#include <QElapsedTimer>
 #include <QHash>
 #include <QKeySequence>
 #include <QMap>
 #include <QObject>
 #include <QRegularExpression>
+#include <algorithm>
 
 QString ConstantNameOf(const QString& s);  // constants.cpp
 
@@ -93,6 +95,28 @@ bool ParsesAsUnsigned(const QString& s) {
   return ok;
 }
 
+bool ParsesAsSigned(const QString& s) {
+  bool ok = false;
+  s.trimmed().toLongLong(&ok, 0);
+  return ok;
+}
+
+// A word the console and a script both take as it stands: an identifier
+// (a constant, or one defined by Script.DefineConst).
+bool IsPlainWord(const QString& s) {
+  static const QRegularExpression re(QStringLiteral("^[A-Za-z_][A-Za-z0-9_]*$"));
+  return re.match(s).hasMatch();
+}
+
+// A value text in double quotes, so that blanks, commas and operators stay
+// one argument. Neither the console nor the script language has an escape
+// for a quote inside quotes, so such quotes are dropped.
+QString QuoteArg(QString s) {
+  if (s.size() >= 2 && s.startsWith(QLatin1Char('"')) && s.endsWith(QLatin1Char('"'))) s = s.mid(1, s.size() - 2);
+  s.remove(QLatin1Char('"'));
+  return QLatin1Char('"') + s + QLatin1Char('"');
+}
+
 QString StripOneQuotePair(QString s) {
   if (s.startsWith(QLatin1Char('"'))) s.remove(0, 1);
   if (s.endsWith(QLatin1Char('"'))) s.chop(1);
@@ -109,9 +133,27 @@ QStringList ArgsFromVariants(std::initializer_list<const QVariant*> Vars) {
 
 }  // namespace
 
-// Turns a source location into its project-relative form; the file finder
-// installs the real conversion, until then the text stays as it is.
-QString (*g_pfnSrcLocToRelative)(const QString&) = nullptr;
+namespace {
+const ISourceLocationText* g_pSrcLocText = nullptr;
+QElapsedTimer g_Clock;
+qint64 g_DeadlineMs = -1;
+int g_LimitSeconds = 0;
+}  // namespace
+
+void SetSourceLocationText(const ISourceLocationText* pConverter) { g_pSrcLocText = pConverter; }
+
+void SetCommandDeadline(qint64 DeadlineMs, int LimitSeconds) {
+  if (!g_Clock.isValid()) g_Clock.start();
+  g_DeadlineMs = DeadlineMs < 0 ? -1 : g_Clock.elapsed() + DeadlineMs;
+  g_LimitSeconds = LimitSeconds;
+}
+
+qint64 CommandTimeLeftMs() {
+  if (g_DeadlineMs < 0) return -1;
+  return std::max<qint64>(0, g_DeadlineMs - g_Clock.elapsed());
+}
+
+int CommandTimeLimitSeconds() { return g_LimitSeconds; }
 
 ACTION_DESC* GetActionDesc(int Id) {
   if (ValidId(Id) && g_aActionTable[Id].Id == U32(Id)) return &g_aActionTable[Id];
@@ -371,15 +413,16 @@ QString RenderCommand(int Id, const QStringList& Args) {
     QString a = Args[i];
     if (IsTextParam(Id, i)) {
       static const QRegularExpression reLoc(QStringLiteral("^.+:[0-9]+$"));
-      if (g_pfnSrcLocToRelative && reLoc.match(a).hasMatch()) a = g_pfnSrcLocToRelative(a);
+      if (g_pSrcLocText && reLoc.match(a).hasMatch()) a = g_pSrcLocText->ToRelative(a);
       if (a.size() >= 2 && a.startsWith(QLatin1Char('"')) && a.endsWith(QLatin1Char('"'))) a = a.mid(1, a.size() - 2);
       a = QLatin1Char('"') + a + QLatin1Char('"');
     } else {
       const QString sConst = ConstantNameOf(a);
       qint64 Hz = 0;
       if (!sConst.isEmpty()) a = sConst;
-      else if (ParsesAsUnsigned(a)) { /* stays */ }
+      else if (ParsesAsUnsigned(a) || ParsesAsSigned(a)) { /* stays */ }
       else if (ParseFrequencyText(a, &Hz)) a = QString::number(Hz);
+      else if (!IsPlainWord(a)) a = QuoteArg(a);  // a label such as "Reset & Run"
     }
     Out.append(a);
   }

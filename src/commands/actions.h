@@ -72,8 +72,14 @@ struct ACTION_CONST {
 int GetNumConstants();
 const ACTION_CONST* GetConstant(int Index);
 bool FindConstant(const QString& sNameOrText, I64* pValue);
-// Constants defined at run time (Script.DefineConst); asked after the table.
-extern bool (*g_pfnFindUserConstant)(const QString& sName, I64* pValue);
+// Constants defined at run time (Script.DefineConst), asked after the table.
+// The script host implements the source; the top installs it at start-up.
+class IUserConstants {
+ public:
+  virtual ~IUserConstants() = default;
+  virtual bool FindUserConstant(const QString& sName, I64* pValue) const = 0;
+};
+void SetUserConstants(const IUserConstants* pSource);  // null removes it
 // Name of the constant with this value among the constants whose names begin
 // with sPrefix (e.g. "RM_"); empty when none.
 QString GetConstantName(const QString& sPrefix, I64 Value);
@@ -154,6 +160,21 @@ void RunCommandSlot(int Id);
 void SetCommandWaiter(const std::function<void(int Id)>& Waiter);
 void WaitForCommand(int Id);
 
-// Turns a source location into its project-relative form for rendered
-// statements; installed by the file finder, null until then.
-extern QString (*g_pfnSrcLocToRelative)(const QString&);
+// Turns a source location ("file:line") into its project-relative form for
+// rendered statements. The file finder implements it; until one is installed
+// the text stays as it is.
+class ISourceLocationText {
+ public:
+  virtual ~ISourceLocationText() = default;
+  virtual QString ToRelative(const QString& sLocation) const = 0;
+};
+void SetSourceLocationText(const ISourceLocationText* pConverter);  // null removes it
+
+// The time by which the running batch line must end. A command that waits
+// (Util.Sleep) stops waiting there and fails; an expired timer means none is
+// set. Batch mode sets it for each line.
+void SetCommandDeadline(qint64 DeadlineMs, int LimitSeconds);  // DeadlineMs < 0: none
+// Milliseconds left before the deadline, -1 when none is set.
+qint64 CommandTimeLeftMs();
+// The limit in seconds, for error texts.
+int CommandTimeLimitSeconds();

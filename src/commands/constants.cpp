@@ -200,11 +200,13 @@ static int FindConstantIndex(const QString& sIn) {
   return -1;
 }
 
-bool (*g_pfnFindUserConstant)(const QString& sName, I64* pValue) = nullptr;
+static const IUserConstants* s_pUserConstants = nullptr;
+
+void SetUserConstants(const IUserConstants* pSource) { s_pUserConstants = pSource; }
 
 bool FindConstant(const QString& sNameOrText, I64* pValue) {
   const int i = FindConstantIndex(sNameOrText);
-  if (i < 0) return g_pfnFindUserConstant && g_pfnFindUserConstant(sNameOrText, pValue);
+  if (i < 0) return s_pUserConstants && s_pUserConstants->FindUserConstant(sNameOrText, pValue);
   if (pValue) *pValue = kConstants[i].Value;
   return true;
 }

@@ -1,5 +1,6 @@
 // The log sink, its helpers, the three log file slots and the console ring.
 #include "log/log.h"
+#include "log/logcapture.h"
 
 #include "log/console.h"
 
@@ -44,6 +45,7 @@ LOG_STATE& State() {
 
 std::atomic<Qt::HANDLE> g_UiThread{nullptr};
 std::atomic<int> g_ErrorMessages{0};
+CLogCapture* g_pCapture = nullptr;  // the innermost capture, guarded by the sink mutex
 
 // Console ring.
 CONSOLE_ENTRY g_aRing[CONSOLE_RING_SIZE];
@@ -94,6 +96,7 @@ QFile* GetLogFile(int Kind) {
 int LogMessage(const QString& sText, U32 Flags) {
   if (sText.isEmpty()) return -1;
   std::lock_guard<std::recursive_mutex> Lock(SinkMutex());
+  if (HoldCapturedMessage(sText, Flags)) return 0;
   if (Flags & MSG_ERROR) ++g_ErrorMessages;
   LOG_STATE& st = State();
   QString s = sText.left(kMaxLogChars);
@@ -307,4 +310,46 @@ int OnDeviceLogMsg(const char* sMsg, U32 Flags) {
   const bool File = (Flags & (MSG_FILE | MSG_ALL)) && IsLogFileOpen(LOG_FILE_APP);
   if (!Console && !Stdout && !File) return 0;
   return LogMessage(sMsg, Flags | MSG_VORDEN);
+}
+
+// ---------------------------------------------------------------- capture
+
+bool HoldCapturedMessage(const QString& sText, U32 Flags) {
+  std::lock_guard<std::recursive_mutex> Lock(SinkMutex());
+  if (!g_pCapture || !(Flags & g_pCapture->m_Mask)) return false;
+  g_pCapture->m_Held.append({sText, Flags});
+  return true;
+}
+
+CLogCapture::CLogCapture(U32 Mask) : m_Mask(Mask) {
+  std::lock_guard<std::recursive_mutex> Lock(SinkMutex());
+  m_pOuter = g_pCapture;
+  g_pCapture = this;
+}
+
+CLogCapture::~CLogCapture() { Release(); }
+
+QStringList CLogCapture::Texts() const {
+  std::lock_guard<std::recursive_mutex> Lock(SinkMutex());
+  QStringList l;
+  for (const auto& m : m_Held) l.append(m.first);
+  return l;
+}
+
+void CLogCapture::Discard() {
+  std::lock_guard<std::recursive_mutex> Lock(SinkMutex());
+  m_Held.clear();
+}
+
+void CLogCapture::Release() {
+  QList<QPair<QString, U32>> Held;
+  {
+    std::lock_guard<std::recursive_mutex> Lock(SinkMutex());
+    if (!m_Active) return;
+    m_Active = false;
+    // Captures end in the reverse order of their start.
+    if (g_pCapture == this) g_pCapture = m_pOuter;
+    Held.swap(m_Held);
+  }
+  for (const auto& m : Held) LogMessage(m.first, m.second);
 }

@@ -1,31 +1,25 @@
 #include "project/project.h"
 
-#include "app/cmdline.h"
+#include "cmdline/cmdline.h"
 #include "commands/actions.h"
 #include "common/hash.h"
 #include "log/diag.h"
 #include "log/log.h"
 #include "log/messagebox.h"
 #include "project/projecttext.h"
-#include "project/settingsdialog.h"
 #include "project/vscript.h"
-#include "settings/edit.h"
 #include "settings/store.h"
 #include "settings/sysvars.h"
 #include "settings/textvalue.h"
-#include "ui/shell/mainwindow.h"
 
-#include <QApplication>
+#include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QFile>
-#include <QFileDialog>
 #include <QFileInfo>
+#include <QStringDecoder>
 #include <QTimer>
-#include <QWidget>
-
-int (*g_pfnOpenProgramFile)(const QString& sFilePath, int ActionId) = nullptr;
 
 namespace {
 
@@ -34,13 +28,10 @@ QList<USER_FILE_SECTION>& Sections() {
   return l;
 }
 
-CMainWindow* MainWindow() {
-  for (QWidget* w : QApplication::topLevelWidgets())
-    if (auto* m = qobject_cast<CMainWindow*>(w)) return m;
-  return nullptr;
-}
-
 bool Batch() { return CMessageBox::IsBatchMode(); }
+
+IProgramFileLoader* g_pProgramLoader = nullptr;
+IProjectDialogs* g_pDialogs = nullptr;
 
 // A warning for the console and the log file.
 void ConsoleWarning(const QString& s) { LogMessage(s, MSG_WARNING | MSG_CONSOLE | MSG_FILE | MSG_OWN); }
@@ -54,72 +45,6 @@ void TellNotSaved(const QString& sReason) {
   TellProjectNotSaved(sReason);
 }
 
-// Number argument: a constant name, or an integer in any base.
-bool ArgNumber(const QString& s, I64* pValue) {
-  if (FindConstant(s, pValue) || VScript::FindDefinedConstant(s.trimmed(), pValue)) return true;
-  return SettingsText::ParseInt(s, *pValue);
-}
-
-// A path as the project sees it: "$(ProjectDir)" and "$(InstallDir)"
-// expanded, relative paths taken from the project directory.
-QString ResolvePath(const QString& sPath) {
-  QString s = sPath;
-  s.replace(QLatin1String("$(ProjectDir)"), VScript::ScriptDir(), Qt::CaseInsensitive);
-  s.replace(QLatin1String("$(InstallDir)"), InstallDir(), Qt::CaseInsensitive);
-  s.replace(QLatin1Char('\\'), QLatin1Char('/'));
-  if (QFileInfo(s).isRelative() && !VScript::ScriptDir().isEmpty()) {
-    const QString p = QDir(VScript::ScriptDir()).filePath(s);
-    if (QFileInfo::exists(p) || !QFileInfo::exists(s)) s = p;
-  }
-  return QDir::cleanPath(s);
-}
-
-void AddRecentProject(const QString& sPath) {
-  const QString sKey = QStringLiteral("AppData/RecentProjects");
-  QStringList l = Settings::Value(sKey).toStringList();
-  const QString a = QFileInfo(sPath).absoluteFilePath();
-  l.removeAll(a);
-  l.prepend(a);
-  while (l.size() > 10) l.removeLast();
-  Settings::SetValue(sKey, l);
-}
-
-void UpdateTitle() {
-  CMainWindow* m = MainWindow();
-  if (!m) return;
-  const QString sPath = VScript::ScriptFilePath();
-  m->setWindowTitle(QApplication::applicationName() + QLatin1Char(' ') + QApplication::applicationVersion() +
-                    QStringLiteral(" - ") + (sPath.isEmpty() ? QStringLiteral("New Project") : sPath));
-}
-
-// Ends a command that failed: the error text (and detail) and result -1.
-void FailAction(int Id, const QString& sError, const QString& sDetail = QString()) {
-  SetActionError(Id, sError, sDetail);
-  SetActionResult(Id, -1);
-}
-
-// Applies the result of a settings edit to the action.
-void ApplyEdit(int Id, const SettingsEditResult& r) {
-  if (!r.Ok()) {
-    FailAction(Id, r.sError, r.sErrorText);
-    return;
-  }
-  SetActionResult(Id, 0);
-  if (r.bReplaceArgs) SetActionArgs(Id, r.EchoArgs);
-  else if (r.bClearData) SetActionNoEcho(Id);
-}
-
-// Runs Edit.SysVar for a project command without a second echo.
-bool SetVar(int Id, int VarId, const QString& sValue) {
-  const SettingsEditResult r = EditSysVar({QString::fromLatin1(SysVars::Row(VarId)->Name), sValue, QStringLiteral("0")});
-  if (!r.Ok()) {
-    FailAction(Id, r.sError, r.sErrorText);
-    return false;
-  }
-  SetActionResult(Id, 0);
-  return true;
-}
-
 // A message of the diagnostic catalogue with its one text argument, without
 // the catalogue's domain prefix.
 QString DiagText(int Row, const QString& sArg) {
@@ -130,21 +55,43 @@ QString DiagText(int Row, const QString& sArg) {
   return s;
 }
 
-// The records of a user file, one a line; empty lines are dropped.
+// The records of a user file, one a line; empty lines are dropped. A line
+// that is not valid UTF-8 cannot be any module's record: it is dropped with
+// a warning rather than carried on re-encoded (which would grow the file on
+// every close).
 QStringList ReadUserFileLines(const QString& sPath) {
   QStringList Lines;
   QFile f(sPath);
   if (!f.open(QIODevice::ReadOnly)) return Lines;
-  for (const QString& l : QString::fromUtf8(f.readAll()).split(QLatin1Char('\n')))
-    if (!l.trimmed().isEmpty()) Lines.append(l.endsWith(QLatin1Char('\r')) ? l.chopped(1) : l);
+  int Dropped = 0;
+  for (QByteArray l : f.readAll().split('\n')) {
+    if (l.endsWith('\r')) l.chop(1);
+    if (l.trimmed().isEmpty()) continue;
+    QStringDecoder Decode(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+    const QString s = Decode(l);
+    if (Decode.hasError() || l.contains('\0')) {
+      ++Dropped;
+      continue;
+    }
+    Lines.append(s);
+  }
+  if (Dropped > 0)
+    ConsoleWarning(QStringLiteral("User preference file (.vdebug.user) %1: %2 line(s) that are not valid UTF-8 text were dropped")
+                       .arg(sPath)
+                       .arg(Dropped));
   return Lines;
 }
 
-bool IsProjectPath(const QString& sPath) { return sPath.endsWith(QLatin1String(".vdebug"), Qt::CaseInsensitive); }
+using ProjectModule::IsProjectPath;
 
 bool g_Installed = false;
 bool g_InOpenSlot = false;     // File.Open of a project is running
 bool g_ProjectLoading = false;
+QString g_LoadingPath;         // the project whose OnProjectLoad runs
+// Projects whose OnProjectLoad led to the open that runs now (A opens B
+// opens ...); a project in this chain may not be opened again by it.
+QStringList g_LoadChain;
+QStringList g_PendingChain;    // the chain of the open that waits
 
 }  // namespace
 
@@ -185,6 +132,18 @@ CProject& Project() {
   return *p;
 }
 
+void CProject::AddPathSubstitute(const QString& sPath, const QString& sSubstitute) {
+  for (auto& p : m_Substitutes) {
+    if (p.first == sPath) {
+      p.second = sSubstitute;
+      return;
+    }
+  }
+  m_Substitutes.append({sPath, sSubstitute});
+}
+
+void CProject::AnnounceTitle() { emit TitleChanged(VScript::ScriptFilePath()); }
+
 void CProject::SetModified(bool On) {
   m_IsModified = On;
   emit ModifiedChanged(On);
@@ -220,6 +179,8 @@ void CProject::OnOpenTimeout() {
   }
   m_pOpenTimer->stop();
   const QString sPath = m_PendingPath;
+  g_LoadChain = g_PendingChain;
+  g_PendingChain.clear();
   Close();
   VScript::Load(sPath);
   m_IsOpen = QFileInfo(sPath).isFile();
@@ -239,6 +200,7 @@ void CProject::Close() {
   SetProgramFile(QString());
   m_SettingsFile.clear();
   m_SvdFiles.clear();
+  m_Substitutes.clear();
   m_Dev = PROJECT_DEVICE_SETTINGS();
   m_UserLines.clear();
   m_UserPath.clear();
@@ -278,7 +240,7 @@ QStringList CProject::CurrentStateCommands() const {
 bool CProject::SaveAs(const QString& sPath) {
   VScript::SetScriptFilePath(sPath);
   if (m_FromCmdLine && IsProjectPath(sPath) && QFileInfo(sPath).isFile()) {
-    const QStringList Cmds = BuildCmdLineCommands(GetCmdLineOptions());
+    const QStringList Cmds = ProjectModule::CommandsFromCmdLine(GetCmdLineOptions());
     QStringList Names;
     for (const QString& c : Cmds) Names.append(ProjectText::RemovePatternFor(c));
     if (WriteSettings(sPath, true, Cmds, Names) < 0) return false;
@@ -303,10 +265,9 @@ int CProject::WriteSettings(const QString& sPathIn, bool Replace, const QStringL
                             const QStringList& NamesToRemove) {
   QString sPath = sPathIn;
   if (sPath.isEmpty() || !QFileInfo(sPath).isFile()) {
-    if (!Batch()) {
+    if (IProjectDialogs* d = ProjectModule::Dialogs()) {
       const QString sDir = VScript::ScriptDir().isEmpty() ? QDir::homePath() : VScript::ScriptDir();
-      const QString s = QFileDialog::getSaveFileName(nullptr, QStringLiteral("Save Project as..."), sDir,
-                                                     QStringLiteral("Project files (*.vdebug)"));
+      const QString s = d->AskSaveProjectFile(sDir);
       if (!s.isEmpty() && SaveAs(s)) sPath = s;
     }
     if (sPath.isEmpty() || !QFileInfo(sPath).isFile()) {
@@ -362,8 +323,9 @@ int CProject::CheckWarnings(bool AllowDialogs) {
   const QStringList l = GetWarnings();
   if (l.isEmpty()) return 0;
   int Result = 1;
-  if (AllowDialogs && !Batch() && SysVars::GetValue(PREF_SHOW_PROJECT_WARNINGS_DIALOG) != 0)
-    Result = ShowProjectWarningsDialog(l, VScript::ScriptFilePath());
+  IProjectDialogs* d = ProjectModule::Dialogs();
+  if (AllowDialogs && d && SysVars::GetValue(PREF_SHOW_PROJECT_WARNINGS_DIALOG) != 0)
+    Result = d->ShowProjectWarnings(l, VScript::ScriptFilePath());
   for (const QString& s : l) {
     const U32 h = TextHash(s.toLower().toStdString());
     if (m_ShownWarnings.contains(h)) continue;
@@ -435,8 +397,8 @@ namespace {
 void OnProjectFileOpened(const QString& sPath) {
   CProject& P = Project();
   // a. Recent list and title.
-  AddRecentProject(sPath);
-  UpdateTitle();
+  ProjectModule::AddRecentProject(sPath);
+  P.AnnounceTitle();
   // b. A script that did not load.
   if (VScript::HasError()) {
     const QString e = DiagText(73, VScript::GetLastError());
@@ -456,8 +418,10 @@ void OnProjectFileOpened(const QString& sPath) {
   if (sText.contains(QLatin1String("Project.SetTraceFile"))) SysVars::SetValue(VAR_TRACE_FILE_ENABLED, 1);
   // d. OnProjectLoad.
   g_ProjectLoading = true;
+  g_LoadingPath = sPath;
   VScript::RunFunctionLogged(QStringLiteral("OnProjectLoad"), EVENT_ON_PROJECT_LOAD);
   g_ProjectLoading = false;
+  g_LoadingPath.clear();
   // e. Warnings.
   if (P.CheckWarnings(true) < 0) {
     ProjectModule::NewProject();
@@ -465,415 +429,6 @@ void OnProjectFileOpened(const QString& sPath) {
   }
   // g. The user file.
   P.LoadUserFile();
-}
-
-// ---------------------------------------------------------------- slots
-
-void OnFileOpen(int Id) {
-  if (!CheckArgCount(Id, 0)) return;
-  QStringList Args = GetActionArgs(Id);
-  QString sPath = Args.value(0);
-  if (Args.isEmpty()) {
-    if (Batch()) {
-      SetActionError(Id, QStringLiteral("wrong parameter count"));
-      return;
-    }
-    sPath = QFileDialog::getOpenFileName(nullptr, QStringLiteral("Open File"), VScript::ScriptDir());
-    if (sPath.isEmpty()) {
-      SetActionNoEcho(Id);
-      SetActionResult(Id, 2);
-      return;
-    }
-    SetActionArgs(Id, {sPath});
-  }
-  if (IsProjectPath(sPath)) {
-    if (!QFileInfo(sPath).isFile()) {
-      FailAction(Id, QStringLiteral("file not found"));
-      return;
-    }
-    // A project the user opens is no longer the one of the command line.
-    Project().SetFromCmdLine(false);
-    SetActionResult(Id, ProjectModule::OpenProject(sPath, Id) ? 0 : -1);
-    return;
-  }
-  if (g_pfnOpenProgramFile) {
-    SetActionResult(Id, g_pfnOpenProgramFile(ResolvePath(sPath), Id));
-    return;
-  }
-  FailAction(Id, QFileInfo::exists(ResolvePath(sPath)) ? QStringLiteral("not implemented yet") : QStringLiteral("file not found"));
-}
-
-void OnFileNewProject(int Id) {
-  if (!CheckArgCount(Id)) return;
-  if (Project().IsModified()) {
-    const int r = AskSaveProjectChanges();
-    if (r == CMessageBox::RESULT_CANCEL) return;
-    if (r == CMessageBox::RESULT_YES && !VScript::ScriptFilePath().isEmpty()) Project().SaveAs(VScript::ScriptFilePath());
-  }
-  ProjectModule::NewProject();
-  SetActionResult(Id, 0);
-}
-
-void OnFileNewProjectWizard(int Id) {
-  if (!CheckArgCount(Id)) return;
-  if (Batch()) {
-    // No dialog opens in batch mode.
-    SetActionResult(Id, 2);
-    return;
-  }
-  QString sPath;
-  const QStringList Cmds = RunProjectWizard(&sPath);
-  if (Cmds.isEmpty()) {
-    SetActionResult(Id, 2);
-    return;
-  }
-  ProjectModule::CreateProject(sPath, Cmds, true);
-  if (!sPath.isEmpty() && Project().SaveAs(sPath)) {
-    AddRecentProject(sPath);
-    LogInfo(QStringLiteral("Project settings were written to the project file"));
-  }
-  UpdateTitle();
-  SetActionResult(Id, 1);
-}
-
-void OnFileSaveProjectAs(int Id) {
-  if (!CheckArgCount(Id, 0)) return;
-  QString sPath = GetActionArgs(Id).value(0).trimmed();
-  if (sPath.isEmpty()) {
-    if (!Batch()) {
-      const QString sDir = VScript::ScriptDir().isEmpty() ? QDir::homePath() : VScript::ScriptDir();
-      sPath = QFileDialog::getSaveFileName(nullptr, QStringLiteral("Save Project as..."), sDir,
-                                           QStringLiteral("Project files (*.vdebug)"));
-    }
-    if (sPath.isEmpty()) {
-      SetActionNoEcho(Id);
-      SetActionResult(Id, 2);
-      return;
-    }
-    SetActionArgs(Id, {sPath});
-  }
-  if (QFileInfo(sPath).suffix().isEmpty()) sPath += QStringLiteral(".vdebug");
-  if (!IsProjectPath(sPath)) {
-    FailAction(Id, QStringLiteral("invalid project filename"));
-    return;
-  }
-  sPath = QFileInfo(sPath).absoluteFilePath();
-  // The file must be writable, or creatable.
-  QFile f(sPath);
-  const bool Existed = f.exists();
-  if (!f.open(QIODevice::ReadWrite)) {
-    FailAction(Id, QStringLiteral("invalid filename"));
-    return;
-  }
-  f.close();
-  if (!Existed) f.remove();
-  if (!Project().SaveAs(sPath)) {
-    FailAction(Id, ProjectSaveError(QStringLiteral("write failed")));
-    return;
-  }
-  AddRecentProject(sPath);
-  UpdateTitle();
-  SetActionResult(Id, 1);
-}
-
-void OnScriptExec(int Id) {
-  const QStringList Args = GetActionArgs(Id);
-  QString sStatement = GetCommandText(Id);
-  ConsolePrintLine(sStatement, 0, false, CommandColorId());
-  sStatement.remove(QLatin1Char(';'));
-  const QString sSyntax = QStringLiteral("\"Script.Exec(<funcname> [,<para1>, <para2>,...])\"");
-  auto Done = [Id] { SetActionNoEcho(Id); };
-  if (Args.isEmpty() || Args.first().trimmed().isEmpty()) {
-    LogError(QStringLiteral("Script.Exec: no function name given"));
-    SetActionResult(Id, -1);
-    Done();
-    return;
-  }
-  const QString sFunc = Args.first().trimmed();
-  I64 Argv[VScript::kMaxArgs] = {};
-  int Argc = 0;
-  for (int i = 1; i < Args.size() && Argc < VScript::kMaxArgs; ++i) {
-    bool ok = false;
-    Argv[Argc++] = Args[i].trimmed().toLongLong(&ok, 10);
-  }
-  if (VScript::IsMainWindowClosing()) {
-    ConsoleWarning(QStringLiteral("Not executing script function: ") + sFunc + QStringLiteral(". Project is about to close"));
-    Done();
-    return;
-  }
-  const QString sExec = QStringLiteral("Executing script function: ") + sFunc;
-  ConsolePrintLine(sExec, 0, false, ScriptColorId());
-  LogScript(sExec);
-  I64 Result = 0;
-  const int Rc = VScript::ExecScriptFunction(sFunc, -1, Argc, Argc ? Argv : nullptr, &Result);
-  if (Rc == VScript::EXEC_OK) {
-    SetActionResult(Id, Result);
-    const QString s = QStringLiteral("Script function ") + sFunc + QStringLiteral(" executed");
-    ConsolePrintLine(s, 0, false, ScriptColorId());
-    LogScript(s);
-  } else if (Rc == VScript::EXEC_UNKNOWN_FUNCTION) {
-    LogError(sStatement + QStringLiteral(" first parameter not a function name or function unknown. Compare with valid command syntax: ") + sSyntax);
-    SetActionResult(Id, -1);
-  } else if (Rc < 0) {
-    LogError(sStatement + QStringLiteral(": ") + VScript::GetLastError() + QStringLiteral(". Check for valid command syntax: ") + sSyntax);
-    SetActionResult(Id, -1);
-  }
-  // The function may have asked for a project to open; with no script left
-  // on the stack that happens now.
-  if (VScript::CallLevel() == 0 && !Project().PendingPath().isEmpty()) Project().WaitForOpen();
-  Done();
-}
-
-void OnScriptDefineConst(int Id) {
-  if (!CheckArgCount(Id)) return;
-  const QStringList Args = GetActionArgs(Id);
-  const QString sName = Args[0].trimmed();
-  // Until the expression evaluator is wired in, the expression is a number
-  // or the name of a known constant.
-  I64 v = 0;
-  if (!ArgNumber(Args[1].trimmed(), &v)) {
-    FailAction(Id, QStringLiteral("invalid parameter"), Args[1]);
-    return;
-  }
-  if (!VScript::DefineConstant(sName, v)) {
-    FailAction(Id, QStringLiteral("invalid parameter"), sName);
-    return;
-  }
-  SetActionResult(Id, 0);
-}
-
-void OnToolsSettings(int Id, bool SysVarsOnly) {
-  if (!CheckArgCount(Id)) return;
-  if (Batch()) {
-    SetActionResult(Id, 2);
-    return;
-  }
-  const bool Accepted = RunSettingsDialog(SysVarsOnly);
-  SetActionResult(Id, Accepted ? 1 : 2);
-}
-
-// ---- project commands
-
-void OnSetDevice(int Id) {
-  if (!CheckArgCount(Id)) return;
-  const QString s = GetActionArgs(Id).at(0).trimmed();
-  if (s.isEmpty()) {
-    SetActionError(Id, QStringLiteral("invalid parameter"));
-    return;
-  }
-  Project().DeviceSettings().Device = s;
-  SetActionResult(Id, 0);
-}
-
-void OnSetHostIF(int Id) {
-  if (!CheckArgCount(Id, 1)) return;
-  const QStringList Args = GetActionArgs(Id);
-  const QString sIF = Args[0].trimmed();
-  const QString sIdent = Args.value(1).trimmed();
-  I64 v = 0;
-  QString sName;
-  if (sIF.compare(QLatin1String("USB"), Qt::CaseInsensitive) == 0) sName = QStringLiteral("USB");
-  else if (sIF.compare(QLatin1String("IP"), Qt::CaseInsensitive) == 0) sName = QStringLiteral("IP");
-  else if (SettingsText::ParseInt(sIF, v) && (v == 1 || v == 2)) sName = v == 1 ? QStringLiteral("USB") : QStringLiteral("IP");
-  if (sName.isEmpty()) {
-    FailAction(Id, QStringLiteral("unknown host interface"), sIF);
-    return;
-  }
-  if (sName == QLatin1String("USB") && !sIdent.isEmpty()) {
-    U64 n = 0;
-    if (!SettingsText::ParseUInt(sIdent, n)) {
-      FailAction(Id, QStringLiteral("invalid parameter"), QLatin1Char('"') + sIdent + QLatin1Char('"'));
-      return;
-    }
-  }
-  Project().DeviceSettings().HostIF = sName;
-  Project().DeviceSettings().HostID = sIdent;
-  SetActionResult(Id, 0);
-}
-
-void OnSetTargetIF(int Id) {
-  if (!CheckArgCount(Id)) return;
-  const QString s = GetActionArgs(Id).at(0).trimmed();
-  static const char* const kNames[] = {"JTAG", "SWD", "FINE", "cJTAG"};
-  for (const char* n : kNames) {
-    if (s.compare(QLatin1String(n), Qt::CaseInsensitive) == 0) {
-      Project().DeviceSettings().TargetIF = QLatin1String(n);
-      SetActionResult(Id, 0);
-      return;
-    }
-  }
-  FailAction(Id, QStringLiteral("unknown target interface"));
-}
-
-void OnSetTIFSpeed(int Id) {
-  if (!CheckArgCount(Id)) return;
-  const QString s = GetActionArgs(Id).at(0).trimmed();
-  I64 Hz = -1;
-  U64 n = 0;
-  if (SettingsText::ParseUInt(s, n)) {
-    Hz = (n == 0 || n == 0xFFFF) ? I64(n) : I64(n) * 1000;  // a plain number counts as kHz
-  } else if (s.compare(QLatin1String("auto"), Qt::CaseInsensitive) == 0) {
-    Hz = 0;
-  } else {
-    Hz = SettingsText::FrequencyFromText(s);
-  }
-  if (Hz < 0) {
-    FailAction(Id, QStringLiteral("invalid number"));
-    return;
-  }
-  if (Hz != 0 && Hz != 0xFFFF) Hz = std::max<I64>(1000, (Hz + 500) / 1000 * 1000);
-  SysVars::SetValue(VAR_TIF_SPEED, Hz);
-  Project().DeviceSettings().HasTIFSpeed = true;
-  SetActionResult(Id, 0);
-}
-
-void OnSetJTAGConfig(int Id) {
-  if (!CheckArgCount(Id)) return;
-  const QStringList Args = GetActionArgs(Id);
-  I64 Pos = 0, Len = 0;
-  if (!ArgNumber(Args[0], &Pos) || Pos < 0) {
-    SetActionError(Id, QStringLiteral("invalid parameter"), Args[0]);
-    return;
-  }
-  if (!ArgNumber(Args[1], &Len) || Len < 0) {
-    SetActionError(Id, QStringLiteral("invalid parameter"), Args[1]);
-    return;
-  }
-  SysVars::SetValue(VAR_TIF_SCAN_CHAIN_POS, Pos);
-  SysVars::SetValue(VAR_TIF_SCAN_CHAIN_LEN, Len);
-  Project().DeviceSettings().HasScanChain = true;
-  SetActionResult(Id, 0);
-}
-
-void OnSetVordenScript(int Id) {
-  if (!CheckArgCount(Id)) return;
-  const QString s = ResolvePath(GetActionArgs(Id).at(0).trimmed());
-  if (!QFileInfo(s).isFile()) {
-    FailAction(Id, QStringLiteral("file not found: ") + s);
-    return;
-  }
-  Project().DeviceSettings().VordenScript = s;
-  SetActionResult(Id, 0);
-}
-
-void OnSetVordenLogFile(int Id) {
-  if (!CheckArgCount(Id)) return;
-  const QString s = ResolvePath(GetActionArgs(Id).at(0).trimmed());
-  const QFileInfo fi(s);
-  const QFileInfo dir(fi.absolutePath());
-  if (s.isEmpty() || fi.isDir() || !dir.isDir() || !dir.isWritable() || (fi.exists() && !fi.isWritable())) {
-    FailAction(Id, QStringLiteral("invalid filename: ") + s);
-    return;
-  }
-  Project().DeviceSettings().VordenLogFile = s;
-  SetActionResult(Id, 0);
-}
-
-void OnAddSvdFile(int Id) {
-  if (!CheckArgCount(Id)) return;
-  const QString s = ResolvePath(GetActionArgs(Id).at(0).trimmed());
-  if (!QFileInfo(s).isFile()) {
-    FailAction(Id, QStringLiteral("file not found"));
-    return;
-  }
-  const QString sSuffix = QFileInfo(s).suffix().toLower();
-  if (sSuffix != QLatin1String("svd") && sSuffix != QLatin1String("xml")) {
-    FailAction(Id, QStringLiteral("invalid parameter"));
-    return;
-  }
-  // Register windows learn about the file when they exist.
-  // (The list is read by CurrentStateCommands and GetWarnings.)
-  Project().AddSvdFile(s);
-  SetActionResult(Id, 0);
-}
-
-void OnVarCommand(int Id, int VarId) {
-  if (!CheckArgCount(Id)) return;
-  SetVar(Id, VarId, GetActionArgs(Id).at(0));
-}
-
-void OnSetTraceTiming(int Id) {
-  if (!CheckArgCount(Id)) return;
-  const QStringList Args = GetActionArgs(Id);
-  for (int i = 0; i < 4; ++i)
-    if (!SetVar(Id, VAR_TRACE_PORT_DELAY_0 + i, Args[i])) return;
-  SysVars::SetValue(VAR_TRACE_OVERRIDE_TIMINGS, 1);
-}
-
-void OnSetTraceFile(int Id) {
-  if (!CheckArgCount(Id)) return;
-  const QStringList Args = GetActionArgs(Id);
-  if (Args[0].trimmed().isEmpty()) {
-    SetActionError(Id, QStringLiteral("invalid filename"));
-    return;
-  }
-  if (!SetVar(Id, VAR_TRACE_FILE_PATH, Args[0].trimmed()) || !SetVar(Id, VAR_TRACE_FILE_MAX_SIZE, Args[1]) ||
-      !SetVar(Id, VAR_TRACE_FILE_KEEP_START, Args[2]))
-    return;
-  if (SysVars::GetValue(VAR_TRACE_FILE_ENABLED) != 0)
-    SetActionError(Id, QStringLiteral("Trace file not yet supported. Support will be added soon."));
-}
-
-void OnConfigSWO(int Id, bool WithOnOff) {
-  if (!CheckArgCount(Id)) return;
-  const QStringList Args = GetActionArgs(Id);
-  const int o = WithOnOff ? 1 : 0;
-  if (!SetVar(Id, VAR_SWO_SPEED, Args[o]) || !SetVar(Id, VAR_SWO_CPU_SPEED, Args[o + 1])) return;
-  if (WithOnOff) {
-    bool On = false;
-    I64 v = 0;
-    if (!SettingsText::ParseTruth(Args[0], On) && ArgNumber(Args[0], &v)) On = v != 0;
-    SetVar(Id, VAR_TRACE_SOURCE, On ? QStringLiteral("3") : QStringLiteral("0"));
-  }
-}
-
-void OnDisableSessionSave(int Id) {
-  if (!CheckArgCount(Id)) return;
-  // Flags are a number or one of the DISABLE_SAVE_* names.
-  QString sFlags = GetActionArgs(Id).at(0).trimmed();
-  I64 v = 0;
-  if (ArgNumber(sFlags, &v)) sFlags = QString::number(U64(v) & 0xFFFFFFFFu);
-  const SettingsEditResult r =
-      EditPreference({QStringLiteral("PREF_SESSION_SAVE_FLAGS"), sFlags, QStringLiteral("0"), QStringLiteral("0")});
-  if (!r.Ok()) {
-    FailAction(Id, r.sError, r.sErrorText);
-    return;
-  }
-  SetActionResult(Id, 0);
-}
-
-void RegisterSlots() {
-  SetCommandSlot(AID_FILE_OPEN, OnFileOpen);
-  SetCommandSlot(AID_FILE_NEW_PROJECT, OnFileNewProject);
-  SetCommandSlot(AID_FILE_NEW_PROJECT_WIZARD, OnFileNewProjectWizard);
-  SetCommandSlot(AID_FILE_SAVE_PROJECT_AS, OnFileSaveProjectAs);
-  SetCommandSlot(AID_SCRIPT_EXEC, OnScriptExec);
-  SetCommandSlot(AID_SCRIPT_DEFINE_CONST, OnScriptDefineConst);
-  SetCommandSlot(AID_EDIT_SYS_VAR, [](int Id) { ApplyEdit(Id, EditSysVar(GetActionArgs(Id))); });
-  SetCommandSlot(AID_EDIT_PREFERENCE, [](int Id) { ApplyEdit(Id, EditPreference(GetActionArgs(Id))); });
-  SetCommandSlot(AID_EDIT_COLOR, [](int Id) { ApplyEdit(Id, EditColor(GetActionArgs(Id))); });
-  SetCommandSlot(AID_EDIT_FONT, [](int Id) { ApplyEdit(Id, EditFont(GetActionArgs(Id))); });
-  SetCommandSlot(AID_TOOLS_PREFERENCES, [](int Id) { OnToolsSettings(Id, false); });
-  SetCommandSlot(AID_TOOLS_SYS_VARS, [](int Id) { OnToolsSettings(Id, true); });
-  SetCommandSlot(AID_PROJECT_SET_DEVICE, OnSetDevice);
-  SetCommandSlot(AID_PROJECT_SET_HOST_IF, OnSetHostIF);
-  SetCommandSlot(AID_PROJECT_SET_TARGET_IF, OnSetTargetIF);
-  SetCommandSlot(AID_PROJECT_SET_TIF_SPEED, OnSetTIFSpeed);
-  SetCommandSlot(AID_PROJECT_SET_JTAG_CONFIG, OnSetJTAGConfig);
-  SetCommandSlot(AID_PROJECT_SET_VORDEN_SCRIPT, OnSetVordenScript);
-  SetCommandSlot(AID_PROJECT_SET_VORDEN_LOG_FILE, OnSetVordenLogFile);
-  SetCommandSlot(AID_PROJECT_ADD_SVD_FILE, OnAddSvdFile);
-  SetCommandSlot(AID_PROJECT_SET_BP_TYPE, [](int Id) { OnVarCommand(Id, VAR_BREAKPOINT_TYPE); });
-  SetCommandSlot(AID_PROJECT_SET_SEMIHOSTING, [](int Id) { OnVarCommand(Id, VAR_SEMIHOSTING_ENABLED); });
-  SetCommandSlot(AID_PROJECT_SET_LVT, [](int Id) { OnVarCommand(Id, VAR_LVT_ENABLED); });
-  SetCommandSlot(AID_PROJECT_SET_MEM_ZONE_RUNNING, [](int Id) { OnVarCommand(Id, VAR_MEM_ZONE_RUNNING); });
-  SetCommandSlot(AID_PROJECT_SET_TRACE_SOURCE, [](int Id) { OnVarCommand(Id, VAR_TRACE_SOURCE); });
-  SetCommandSlot(AID_PROJECT_SET_TRACE_PORT_WIDTH, [](int Id) { OnVarCommand(Id, VAR_TRACE_PORT_WIDTH); });
-  SetCommandSlot(AID_PROJECT_SET_TRACE_TIMING, OnSetTraceTiming);
-  SetCommandSlot(AID_PROJECT_SET_TRACE_FILE, OnSetTraceFile);
-  SetCommandSlot(AID_PROJECT_CONFIG_SWO, [](int Id) { OnConfigSWO(Id, false); });
-  SetCommandSlot(AID_PROJECT_SET_SWO, [](int Id) { OnConfigSWO(Id, true); });
-  SetCommandSlot(AID_PROJECT_DISABLE_SESSION_SAVE, OnDisableSessionSave);
 }
 
 }  // namespace
@@ -887,35 +442,113 @@ bool IsInstalled() { return g_Installed; }
 void Install() {
   if (g_Installed) return;
   g_Installed = true;
-  RegisterSlots();
-  VScript::SetClosingTest([] {
-    CMainWindow* m = MainWindow();
-    return m && m->IsClosing();
-  });
   SysVars::SetConstantLookup([](const QString& sName, I64& Value) {
     return FindConstant(sName, &Value) || VScript::FindDefinedConstant(sName, &Value);
   });
-  PROJECT_SEAM& Seam = GetProjectSeam();
-  Seam.OpenExisting = [](const QString& sPath, const QStringList& Cmds) { return OpenExistingFromCmdLine(sPath, Cmds); };
-  Seam.Create = [](const QString& sPath, const QStringList& Cmds, bool Allow) { return CreateProject(sPath, Cmds, Allow); };
-  Seam.SetMadeFromCmdLine = [](bool On) { Project().SetFromCmdLine(On); };
+  SetUserConstants(&VScript::UserConstants());
   QObject::connect(&Project(), &CProject::Opened, &Project(), [](const QString& sPath) { OnProjectFileOpened(sPath); });
-  // Closing the main window: a modified project may be saved first (a cancel
-  // keeps the window open); then the project closes, writing the user file.
-  // In batch mode nobody can answer, so the question is not asked there.
-  ShellHooks::AddCloseQuery([] {
-    if (!Project().IsModified() || CMessageBox::IsBatchMode()) return true;
-    const int r = AskSaveProjectChanges();
-    if (r == CMessageBox::RESULT_CANCEL) return false;
-    if (r == CMessageBox::RESULT_YES && !VScript::ScriptFilePath().isEmpty()) return Project().SaveAs(VScript::ScriptFilePath());
-    return true;
-  });
-  ShellHooks::AddShutDownStep(6, [] { Project().Close(); });
-  g_pfnFindUserConstant = &VScript::FindDefinedConstant;
   // Programs without a main window still close the project on exit.
   QObject::connect(qApp, &QCoreApplication::aboutToQuit, &Project(), [] {
     if (!VScript::ScriptFilePath().isEmpty() || Project().IsOpen()) Project().Close();
   });
+}
+
+void SetProgramFileLoader(IProgramFileLoader* pLoader) { g_pProgramLoader = pLoader; }
+IProgramFileLoader* ProgramFileLoader() { return g_pProgramLoader; }
+void SetDialogs(IProjectDialogs* pDialogs) { g_pDialogs = pDialogs; }
+IProjectDialogs* Dialogs() { return Batch() ? nullptr : g_pDialogs; }
+
+bool QueryClose() {
+  // A modified project may be saved first (a cancel keeps the window open).
+  // In batch mode nobody can answer, so the question is not asked there.
+  if (!Project().IsModified() || Batch()) return true;
+  const int r = AskSaveProjectChanges();
+  if (r == CMessageBox::RESULT_CANCEL) return false;
+  if (r == CMessageBox::RESULT_YES && !VScript::ScriptFilePath().isEmpty()) return Project().SaveAs(VScript::ScriptFilePath());
+  return true;
+}
+
+bool IsProjectPath(const QString& sPath) { return sPath.endsWith(QLatin1String(".vdebug"), Qt::CaseInsensitive); }
+
+QString ResolvePath(const QString& sPath) {
+  QString s = sPath;
+  s.replace(QLatin1String("$(ProjectDir)"), VScript::ScriptDir(), Qt::CaseInsensitive);
+  s.replace(QLatin1String("$(InstallDir)"), InstallDir(), Qt::CaseInsensitive);
+  s.replace(QLatin1Char('\\'), QLatin1Char('/'));
+  for (const auto& p : Project().PathSubstitutes()) {
+    if (!p.first.isEmpty() && s.startsWith(p.first) && p.first != p.second) {
+      s = p.second + s.mid(p.first.size());
+      break;
+    }
+  }
+  if (QFileInfo(s).isRelative() && !VScript::ScriptDir().isEmpty()) {
+    const QString p = QDir(VScript::ScriptDir()).filePath(s);
+    if (QFileInfo::exists(p) || !QFileInfo::exists(s)) s = p;
+  }
+  return QDir::cleanPath(s);
+}
+
+void AddRecentProject(const QString& sPath) {
+  const QString sKey = QStringLiteral("AppData/RecentProjects");
+  QStringList l = Settings::Value(sKey).toStringList();
+  const QString a = QFileInfo(sPath).absoluteFilePath();
+  l.removeAll(a);
+  l.prepend(a);
+  while (l.size() > 10) l.removeLast();
+  Settings::SetValue(sKey, l);
+}
+
+QString RefuseReopen(const QString& sPath) {
+  const QString a = QFileInfo(sPath).absoluteFilePath();
+  if (!Project().PendingPath().isEmpty() && Project().PendingPath() == a)
+    return QStringLiteral("project is already being opened: ") + a;
+  if (g_ProjectLoading && (a == g_LoadingPath || g_LoadChain.contains(a)))
+    return QStringLiteral("project not opened: its own OnProjectLoad (or that of a project it opened) opens it again: ") + a;
+  return QString();
+}
+
+QStringList CommandsFromCmdLine(const CMDLINE_OPTIONS& o) {
+  QStringList Cmds;
+  auto Add = [&](int Id, const QStringList& Args) {
+    if (Args.isEmpty() || Args.first().isEmpty()) return;
+    Cmds.append(RenderCommand(Id, Args));
+  };
+  Add(AID_PROJECT_SET_DEVICE, {o.Device});
+  Add(AID_PROJECT_SET_HOST_IF, {o.HostIF, o.HostID});
+  Add(AID_PROJECT_SET_TARGET_IF, {o.TargetIF});
+  Add(AID_PROJECT_SET_TIF_SPEED, {o.Speed});
+  Add(AID_PROJECT_SET_VORDEN_SCRIPT, {o.VordenScriptFile});
+  const QStringList Jtag = o.JTAGConfig.split(QLatin1Char(','));
+  if (Jtag.size() == 2) Add(AID_PROJECT_SET_JTAG_CONFIG, {Jtag[0].trimmed(), Jtag[1].trimmed()});
+  // The default register description files of the device's core are added
+  // by the register description module once it knows the core.
+  Add(AID_FILE_OPEN, {o.ProgramFile});
+  return Cmds;
+}
+
+bool CheckCmdLineProject(const CMDLINE_OPTIONS& o) {
+  const QString sPrefix = QStringLiteral("failed to create project from command line arguments: required argument \"");
+  if (o.Device.isEmpty()) {
+    LogError(sPrefix + QStringLiteral("device\" is missing."));
+    return false;
+  }
+  if (o.HostIF.isEmpty()) {
+    LogError(sPrefix + QStringLiteral("host interface\" is missing."));
+    return false;
+  }
+  if (o.TargetIF.isEmpty()) {
+    LogError(sPrefix + QStringLiteral("target interface\" is missing."));
+    return false;
+  }
+  return true;
+}
+
+bool CreateFromCmdLine(const CMDLINE_OPTIONS& o) {
+  if (!CheckCmdLineProject(o)) return false;
+  const QStringList Cmds = CommandsFromCmdLine(o);
+  Project().SetFromCmdLine(true);
+  if (!o.ProjectFile.isEmpty() && QFileInfo(o.ProjectFile).isFile()) return OpenExistingFromCmdLine(o.ProjectFile, Cmds);
+  return CreateProject(o.ProjectFile, Cmds, false);
 }
 
 bool OpenProject(const QString& sPath, int ActionId) {
@@ -926,6 +559,8 @@ bool OpenProject(const QString& sPath, int ActionId) {
     if (r == CMessageBox::RESULT_CANCEL) return false;
     if (r == CMessageBox::RESULT_YES && !VScript::ScriptFilePath().isEmpty()) P.SaveAs(VScript::ScriptFilePath());
   }
+  // An open asked for by a running OnProjectLoad carries its chain along.
+  g_PendingChain = g_ProjectLoading ? g_LoadChain + QStringList{g_LoadingPath} : QStringList();
   P.Close();
   P.Open(QFileInfo(sPath).absoluteFilePath());
   // Nothing of a script is on the stack: the open can complete before the
@@ -953,7 +588,7 @@ bool CreateProject(const QString& sPath, const QStringList& Commands, bool Allow
   }
   // A new project is not saved yet.
   P.MarkNew();
-  UpdateTitle();
+  Project().AnnounceTitle();
   if (P.CheckWarnings(AllowDialogs) < 0) {
     NewProject();
     return false;
@@ -964,7 +599,7 @@ bool CreateProject(const QString& sPath, const QStringList& Commands, bool Allow
 
 void NewProject() {
   Project().Close();
-  UpdateTitle();
+  Project().AnnounceTitle();
 }
 
 bool OpenExistingFromCmdLine(const QString& sPath, const QStringList& Commands) {

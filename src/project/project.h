@@ -1,9 +1,8 @@
 // CProject: the open project. It opens project files (deferred by a timer so
 // that a running script can unwind first), runs OnProjectLoad, checks the
 // project for warnings, saves the project, writes settings into its text and
-// keeps the user file (.vdebug.user) beside it. The module also implements
-// the commands of the project family, File.Open of projects, the script
-// commands and the settings commands.
+// keeps the user file (.vdebug.user) beside it. The command slots of the
+// module stand in projectcommands.*.
 #pragma once
 #include "common/types.h"
 
@@ -47,9 +46,33 @@ void UnregisterUserFileSection(const QString& sKey);
 // the duplicate command test. A source of the same key replaces the old one.
 void SetProjectWarningSource(const QString& sKey, const std::function<QStringList()>& Source);
 
-// Opening a file that is no project (a program or data file); filled by the
-// program file layer. Returns 0 on success, or sets the action's error.
-extern int (*g_pfnOpenProgramFile)(const QString& sFilePath, int ActionId);
+struct CMDLINE_OPTIONS;
+
+// Opening a file that is no project (a program or data file). The program
+// layer implements it; the top installs it with SetProgramFileLoader.
+class IProgramFileLoader {
+ public:
+  virtual ~IProgramFileLoader() = default;
+  // 0 on success, -1 with the action's error set.
+  virtual int OpenProgramFile(const QString& sFilePath, int ActionId) = 0;
+};
+
+// The dialogs that project flows open. The user interface implements them;
+// without an implementation (tests, batch mode) no dialog opens and the flows
+// take the answer a dialog's cancel button gives.
+class IProjectDialogs {
+ public:
+  virtual ~IProjectDialogs() = default;
+  // The preferences / system variable table; true when accepted.
+  virtual bool RunSettingsDialog(bool SysVarsOnly) = 0;
+  // The warnings of a project: 1 accepted, -1 cancelled.
+  virtual int ShowProjectWarnings(const QStringList& Warnings, const QString& sProjectPath) = 0;
+  // The commands of a new project, empty when cancelled.
+  virtual QStringList RunProjectWizard(QString* pProjectPath) = 0;
+  // File choosers; empty when cancelled.
+  virtual QString AskOpenFile(const QString& sDir) = 0;
+  virtual QString AskSaveProjectFile(const QString& sDir) = 0;
+};
 
 class CProject : public QObject {
   Q_OBJECT
@@ -70,6 +93,11 @@ class CProject : public QObject {
   PROJECT_DEVICE_SETTINGS& DeviceSettings() { return m_Dev; }
   void AddWarning(const QString& sText) { m_Warnings.append(sText); }
   void AddSvdFile(const QString& sPath) { m_SvdFiles.append(sPath); }
+  // Path substitutes of Project.AddPathSubstitute: a path that starts with
+  // the key is read with the substitute in its place. Kept here until the
+  // file finder owns them.
+  const QList<QPair<QString, QString>>& PathSubstitutes() const { return m_Substitutes; }
+  void AddPathSubstitute(const QString& sPath, const QString& sSubstitute);
   // A project made in memory: open and modified.
   void MarkNew() {
     m_IsOpen = true;
@@ -98,9 +126,13 @@ class CProject : public QObject {
 
   // Waits (processing events) until a deferred open has run or lapsed.
   void WaitForOpen(int TimeoutMs = 10000);
+  // Tells the title of the current project to whoever shows it.
+  void AnnounceTitle();
 
  signals:
   void ModifiedChanged(bool Modified);
+  // The project path the window title shows changed (empty: a new project).
+  void TitleChanged(QString ProjectPath);
   void AboutToOpen(QString FilePath);
   void AboutToClose(QString FilePath);
   void Opened(QString FilePath);
@@ -119,6 +151,7 @@ class CProject : public QObject {
   QStringList m_Warnings;
   QString m_PendingPath;
   QStringList m_SvdFiles;
+  QList<QPair<QString, QString>> m_Substitutes;
   QString m_ProgramFilePath;
   QDateTime m_ProgramFileTime;
   QString m_SettingsFile;
@@ -130,15 +163,39 @@ class CProject : public QObject {
 CProject& Project();
 
 namespace ProjectModule {
-// Registers the command slots, the command-line project seam, the closing
-// test of the script host and the constant lookup of the settings. Called
-// once when the application object exists.
+// Wires the project into the layers below it (the constants of
+// Script.DefineConst for console arguments and system variable texts, the
+// exit of the application). Called once by the top at start-up; the command
+// slots are installed apart (ProjectCommands::Install).
 void Install();
 bool IsInstalled();
+void SetProgramFileLoader(IProgramFileLoader* pLoader);
+IProgramFileLoader* ProgramFileLoader();
+void SetDialogs(IProjectDialogs* pDialogs);
+IProjectDialogs* Dialogs();  // null when none is installed or in batch mode
+
+// The close question of the main window: false cancels the close.
+bool QueryClose();
 // The main window flows, as the command slots run them.
 bool OpenProject(const QString& sPath, int ActionId = -1);
 bool CreateProject(const QString& sPath, const QStringList& Commands, bool AllowDialogs);
 void NewProject();
 // Writes command-line commands into an existing project and opens it.
 bool OpenExistingFromCmdLine(const QString& sPath, const QStringList& Commands);
+// The command texts of a project made from the command line, in their order.
+QStringList CommandsFromCmdLine(const CMDLINE_OPTIONS& Options);
+// Builds a project from the command line. False (with an error logged)
+// when the device, the host interface or the target interface is missing.
+bool CheckCmdLineProject(const CMDLINE_OPTIONS& Options);
+bool CreateFromCmdLine(const CMDLINE_OPTIONS& Options);
+
+// Helpers of the command slots.
+bool IsProjectPath(const QString& sPath);
+// "$(ProjectDir)" and "$(InstallDir)" expanded, relative paths taken from
+// the project directory.
+QString ResolvePath(const QString& sPath);
+void AddRecentProject(const QString& sPath);
+// Refuses a project that is being opened, or one a running OnProjectLoad
+// chain has opened already: the error text, empty when the open may go on.
+QString RefuseReopen(const QString& sPath);
 }  // namespace ProjectModule

@@ -3,12 +3,21 @@
 #include "commands/actions.h"
 
 #include <QRegularExpression>
-#include <QSaveFile>
+#include <QFile>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <unistd.h>
 
 namespace ProjectText {
 
-QString (*g_pfnEventDefaultText)(int EventId) = nullptr;
-bool (*g_pfnBeforeCommit)(const QString& sPath, QString* pReason) = nullptr;
+namespace {
+const IEventTextSource* g_pEventText = nullptr;
+IFileCommitGuard* g_pCommitGuard = nullptr;
+}  // namespace
+
+void SetEventTextSource(const IEventTextSource* pSource) { g_pEventText = pSource; }
+void SetFileCommitGuard(IFileCommitGuard* pGuard) { g_pCommitGuard = pGuard; }
 
 const char* const kDialogMarker = "  //\n  // Dialog-generated settings\n  //\n";
 const char* const kUserMarker = "  //\n  // User settings\n  //\n";
@@ -201,7 +210,7 @@ QString BuildProjectText(const QStringList& Commands) {
     if (Id > 1) s += QLatin1Char('\n');
     s += EventCommentBlock(Id);
     if (Id != EVENT_ON_PROJECT_LOAD) {
-      s += EventDefaultBody(Id, g_pfnEventDefaultText ? g_pfnEventDefaultText(Id) : QString());
+      s += EventDefaultBody(Id, g_pEventText ? g_pEventText->EventDefaultText(Id) : QString());
       continue;
     }
     s += QStringLiteral("void OnProjectLoad (void) {\n");
@@ -404,30 +413,29 @@ QList<QPair<QString, QString>> ParseUserFileRecord(const QString& sLine, QString
 
 // ---------------------------------------------------------------- files
 
+QString TempFilePath(const QString& sPath) { return sPath + QStringLiteral(".saving"); }
+
 bool AtomicWriteFile(const QString& sPath, const QByteArray& Data, QString* pError) {
-  QSaveFile f(sPath);
-  // Never write in place: a failure must leave the old file as it was.
-  f.setDirectWriteFallback(false);
-  if (!f.open(QIODevice::WriteOnly)) {
-    if (pError) *pError = f.errorString();
-    return false;
-  }
-  if (f.write(Data) != Data.size()) {
-    if (pError) *pError = f.errorString();
-    f.cancelWriting();
-    return false;
-  }
-  QString sReason;
-  if (g_pfnBeforeCommit && !g_pfnBeforeCommit(sPath, &sReason)) {
-    f.cancelWriting();
-    f.commit();
+  // Never write in place: a failure must leave the old file as it was. The
+  // temporary file has a fixed name, so that one a killed save left behind
+  // is replaced here rather than piling up.
+  const QString sTemp = TempFilePath(sPath);
+  auto Fail = [&](const QString& sReason) {
+    QFile::remove(sTemp);
     if (pError) *pError = sReason;
     return false;
-  }
-  if (!f.commit()) {
-    if (pError) *pError = f.errorString();
-    return false;
-  }
+  };
+  QFile::remove(sTemp);
+  QFile f(sTemp);
+  if (!f.open(QIODevice::WriteOnly | QIODevice::Truncate)) return Fail(f.errorString());
+  if (f.write(Data) != Data.size() || !f.flush()) return Fail(f.errorString());
+  if (::fsync(f.handle()) != 0) return Fail(QString::fromLocal8Bit(strerror(errno)));
+  f.close();
+  QString sReason;
+  if (g_pCommitGuard && !g_pCommitGuard->BeforeCommit(sPath, &sReason)) return Fail(sReason);
+  // rename() replaces the old file in one step.
+  if (::rename(QFile::encodeName(sTemp).constData(), QFile::encodeName(sPath).constData()) != 0)
+    return Fail(QString::fromLocal8Bit(strerror(errno)));
   return true;
 }
 

@@ -46,9 +46,14 @@ QString EventCommentBlock(int Id);
 // by line. A core plug-in may offer its own text of the function body; it is
 // then used uncommented.
 QString EventDefaultBody(int Id, const QString& sPluginText = QString());
-// A core plug-in's default text for an event, or empty; filled by the
-// plug-in host.
-extern QString (*g_pfnEventDefaultText)(int EventId);
+// A core plug-in's default text for an event, or empty. The plug-in host
+// implements it; the top installs it at start-up.
+class IEventTextSource {
+ public:
+  virtual ~IEventTextSource() = default;
+  virtual QString EventDefaultText(int EventId) const = 0;
+};
+void SetEventTextSource(const IEventTextSource* pSource);  // null removes it
 
 // The text of a new project made from a list of command statements.
 QString BuildProjectText(const QStringList& Commands);
@@ -99,12 +104,21 @@ QList<QPair<QString, QString>> ParseUserFileRecord(const QString& sLine, QString
 
 // ---------------------------------------------------------------- files
 
-// Writes Data to sPath through a temporary file in the same directory that
-// then replaces the old file; on failure the old file is left as it was and
-// pError holds the reason.
+// Writes Data to sPath through a temporary file in the same directory
+// (TempFilePath) that then replaces the old file; on failure the old file is
+// left as it was and pError holds the reason. A temporary file that a killed
+// save left behind is replaced by the next save.
 bool AtomicWriteFile(const QString& sPath, const QByteArray& Data, QString* pError);
-// Test seam: when set and returning false, the write fails before the
-// commit with the returned reason.
-extern bool (*g_pfnBeforeCommit)(const QString& sPath, QString* pReason);
+QString TempFilePath(const QString& sPath);  // sPath + ".saving"
+
+// Asked after the data is written and before it replaces the old file; a
+// guard that answers false makes the write fail with its reason. Used to
+// prove that a failed save leaves the old file.
+class IFileCommitGuard {
+ public:
+  virtual ~IFileCommitGuard() = default;
+  virtual bool BeforeCommit(const QString& sPath, QString* pReason) = 0;
+};
+void SetFileCommitGuard(IFileCommitGuard* pGuard);  // null removes it
 
 }  // namespace ProjectText

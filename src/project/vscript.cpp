@@ -68,6 +68,12 @@ bool IsConsoleOnly(int Id) {
 // The script side of one command: checks the text arguments, renders the
 // numbers, runs the action and waits for its asynchronous part.
 I64 CallCommand(int Id, const SCRIPT_HOST_CALL& Call) {
+  // In batch mode a line has a time limit; a script that outlives it stops
+  // at its next command.
+  if (CommandTimeLeftMs() == 0) {
+    Call.pEngine->RaiseError(QStringLiteral("batch time limit of %1 s per line exceeded").arg(CommandTimeLimitSeconds()).toStdString());
+    return -1;
+  }
   const QString sName = GetCommandName(Id);
   const QStringList Decls = SplitCommandArgs(QString::fromLatin1(GetActionDesc(Id)->Prototype));
   QVariant A[8];
@@ -431,6 +437,18 @@ bool FindDefinedConstant(const QString& sName, I64* pValue) {
     }
   }
   return false;
+}
+
+namespace {
+class CDefinedConstants : public IUserConstants {
+ public:
+  bool FindUserConstant(const QString& sName, I64* pValue) const override { return FindDefinedConstant(sName.trimmed(), pValue); }
+};
+}  // namespace
+
+const IUserConstants& UserConstants() {
+  static const CDefinedConstants s_Constants;
+  return s_Constants;
 }
 
 QStringList DefinedConstantNames() {

@@ -12,6 +12,7 @@
 #include <functional>
 
 class CScriptEngine;
+class IUserConstants;
 
 namespace VScript {
 
@@ -76,6 +77,8 @@ bool IsScriptFileModified();
 bool DefineConstant(const QString& sName, I64 Value);
 bool FindDefinedConstant(const QString& sName, I64* pValue);
 QStringList DefinedConstantNames();
+// The defined constants as the command layer asks for them.
+const IUserConstants& UserConstants();
 
 // The interpreter (null when no script is loaded); for tests and the
 // benchmark.

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <unordered_map>
 #include <vector>
 
 namespace {
@@ -133,6 +134,10 @@ struct CScriptEngine::Impl {
   bool ErrorSet = false;
   std::string RegisterError;
   bool HeapClean = false;
+  // String literals already on the heap, by their place in the text: a
+  // literal takes heap once however often it runs (the records are
+  // read-only, so one copy serves every turn of a loop).
+  std::unordered_map<const char*, I64> Literals;
 
   // ---------------------------------------------------------------- heap
 
@@ -375,6 +380,7 @@ struct CScriptEngine::Impl {
     const char* src = Ctx->Cursor + 1;
     Ctx->Cursor = p + 1;
     if (!Copy) return 0;
+    if (const auto it = Literals.find(src); it != Literals.end()) return it->second;
     char* dst = static_cast<char*>(AllocLow(len + 1));
     if (!dst) {
       Error("out of memory.");
@@ -406,7 +412,9 @@ struct CScriptEngine::Impl {
     arr->Count = I64(len + 1);
     var->Type = arr;
     var->Storage = reinterpret_cast<U8*>(dst);
-    return I64(reinterpret_cast<uintptr_t>(dst));
+    const I64 Address = I64(reinterpret_cast<uintptr_t>(dst));
+    Literals.emplace(src, Address);
+    return Address;
   }
 
   // ---------------------------------------------------------------- values
@@ -1120,6 +1128,7 @@ struct CScriptEngine::Impl {
     U8* highMin = Ctx->HeapHighMin;
     Ctx->~SCRIPT_CTX();
     Ctx = nullptr;
+    Literals.clear();
     memset(base, 0, size_t(lowMax - base));
     memset(highMin, 0, size_t(end - highMin));
     HeapClean = true;
@@ -1135,6 +1144,7 @@ struct CScriptEngine::Impl {
   }
 
   bool CreateContext() {
+    Literals.clear();
     U8* base = Heap.get();
     HeapClean = false;
     Ctx = new (base) SCRIPT_CTX{};

@@ -1,14 +1,13 @@
 // Elf.GetExprValue: evaluates an expression over the loaded program (the
 // program image while no target is connected) and prints its value block in
-// the console. Installed at start-up with the other session commands.
+// the console. Installed with the other session commands.
 #include "commands/actionids.h"
 #include "commands/actions.h"
 #include "elf/dwarf/debuginfo.h"
 #include "expr/evaluator.h"
 #include "log/log.h"
+#include "session/program.h"
 #include "settings/sysvars.h"
-
-#include <QCoreApplication>
 
 namespace {
 
@@ -54,6 +53,10 @@ void OnGetExprValue(int Id) {
   SetActionResult(Id, GetResult(e)->ReadSigned());
 }
 
+}  // namespace
+
+namespace SessionModule {
+
 void InstallExprCommands() {
   DWARF_Install();
   EXPR_SetConstantResolver([](const QString& sName, U64& Value, int& Bytes) {
@@ -77,6 +80,4 @@ void InstallExprCommands() {
   SetCommandSlot(AID_ELF_GET_EXPR_VALUE, OnGetExprValue);
 }
 
-}  // namespace
-
-Q_COREAPP_STARTUP_FUNCTION(InstallExprCommands)
+}  // namespace SessionModule

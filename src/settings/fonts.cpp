@@ -114,6 +114,10 @@ bool ParseFontText(const QString& sText, QFont& Out) {
   if (!ok || points < 1 || points > 59) return false;
 
   QFont f;
+  // A style name overrides weight and slant when the font is matched; the
+  // application font carries one ("Normal"), so it is cleared here and the
+  // style is told by weight and slant alone.
+  f.setStyleName(QString());
   f.setFamily(family);
   f.setPointSize(points);
   auto has = [&style](const char* w) { return style.contains(QLatin1String(w), Qt::CaseInsensitive); };
@@ -131,14 +135,16 @@ bool ParseFontText(const QString& sText, QFont& Out) {
 }
 
 QString FontText(const QFont& Font) {
-  QString style = Font.styleName();
-  if (style.isEmpty()) {
-    const bool bold = Font.weight() > QFont::Normal;
-    if (bold)
-      style = Font.italic() ? QStringLiteral("Bold Italic") : QStringLiteral("Bold");
-    else
-      style = Font.italic() ? QStringLiteral("Italic") : QStringLiteral("Normal");
-  }
+  // The style word follows weight and slant, which is what ParseFontText
+  // reads back; a style name of the font is not trusted (an inherited
+  // "Normal" would hide a bold weight).
+  QString style;
+  const int w = Font.weight();
+  if (w >= QFont::Bold) style = QStringLiteral("Bold");
+  else if (w >= QFont::DemiBold) style = QStringLiteral("Medium");
+  else if (w <= QFont::Light) style = QStringLiteral("Light");
+  if (Font.italic()) style = style.isEmpty() ? QStringLiteral("Italic") : style + QStringLiteral(" Italic");
+  if (style.isEmpty()) style = QStringLiteral("Normal");
   const QString size = Font.pointSize() > 0 ? QString::number(Font.pointSize())
                                             : QString::number(Font.pointSizeF());
   return Font.family() + QStringLiteral(",  ") + size + QStringLiteral("pt,  ") + style;

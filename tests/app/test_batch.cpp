@@ -205,3 +205,38 @@ TEST_F(Batch, SettingsAreWrittenOnceUnderTheirIdentity) {
 }
 
 }  // namespace
+
+namespace {
+
+// A batch option without a usable file is an error, never a window that
+// waits for ever.
+TEST_F(Batch, BatchOptionWithoutAFileIsAnError) {
+  QElapsedTimer t;
+  t.start();
+  for (const QStringList& Args : {QStringList{"-batch"}, QStringList{"-batch", "-debug"}, QStringList{"--batch="},
+                                  QStringList{"-device", "x", "-batch"}}) {
+    const RUN r = RunProgram(Args);
+    EXPECT_EQ(r.Exit, 2) << Args.join(' ').toStdString();
+    EXPECT_TRUE(r.sErr.contains("batch mode needs a file")) << r.sErr.toStdString();
+    EXPECT_TRUE(r.Out.isEmpty()) << r.Out.join('\n').toStdString();
+  }
+  EXPECT_LT(t.elapsed(), 30000);
+  // The value may also stand in the same argument.
+  const RUN r = RunProgram({"--batch=" + WriteFile("eq.txt", "Util.Log \"from eq\"\n")});
+  EXPECT_EQ(r.Exit, 0);
+  EXPECT_EQ(Body(r), QStringList({"from eq", "=> 0 (0x0)"}));
+}
+
+// A sleep counts against the time limit of its line.
+TEST_F(Batch, SleepStopsAtTheLineTimeLimit) {
+  QElapsedTimer t;
+  t.start();
+  const RUN r = RunProgram({"-batchtimelimit", "1", "-batch", WriteFile("sleep.txt", "Util.Sleep(0xFFFFFFFF)\nUtil.Log \"after\"\n")});
+  EXPECT_LT(t.elapsed(), 20000);
+  EXPECT_EQ(r.Exit, 1);
+  EXPECT_EQ(Body(r), QStringList({"Util.Sleep (0xFFFFFFFF);", "Util.Sleep (0xFFFFFFFF): batch time limit of 1 s per line exceeded",
+                                  "=> -1 (0xFFFFFFFFFFFFFFFF)", "after", "=> 0 (0x0)"}))
+      << r.Out.join('\n').toStdString();
+}
+
+}  // namespace

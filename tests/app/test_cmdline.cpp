@@ -1,5 +1,7 @@
 // Command line, start path, identity and directories.
-#include "app/cmdline.h"
+#include "cmdline/cmdline.h"
+#include "project/project.h"
+#include "testsupport/randomtext.h"
 #include "app/startup.h"
 #include "commands/actions.h"
 #include "log/console.h"
@@ -83,7 +85,26 @@ TEST(ParseCmdLine, EdgeCases) {
          o.IsBatch = true;
          o.BatchFile = "-";
        })},
-      {{"-batch"}, CMDLINE_OPTIONS()},
+      // A batch option without a usable file is an error, never the window.
+      {{"-batch"}, O([](auto& o) {
+         o.IsBatch = true;
+         o.BatchError = "x";
+       })},
+      {{"-batch", "-debug"}, O([](auto& o) {
+         o.IsBatch = true;
+         o.BatchError = "x";
+         o.DebugMode = true;
+       })},
+      {{"--batch="}, O([](auto& o) {
+         o.IsBatch = true;
+         o.BatchError = "x";
+       })},
+      {{"--BATCH=cmds.txt", "-batchtimelimit", "5"}, O([](auto& o) {
+         o.IsBatch = true;
+         o.BatchFile = "cmds.txt";
+         o.BatchTimeLimitS = 5;
+       })},
+      {{"-batchtimelimit", "soon"}, CMDLINE_OPTIONS()},
       {{}, CMDLINE_OPTIONS()},
   };
   for (const CASE& c : Cases) {
@@ -101,11 +122,30 @@ TEST(ParseCmdLine, EdgeCases) {
     EXPECT_EQ(g.VordenScriptFile, c.Want.VordenScriptFile) << qPrintable(sCase);
     EXPECT_EQ(g.JTAGConfig, c.Want.JTAGConfig) << qPrintable(sCase);
     EXPECT_EQ(g.DebugMode, c.Want.DebugMode) << qPrintable(sCase);
+    EXPECT_EQ(g.BatchError.isEmpty(), c.Want.BatchError.isEmpty()) << qPrintable(sCase);
+    EXPECT_EQ(g.BatchTimeLimitS, c.Want.BatchTimeLimitS) << qPrintable(sCase);
     EXPECT_EQ(g.IsBatch, c.Want.IsBatch) << qPrintable(sCase);
     EXPECT_EQ(g.BatchFile, c.Want.BatchFile) << qPrintable(sCase);
   }
   // The program path itself never matches, even when it looks like an option.
   EXPECT_TRUE(ParseCmdLine(QStringList({"-debug"})).DebugMode == false);
+}
+
+// Random argument lists: the parser never crashes, a batch request always
+// ends with a file or an error, and the time limit is never negative.
+TEST(ParseCmdLine, RandomArguments) {
+  CRandomText R(77);
+  const QStringList Words = {"-batch", "--batch=", "-batch=x", "-batchtimelimit", "-device", "-usb", "-ip", "-select",
+                             "-if", "-speed", "-project", "-kestrel", "-debug", "-", "--", "=", "\"", "\"\"", "USB=",
+                             "p.vdebug", "-jtagconfig", "1,2"};
+  for (int i = 0; i < 20000; ++i) {
+    QStringList Args;
+    for (int n = int(R.Int(0, 6)); n > 0; --n)
+      Args << (R.Chance(70) ? R.Pick(Words) : R.Chance(50) ? R.Number() : QString::fromLatin1(R.Bytes(int(R.Int(0, 8)))));
+    const CMDLINE_OPTIONS o = ParseCmdLine(Argv(Args));
+    if (o.IsBatch) EXPECT_TRUE(!o.BatchFile.isEmpty() || !o.BatchError.isEmpty()) << Args.join(' ').toStdString();
+    EXPECT_GE(o.BatchTimeLimitS, 0);
+  }
 }
 
 TEST(StartPath, FirstShowDecision) {
@@ -163,38 +203,26 @@ TEST(Directories, DerivedFromTheInstallDirectory) {
 TEST(CmdLineProject, CommandsAndRequiredFields) {
   CMDLINE_OPTIONS o = ParseCmdLine(Argv({"-device", "STM32F407VG", "-usb", "-if", "SWD", "-speed", "4000", "-jtagconfig",
                                          "1,5", "-programfile", "/fw/a.elf"}));
-  EXPECT_EQ(BuildCmdLineCommands(o),
+  EXPECT_EQ(ProjectModule::CommandsFromCmdLine(o),
             QStringList({"Project.SetDevice (\"STM32F407VG\");", "Project.SetHostIF (\"USB\", \"\");",
                          "Project.SetTargetIF (\"SWD\");", "Project.SetTIFSpeed (\"4000\");",
                          "Project.SetJTAGConfig (1, 5);", "File.Open (\"/fw/a.elf\");"}));
   o.JTAGConfig = "1,2,3";  // only exactly two parts make the command
   o.ProgramFile.clear();
-  EXPECT_EQ(BuildCmdLineCommands(o).size(), 4);
+  EXPECT_EQ(ProjectModule::CommandsFromCmdLine(o).size(), 4);
 
   SetUiThread();
   ConsoleRingStart();
   ConsoleRingTake(nullptr);
-  QStringList Created;
-  GetProjectSeam().Create = [&](const QString&, const QStringList& c, bool) {
-    Created = c;
-    return true;
-  };
-  GetCmdLineOptions() = ParseCmdLine(Argv({"-device", "x", "-if", "SWD"}));
-  EXPECT_FALSE(CreateProjectFromCmdLine());
-  GetCmdLineOptions() = ParseCmdLine(Argv({"-usb", "-if", "SWD"}));
-  EXPECT_FALSE(CreateProjectFromCmdLine());
-  GetCmdLineOptions() = ParseCmdLine(Argv({"-usb", "-device", "x"}));
-  EXPECT_FALSE(CreateProjectFromCmdLine());
+  EXPECT_FALSE(ProjectModule::CheckCmdLineProject(ParseCmdLine(Argv({"-device", "x", "-if", "SWD"}))));
+  EXPECT_FALSE(ProjectModule::CheckCmdLineProject(ParseCmdLine(Argv({"-usb", "-if", "SWD"}))));
+  EXPECT_FALSE(ProjectModule::CheckCmdLineProject(ParseCmdLine(Argv({"-usb", "-device", "x"}))));
   QStringList Lines;
   ConsoleRingTake([&](const CONSOLE_ENTRY& e) { Lines.append(QString::fromUtf8(e.Text)); });
   const QString p = "Failed to create project from command line arguments: required argument ";
   EXPECT_EQ(Lines, QStringList({p + "\"host interface\" is missing.", p + "\"device\" is missing.",
                                 p + "\"target interface\" is missing."}));
-  EXPECT_TRUE(Created.isEmpty());
-  GetCmdLineOptions() = ParseCmdLine(Argv({"-usb", "-device", "x", "-if", "SWD"}));
-  EXPECT_TRUE(CreateProjectFromCmdLine());
-  EXPECT_EQ(Created.size(), 3);
-  GetProjectSeam().Create = nullptr;
+  EXPECT_TRUE(ProjectModule::CheckCmdLineProject(ParseCmdLine(Argv({"-usb", "-device", "x", "-if", "SWD"}))));
 }
 
 }  // namespace

@@ -152,6 +152,18 @@ TEST(RenderCommand, Arguments) {
   EXPECT_EQ(RenderCommand(AID_EDIT_REFRESH_RATE, {"x", "10 Hz"}), "Edit.RefreshRate (\"x\", FREQ_10_HZ);");
   EXPECT_EQ(RenderCommand(AID_PROJECT_ADD_ROOT_PATH, {"/r"}), "Project.AddRootPath (\"/r\");");
   EXPECT_EQ(RenderCommand(AID_GUI_DEBUG_ATTACH, {"1"}), "");
+  // A value that is no number, constant or plain word is quoted, so that the
+  // statement parses in a script and in the console alike.
+  EXPECT_EQ(RenderCommand(AID_EDIT_SYS_VAR, {"VAR_RESET_MODE", "Reset & Run"}), "Edit.SysVar (VAR_RESET_MODE, \"Reset & Run\");");
+  EXPECT_EQ(RenderCommand(AID_EDIT_SYS_VAR, {"VAR_X", "2,5 MHz"}), "Edit.SysVar (VAR_X, \"2,5 MHz\");");
+  EXPECT_EQ(RenderCommand(AID_EDIT_SYS_VAR, {"VAR_X", "-5"}), "Edit.SysVar (VAR_X, -5);");
+  EXPECT_EQ(RenderCommand(AID_EDIT_SYS_VAR, {"VAR_X", "MYCONST"}), "Edit.SysVar (VAR_X, MYCONST);");
+  EXPECT_EQ(RenderCommand(AID_EDIT_SYS_VAR, {"VAR_X", "say \"hi\""}), "Edit.SysVar (VAR_X, \"say hi\");");
+  // A rendered statement splits back into the same arguments.
+  for (const QString& v : {QString("Reset & Run"), QString("a, b"), QString("1 + 2"), QString("x")}) {
+    const QString s = RenderCommand(AID_EDIT_SYS_VAR, {"VAR_X", v});
+    EXPECT_EQ(SplitCommandArgs(s), QStringList({"VAR_X", v})) << s.toStdString();
+  }
 }
 
 TEST(HelpList, ColumnsAndMembers) {

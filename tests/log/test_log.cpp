@@ -2,6 +2,7 @@
 // application log, the log file rule and the console ring.
 #include "log/console.h"
 #include "log/log.h"
+#include "log/logcapture.h"
 
 #include <gtest/gtest.h>
 
@@ -45,6 +46,36 @@ class LogTest : public ::testing::Test {
     SetConsoleOverflowDrain(nullptr);
   }
 };
+
+// A capture holds back the messages its mask names (errors not counted
+// yet); the rest pass. Released, they reach the sink in their order;
+// discarded, they are gone. Captures nest.
+TEST_F(LogTest, CaptureHoldsReleasesAndDiscards) {
+  const int Errors = GetErrorMessageCount();
+  {
+    CLogCapture Outer(MSG_DIAG);
+    LogMessage(QStringLiteral("held one"), MSG_CONSOLE | MSG_ERROR | MSG_DIAG);
+    LogMessage(QStringLiteral("passes"), MSG_CONSOLE);
+    {
+      CLogCapture Inner(MSG_DIAG);
+      LogMessage(QStringLiteral("inner dropped"), MSG_CONSOLE | MSG_DIAG);
+      EXPECT_EQ(Inner.Texts(), QStringList{"inner dropped"});
+      Inner.Discard();
+    }
+    LogMessage(QStringLiteral("held two"), MSG_CONSOLE | MSG_DIAG);
+    EXPECT_EQ(Outer.Texts(), QStringList({"held one", "held two"}));
+    EXPECT_EQ(GetErrorMessageCount(), Errors);
+    std::vector<std::string> Seen;
+    for (const CONSOLE_ENTRY& e : TakeAll()) Seen.push_back(e.Text);
+    EXPECT_EQ(Seen, std::vector<std::string>{"Passes"});
+  }
+  std::vector<std::string> Seen;
+  for (const CONSOLE_ENTRY& e : TakeAll()) Seen.push_back(e.Text);
+  EXPECT_EQ(Seen, std::vector<std::string>({"Held one", "Held two"}));
+  EXPECT_EQ(GetErrorMessageCount(), Errors + 1);
+  LogMessage(QStringLiteral("after"), MSG_CONSOLE | MSG_DIAG);
+  EXPECT_EQ(TakeAll().size(), 1u);
+}
 
 TEST_F(LogTest, EmptyTextIsRefused) {
   EXPECT_EQ(LogMessage(QString(), MSG_ALL), -1);

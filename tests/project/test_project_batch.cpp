@@ -3,6 +3,7 @@
 #include "settings/colors.h"
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
 #include <QRegularExpression>
@@ -251,4 +252,97 @@ TEST_F(ProjectBatch, ProjectOpenedFromAScriptWaitsForItToEnd) {
   ASSERT_GT(Loaded, 0) << r.Out.toStdString();
   EXPECT_LT(Loaded, r.Find("end\n"));
   EXPECT_FALSE(r.Out.contains("Script.Exec (\"Switch\"):"));
+}
+
+// A project saved after File.Open of a program opens that program again,
+// relative to the project directory.
+TEST_F(ProjectBatch, SavedProjectReopensItsProgram) {
+  const QString sElf = qEnvironmentVariable("TAVIT_SOURCE_DIR") + "/firmware/corpus/app-dwarf3-O0.elf";
+  ASSERT_TRUE(QFile::copy(sElf, Path("prog.elf")));
+  RUN r = Run({}, "File.Open(\"prog.elf\")\nElf.GetEntryPointPC()\nFile.SaveProjectAs(\"saved\")\n");
+  ASSERT_EQ(r.Exit, 0) << r.Out.toStdString();
+  const auto Entry = QRegularExpression("Elf.GetEntryPointPC\\(\\);\\n=> (\\d+)").match(r.Out);
+  ASSERT_TRUE(Entry.hasMatch()) << r.Out.toStdString();
+  const QString T = QString::fromUtf8(Read("saved.vdebug"));
+  EXPECT_TRUE(T.contains("  File.Open (\"$(ProjectDir)/prog.elf\");\n")) << T.toStdString();
+  EXPECT_TRUE(T.contains("  Project.AddPathSubstitute (\"" + Dir.path() + "\", \"$(ProjectDir)\");\n")) << T.toStdString();
+  r = Run({Path("saved.vdebug")}, "Elf.GetEntryPointPC()\n");
+  EXPECT_EQ(r.Exit, 0) << r.Out.toStdString();
+  EXPECT_TRUE(r.Out.contains("Elf.GetEntryPointPC();\n=> " + Entry.captured(1) + " ")) << r.Out.toStdString();
+  EXPECT_FALSE(r.Out.contains("not implemented")) << r.Out.toStdString();
+}
+
+// Every echo is a statement that runs unchanged in the console and in a
+// project script, and echoes the same again.
+TEST_F(ProjectBatch, EchoesRunUnchangedInConsoleAndScript) {
+  const QStringList Cmds = {"Edit.SysVar(VAR_RESET_MODE, 2)", "Edit.SysVar(VAR_ACCESS_WIDTH, 4)",
+                            "Edit.SysVar(VAR_TIF_SPEED, \"2,5 MHz\")", "Edit.Preference(PREF_SHOW_HEX_BLOCKS, 1)",
+                            "Edit.Color(COLOR_LOGGING_USER, 0xFF112233)",
+                            "Edit.Font(FONT_CONSOLE, \"Courier New, 10pt, Bold Italic\")"};
+  RUN r = Run({}, Cmds.join('\n').toUtf8() + "\n");
+  ASSERT_EQ(r.Exit, 0) << r.Out.toStdString();
+  QStringList Echoes;
+  for (const QString& l : r.Lines())
+    if (l.startsWith("Edit.")) Echoes << l;
+  ASSERT_EQ(Echoes.size(), Cmds.size()) << r.Out.toStdString();
+  EXPECT_TRUE(r.Out.contains("Edit.SysVar (VAR_RESET_MODE, 2);\n")) << r.Out.toStdString();
+  // Pasted into the console.
+  r = Run({}, Echoes.join('\n').toUtf8() + "\n");
+  EXPECT_EQ(r.Exit, 0) << r.Out.toStdString();
+  for (const QString& e : Echoes) EXPECT_TRUE(r.Out.contains(e + "\n")) << e.toStdString() << r.Out.toStdString();
+  // Pasted into a project.
+  Write("echo.vdebug", "void OnProjectLoad (void) {\n  " + Echoes.join("\n  ").toUtf8() + "\n}\n");
+  r = Run({"echo.vdebug"}, "");
+  EXPECT_EQ(r.Exit, 0) << r.Out.toStdString();
+  EXPECT_FALSE(r.Out.contains("invalid parameter")) << r.Out.toStdString();
+  EXPECT_EQ(r.Lines().filter(QRegularExpression("^Edit\\.")).size(), Echoes.size()) << r.Out.toStdString();
+}
+
+// A font style survives the restart.
+TEST_F(ProjectBatch, FontStyleSurvivesRestart) {
+  RUN r = Run({}, "Edit.Font(FONT_CONSOLE, \"Courier New, 10pt, Bold Italic\")\n");
+  ASSERT_EQ(r.Exit, 0) << r.Out.toStdString();
+  QSettings Store(Path("settings") + "/MARLEK/Tavit.ini", QSettings::IniFormat);
+  EXPECT_EQ(Store.value("AppData/Preferences/Fonts/FONT_CONSOLE").toString(), "Courier New,  10pt,  Bold Italic");
+  // The next start reads it back and writes it again unchanged.
+  r = Run({}, "Util.Log(\"second start\")\n");
+  ASSERT_EQ(r.Exit, 0);
+  QSettings Again(Path("settings") + "/MARLEK/Tavit.ini", QSettings::IniFormat);
+  EXPECT_EQ(Again.value("AppData/Preferences/Fonts/FONT_CONSOLE").toString(), "Courier New,  10pt,  Bold Italic");
+}
+
+// A project script that logs in a long loop does not run out of heap: a
+// string literal takes heap once.
+TEST_F(ProjectBatch, LongLoggingLoopsRun) {
+  Write("loop.vdebug", "void OnProjectLoad (void) {\n}\n"
+                       "int Loop(int n) {\n  int i;\n  i = 0;\n  while (i < n) {\n    Util.Log(\"x\");\n    i += 1;\n  }\n"
+                       "  return i;\n}\n");
+  const RUN r = Run({"loop.vdebug"}, "Script.Exec(Loop, 5000)\n");
+  EXPECT_EQ(r.Exit, 0) << r.Out.right(2000).toStdString();
+  EXPECT_FALSE(r.Out.contains("out of memory"));
+  EXPECT_EQ(r.Lines().count("x"), 5000);
+  EXPECT_TRUE(r.Out.contains("=> 5000 (0x1388)")) << r.Out.right(500).toStdString();
+
+  // A script that outlives the line's time limit stops at its next command.
+  QElapsedTimer t;
+  t.start();
+  const RUN Long = Run({"loop.vdebug", "-batchtimelimit", "1"}, "Script.Exec(Loop, 2000000000)\nUtil.Log(\"next line\")\n");
+  EXPECT_LT(t.elapsed(), 30000);
+  EXPECT_EQ(Long.Exit, 1);
+  EXPECT_TRUE(Long.Out.contains("batch time limit of 1 s per line exceeded")) << Long.Out.right(500).toStdString();
+  EXPECT_TRUE(Long.Out.contains("\nnext line\n"));
+}
+
+// The batch exit status tells CI about a project that is missing, does not
+// parse or stops with a script error.
+TEST_F(ProjectBatch, ProjectFailuresMakeTheExitStatusOne) {
+  Write("good.vdebug", kProject);
+  Write("syntax.vdebug", "void OnProjectLoad (void) {\n  int a = ;\n}\n");
+  Write("stops.vdebug", "void OnProjectLoad (void) {\n  int a;\n  a = 1 / 0;\n}\n");
+  EXPECT_EQ(Run({"good.vdebug"}, "Util.Log(\"ok\")\n").Exit, 0);
+  for (const char* s : {"missing.vdebug", "syntax.vdebug", "stops.vdebug"}) {
+    const RUN r = Run({s}, "Util.Log(\"ok\")\n");
+    EXPECT_EQ(r.Exit, 1) << s << r.Out.toStdString();
+    EXPECT_TRUE(r.Out.contains("ok\n")) << s;  // the lines still run
+  }
 }

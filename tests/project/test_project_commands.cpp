@@ -3,8 +3,10 @@
 // the settings the project commands take.
 #include "commands/actions.h"
 #include "log/console.h"
+#include "log/log.h"
 #include "log/messagebox.h"
 #include "project/project.h"
+#include "project/projectcommands.h"
 #include "project/projecttext.h"
 #include "project/vscript.h"
 #include "settings/sysvars.h"
@@ -28,6 +30,7 @@ class ProjectCommands : public ::testing::Test {
     s_pApp = NewTestApp<QApplication>();
     CMessageBox::SetBatchMode(true);
     ProjectModule::Install();
+    ::ProjectCommands::Install();
     s_pMain = new CMainWindow;
     s_pMain->ConsoleWindow()->SetDrawingEnabled(false);
   }
@@ -36,7 +39,8 @@ class ProjectCommands : public ::testing::Test {
     Console();
   }
   void TearDown() override {
-    ProjectText::g_pfnBeforeCommit = nullptr;
+    ProjectText::SetFileCommitGuard(nullptr);
+    ProjectModule::SetProgramFileLoader(nullptr);
     UnregisterUserFileSection("Breakpoint");
     Project().Close();
   }
@@ -100,10 +104,13 @@ TEST_F(ProjectCommands, FailedSavesLeaveTheOldFile) {
   WriteAll(Path("p.vdebug"), kProject);
   ASSERT_EQ(ExecAction(AID_FILE_OPEN, Path("p.vdebug")), 0);
   Console();
-  ProjectText::g_pfnBeforeCommit = [](const QString&, QString* r) {
-    *r = "injected failure";
-    return false;
-  };
+  struct INJECTED : ProjectText::IFileCommitGuard {
+    bool BeforeCommit(const QString&, QString* r) override {
+      *r = "injected failure";
+      return false;
+    }
+  } Injected;
+  ProjectText::SetFileCommitGuard(&Injected);
   EXPECT_EQ(ExecAction(AID_FILE_SAVE_PROJECT_AS, Path("p.vdebug")), -1);
   EXPECT_EQ(ReadAll(Path("p.vdebug")), kProject);
   const QString c = Console();
@@ -112,7 +119,7 @@ TEST_F(ProjectCommands, FailedSavesLeaveTheOldFile) {
 
   EXPECT_EQ(Project().WriteSettings(Path("p.vdebug"), true, {"Project.SetDevice (\"NEW\");"}), -1);
   EXPECT_EQ(ReadAll(Path("p.vdebug")), kProject);
-  ProjectText::g_pfnBeforeCommit = nullptr;
+  ProjectText::SetFileCommitGuard(nullptr);
 
   // Without OnProjectLoad there is no place for the settings.
   WriteAll(Path("q.vdebug"), "void Other (void) {\n}\n");
@@ -212,14 +219,17 @@ TEST_F(ProjectCommands, ScriptCommands) {
   EXPECT_EQ(ExecAction(AID_FILE_OPEN, Path("prog.elf")), -1);
   EXPECT_TRUE(Console().contains("file not found"));
   WriteAll(Path("prog.elf"), "x");
-  static QString s_Seen;
-  g_pfnOpenProgramFile = [](const QString& p, int) {
-    s_Seen = p;
-    return 0;
-  };
+  struct LOADER : IProgramFileLoader {
+    QString sSeen;
+    int OpenProgramFile(const QString& p, int) override {
+      sSeen = p;
+      return 0;
+    }
+  } Loader;
+  ProjectModule::SetProgramFileLoader(&Loader);
   EXPECT_EQ(ExecAction(AID_FILE_OPEN, Path("prog.elf")), 0);
-  g_pfnOpenProgramFile = nullptr;
-  EXPECT_EQ(s_Seen, Path("prog.elf"));
+  ProjectModule::SetProgramFileLoader(nullptr);
+  EXPECT_EQ(Loader.sSeen, Path("prog.elf"));
 }
 
 TEST_F(ProjectCommands, WarningsInOrderAndShownOnce) {
@@ -242,4 +252,108 @@ TEST_F(ProjectCommands, WarningsInOrderAndShownOnce) {
   Project().CheckWarnings(false);
   EXPECT_EQ(Console().count("other code", Qt::CaseInsensitive), 0);
   SetProjectWarningSource("test", nullptr);
+}
+
+// Values of Script.DefineConst and of Script.Exec arguments: numbers in any
+// base, constants and expressions; anything else is refused with a reason.
+TEST_F(ProjectCommands, ConstantAndExecArgumentsTakeExpressions) {
+  EXPECT_EQ(ExecAction(AID_SCRIPT_DEFINE_CONST, "MYC", "0x10 + 4"), 0) << Console().toStdString();
+  I64 v = 0;
+  ASSERT_TRUE(VScript::FindDefinedConstant("MYC", &v));
+  EXPECT_EQ(v, 20);
+  EXPECT_EQ(ExecAction(AID_SCRIPT_DEFINE_CONST, "SHIFTED", "(1 << 4) | 0b11"), 0) << Console().toStdString();
+  ASSERT_TRUE(VScript::FindDefinedConstant("SHIFTED", &v));
+  EXPECT_EQ(v, 19);
+  Console();
+  EXPECT_EQ(ExecAction(AID_SCRIPT_DEFINE_CONST, "BAD", "1 +"), -1);
+  EXPECT_TRUE(Console().contains("invalid parameter")) ;
+  EXPECT_FALSE(VScript::FindDefinedConstant("BAD", &v));
+
+  WriteAll(Path("f.vdebug"), "void OnProjectLoad (void) {\n}\nint F(int a, int b) { return a * 1000 + b; }\n");
+  ASSERT_EQ(ExecAction(AID_FILE_OPEN, Path("f.vdebug")), 0);
+  EXPECT_EQ(ExecAction(AID_SCRIPT_EXEC, "F", "0x10", "0"), 16000);
+  EXPECT_EQ(ExecAction(AID_SCRIPT_EXEC, "F", "1+2", "010"), 3008);
+  EXPECT_EQ(ExecAction(AID_SCRIPT_EXEC, "F", "MYC", "0b11"), 20003);
+  Console();
+  for (const char* sBad : {"abc", "1 +", "\"\""}) {
+    EXPECT_EQ(ExecAction(AID_SCRIPT_EXEC, "F", sBad, "1"), -1) << sBad;
+    const QString c = Console();
+    EXPECT_TRUE(c.contains("is not a number, constant or expression")) << sBad << c.toStdString();
+    EXPECT_FALSE(c.contains("Executing script function: F")) << sBad;
+  }
+}
+
+// A project whose OnProjectLoad opens itself, or a project that opened it,
+// is refused instead of reloading forever.
+TEST_F(ProjectCommands, ProjectThatOpensItselfIsRefused) {
+  WriteAll(Path("self.vdebug"), "void OnProjectLoad (void) {\n  Util.Log(\"self loads\");\n  File.Open(\"" +
+                                    Path("self.vdebug").toUtf8() + "\");\n}\n");
+  ASSERT_EQ(ExecAction(AID_FILE_OPEN, Path("self.vdebug")), 0);
+  for (int i = 0; i < 20; ++i) QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+  QString c = Console();
+  EXPECT_EQ(c.count("self loads"), 1) << c.toStdString();
+  EXPECT_TRUE(c.contains("its own OnProjectLoad (or that of a project it opened) opens it again")) << c.toStdString();
+  EXPECT_EQ(VScript::ScriptFilePath(), Path("self.vdebug"));
+
+  // A opens B, B opens A: B loads once, A is not loaded again.
+  WriteAll(Path("a.vdebug"), "void OnProjectLoad (void) {\n  Util.Log(\"a loads\");\n  File.Open(\"" +
+                                 Path("b.vdebug").toUtf8() + "\");\n}\n");
+  WriteAll(Path("b.vdebug"), "void OnProjectLoad (void) {\n  Util.Log(\"b loads\");\n  File.Open(\"" +
+                                 Path("a.vdebug").toUtf8() + "\");\n}\n");
+  ExecAction(AID_FILE_OPEN, Path("a.vdebug"));
+  for (int i = 0; i < 20; ++i) QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+  c = Console();
+  EXPECT_EQ(c.count("a loads"), 1) << c.toStdString();
+  EXPECT_EQ(c.count("b loads"), 1) << c.toStdString();
+  EXPECT_EQ(VScript::ScriptFilePath(), Path("b.vdebug"));
+  // Opened by the user, the same project loads again.
+  ExecAction(AID_FILE_OPEN, Path("a.vdebug"));
+  for (int i = 0; i < 20; ++i) QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+  EXPECT_EQ(Console().count("a loads"), 1);
+}
+
+// The session's own files are never truncated as a console log.
+TEST_F(ProjectCommands, ConsoleLogRefusesTheSessionsFiles) {
+  WriteAll(Path("p.vdebug"), kProject);
+  WriteAll(Path("p.vdebug.user"), "Unknown=\"kept\"");
+  WriteAll(Path("prog.elf"), "program bytes");
+  ASSERT_EQ(ExecAction(AID_FILE_OPEN, Path("p.vdebug")), 0);
+  struct LOADER : IProgramFileLoader {
+    int OpenProgramFile(const QString&, int) override { return 0; }
+  } Loader;
+  ProjectModule::SetProgramFileLoader(&Loader);
+  ASSERT_EQ(ExecAction(AID_FILE_OPEN, Path("prog.elf")), 0);
+  Console();
+  const QString sViaDots = Dir.path() + "/./sub/../prog.elf";
+  for (const QString& s : {Path("prog.elf"), sViaDots, Path("p.vdebug"), Path("p.vdebug.user")}) {
+    EXPECT_EQ(ExecAction(AID_PROJECT_SET_CONSOLE_LOG_FILE, s), -1) << s.toStdString();
+    EXPECT_TRUE(Console().contains("would be overwritten by the log")) << s.toStdString();
+  }
+  EXPECT_EQ(ReadAll(Path("prog.elf")), "program bytes");
+  EXPECT_EQ(ReadAll(Path("p.vdebug")), kProject);
+  EXPECT_EQ(ReadAll(Path("p.vdebug.user")), "Unknown=\"kept\"");
+  EXPECT_EQ(ExecAction(AID_PROJECT_SET_CONSOLE_LOG_FILE, Path("console.log")), 0);
+  ConsolePrintLine("into the log");
+  Console();  // the console log takes what the console shows
+  ExecAction(AID_PROJECT_SET_CONSOLE_LOG_FILE, "");
+  EXPECT_TRUE(ReadAll(Path("console.log")).contains("into the log"));
+}
+
+// A user file with bytes that are no UTF-8 does not grow on every close.
+TEST_F(ProjectCommands, UndecodableUserFileLinesDoNotGrow) {
+  WriteAll(Path("u.vdebug"), kProject);
+  QByteArray Bad = "Unknown=\"kept\"\n";
+  for (int i = 0; i < 200; ++i) Bad += "Junk=\"\xff\xfe\x80\xc3\"\n";
+  WriteAll(Path("u.vdebug.user"), Bad);
+  qint64 Size = -1;
+  for (int Round = 0; Round < 3; ++Round) {
+    ASSERT_EQ(ExecAction(AID_FILE_OPEN, Path("u.vdebug")), 0);
+    Project().Close();
+    const QByteArray Now = ReadAll(Path("u.vdebug.user"));
+    EXPECT_LE(Now.size(), Bad.size());
+    if (Size >= 0) EXPECT_EQ(Now.size(), Size) << Round;
+    Size = Now.size();
+    EXPECT_TRUE(Now.contains("Unknown=\"kept\""));
+  }
+  EXPECT_TRUE(Console().contains("not valid UTF-8")) ;
 }

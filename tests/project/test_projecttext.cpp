@@ -199,15 +199,27 @@ TEST(AtomicWrite, FailureKeepsTheOldFile) {
   ASSERT_TRUE(AtomicWriteFile(p, "second", &e));
   EXPECT_EQ(ReadAll(p), "second");
 
-  g_pfnBeforeCommit = [](const QString&, QString* r) {
-    *r = "disk full";
-    return false;
-  };
+  struct DISK_FULL : IFileCommitGuard {
+    bool BeforeCommit(const QString&, QString* r) override {
+      *r = "disk full";
+      return false;
+    }
+  } Full;
+  SetFileCommitGuard(&Full);
   EXPECT_FALSE(AtomicWriteFile(p, "third", &e));
-  g_pfnBeforeCommit = nullptr;
+  SetFileCommitGuard(nullptr);
   EXPECT_EQ(e, "disk full");
   EXPECT_EQ(ReadAll(p), "second");
   // No temporary file is left behind.
+  EXPECT_EQ(QDir(Dir.path()).entryList(QDir::Files), QStringList{"p.vdebug"});
+  // One that a killed save left is replaced by the next save.
+  {
+    QFile Stray(TempFilePath(p));
+    ASSERT_TRUE(Stray.open(QIODevice::WriteOnly));
+    Stray.write(QByteArray(100000, 'x'));
+  }
+  ASSERT_TRUE(AtomicWriteFile(p, "fourth", &e));
+  EXPECT_EQ(ReadAll(p), "fourth");
   EXPECT_EQ(QDir(Dir.path()).entryList(QDir::Files), QStringList{"p.vdebug"});
 
   e.clear();

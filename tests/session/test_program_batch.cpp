@@ -115,12 +115,63 @@ TEST(ProgramBatch, NoProgramAndBadFiles) {
   EXPECT_EQ(Exit, 1);  // the two failed opens are errors
   EXPECT_EQ(ResultAfter(Out, "Elf.GetBaseAddr();"), 0xFFFFFFFFll);
   EXPECT_EQ(ResultAfter(Out, "Elf.GetEndianess();"), -1);
-  EXPECT_TRUE(Out.contains("File.Open (\"missing.elf\"): file not found")) << Out.toStdString();
+  EXPECT_TRUE(Out.contains("File.Open (\"missing.elf\"): missing.elf: file not found")) << Out.toStdString();
   // A broken file is refused with the catalogue's text and leaves no program.
   EXPECT_TRUE(Out.contains("ELF error (")) << Out.toStdString();
   const qsizetype Second = Out.lastIndexOf("Elf.GetEndianess();");
   ASSERT_GT(Second, 0);
   EXPECT_EQ(ResultAfter(Out.mid(Second), "Elf.GetEndianess();"), -1);
+}
+
+// Each file that cannot be a program gets one message that names the file
+// and the reason, with the ELF layer's text where it applies.
+TEST(ProgramBatch, EachBadFileGetsOneClearMessage) {
+  QTemporaryDir Dir;
+  auto Make = [&](const QString& sName, const QByteArray& Data) {
+    QFile f(Dir.filePath(sName));
+    EXPECT_TRUE(f.open(QIODevice::WriteOnly));
+    f.write(Data);
+    return f.fileName();
+  };
+  QFile Elf(SourceDir() + "/firmware/corpus/app-dwarf3-O0.elf");
+  ASSERT_TRUE(Elf.open(QIODevice::ReadOnly));
+  const QByteArray Good = Elf.readAll();
+  QDir(Dir.path()).mkpath("adir");
+  struct CASE {
+    QString sPath;
+    const char* sReason;
+  } const Cases[] = {
+      {Make("empty.elf", ""), "is empty, not an ELF program file"},
+      {Make("text.elf", "just some text\n"), "is not an ELF program file"},
+      {Dir.filePath("adir"), "is a directory, not a program file"},
+      {"/dev/zero", "is not a regular file"},
+      {Make("head.elf", Good.left(40)), "ELF error ("},
+      {Make("half.elf", Good.left(Good.size() / 2)), "ELF error ("},
+      {Dir.filePath("gone.elf"), "file not found"},
+  };
+  QByteArray Batch;
+  for (const CASE& c : Cases) Batch += "File.Open(\"" + c.sPath.toUtf8() + "\")\n";
+  const QString sCmds = Make("cmds.txt", Batch);
+  int Exit = -1;
+  const QString Out = RunProcess(Exe(), {"-batch", sCmds}, &Exit, Dir.path());
+  EXPECT_EQ(Exit, 1);
+  const QStringList Lines = Out.split('\n');
+  for (const CASE& c : Cases) {
+    SCOPED_TRACE(c.sPath.toStdString());
+    const QString sEcho = "File.Open (\"" + c.sPath + "\");";
+    const qsizetype At = Lines.indexOf(sEcho);
+    ASSERT_GE(At, 0) << Out.toStdString();
+    // The echo, one error line, the result.
+    ASSERT_LT(At + 2, Lines.size());
+    const QString& sError = Lines[At + 1];
+    EXPECT_TRUE(sError.startsWith("File.Open (\"" + c.sPath + "\"): " + c.sPath + ": ")) << sError.toStdString();
+    EXPECT_TRUE(sError.contains(c.sReason)) << sError.toStdString();
+    EXPECT_TRUE(Lines[At + 2].startsWith("=> -1 ")) << Lines[At + 2].toStdString();
+    EXPECT_FALSE(sError.contains("invalid parameter"));
+    EXPECT_FALSE(sError.contains("not implemented"));
+  }
+  // No ELF error stands on a line of its own.
+  for (const QString& l : Lines) EXPECT_FALSE(l.startsWith("ELF error")) << l.toStdString();
 }
 
 }  // namespace

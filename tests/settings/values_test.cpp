@@ -306,14 +306,27 @@ TEST_F(SettingsValues, Fonts) {
     const char* Style;
     QFont::Weight Weight;
     const char* Shown;
-  } const kStyles[] = {{"Medium", QFont::DemiBold, "Bold"}, {"Light Italic", QFont::Light, "Italic"},
-                       {"Regular", QFont::Normal, "Normal"}, {"dark", QFont::Bold, "Bold"}};
+  } const kStyles[] = {{"Medium", QFont::DemiBold, "Medium"}, {"Light Italic", QFont::Light, "Light Italic"},
+                       {"Regular", QFont::Normal, "Normal"}, {"dark", QFont::Bold, "Bold"},
+                       {"Bold Italic", QFont::Bold, "Bold Italic"}, {"Italic", QFont::Normal, "Italic"}};
+  // The program's application font carries the style name "Normal"; a font
+  // made from it must still keep the style it was given, and the stored text
+  // must read back to the same style (it is what the next start sees).
+  const QFont App = QGuiApplication::font();
+  QFont Named = App;
+  Named.setStyleName("Normal");
+  QGuiApplication::setFont(Named);
   for (const auto& s : kStyles) {
     QFont g;
     ASSERT_TRUE(Fonts::ParseFontText(QStringLiteral("Serif, 1pt, %1").arg(s.Style), g));
     EXPECT_EQ(g.weight(), s.Weight) << s.Style;
-    EXPECT_EQ(Fonts::FontText(g), QStringLiteral("Serif,  1pt,  %1").arg(s.Shown));
+    const QString sText = Fonts::FontText(g);
+    EXPECT_EQ(sText, QStringLiteral("Serif,  1pt,  %1").arg(s.Shown));
+    QFont Back;
+    ASSERT_TRUE(Fonts::ParseFontText(sText, Back));
+    EXPECT_EQ(Fonts::FontText(Back), sText) << s.Style;
   }
+  QGuiApplication::setFont(App);
 
   // Defaults: the application font at 8 points; followers share their source.
   EXPECT_EQ(Fonts::DefaultFont(FONT_APP).pointSize(), 8);

@@ -84,7 +84,12 @@ CMainWindow::~CMainWindow() { qApp->removeEventFilter(this); }
 
 void CMainWindow::UpdateTitle() {
   setWindowTitle(QApplication::applicationName() + QLatin1Char(' ') + QApplication::applicationVersion() +
-                 QStringLiteral(" - New Project"));
+                 QStringLiteral(" - ") + (m_sProjectPath.isEmpty() ? QStringLiteral("New Project") : m_sProjectPath));
+}
+
+void CMainWindow::SetProjectTitle(const QString& sProjectPath) {
+  m_sProjectPath = sProjectPath;
+  UpdateTitle();
 }
 
 void CMainWindow::CreateActions() {
@@ -113,7 +118,6 @@ void CMainWindow::RegisterOwnSlots() {
   SetCommandSlot(AID_HELP_COMMANDS, [this](int Id) { OnHelpCommands(Id); });
   SetCommandSlot(AID_HELP_ABOUT, [this](int Id) { OnHelpAbout(Id); });
   SetCommandSlot(AID_FILE_EXIT, [this](int Id) { OnFileExit(Id); });
-  SetCommandSlot(AID_PROJECT_SET_CONSOLE_LOG_FILE, [this](int Id) { OnSetConsoleLogFile(Id); });
   SetCommandSlot(AID_PROJECT_ADD_ROOT_PATH, [this](int Id) { OnAddRootPath(Id); });
 }
 
@@ -143,13 +147,24 @@ void CMainWindow::OnUtilSleep(int Id) {
     SetActionError(Id, QStringLiteral("invalid parameter"));
     return;
   }
-  // Events go on being processed while the time passes.
+  // Events go on being processed while the time passes, so the window stays
+  // usable; closing it ends the wait. In batch mode the wait counts against
+  // the time limit of the line.
+  const qint64 Left = CommandTimeLeftMs();
+  const bool Limited = Left >= 0 && Left < ms;
+  const qint64 Wait = Limited ? Left : ms;
   QElapsedTimer t;
   t.start();
-  while (t.elapsed() < ms) {
+  while (t.elapsed() < Wait && !m_IsClosing) {
     QApplication::processEvents(QEventLoop::AllEvents, 5);
-    QThread::msleep(std::min<qint64>(5, std::max<qint64>(0, ms - t.elapsed())));
+    QThread::msleep(std::min<qint64>(5, std::max<qint64>(0, Wait - t.elapsed())));
   }
+  if (Limited) {
+    SetActionError(Id, QStringLiteral("batch time limit of %1 s per line exceeded").arg(CommandTimeLimitSeconds()));
+    SetActionResult(Id, -1);
+    return;
+  }
+  SetActionResult(Id, 0);
 }
 
 void CMainWindow::OnHelpCommands(int Id) {
@@ -168,11 +183,6 @@ void CMainWindow::OnFileExit(int Id) {
   m_ExitRequested = true;
   // Leaves the slot first, so that the echo of this command is complete.
   QTimer::singleShot(0, this, [this] { close(); });
-}
-
-void CMainWindow::OnSetConsoleLogFile(int Id) {
-  if (!CheckArgCount(Id)) return;
-  SetLogFile(LOG_FILE_CONSOLE, GetActionArgs(Id).at(0));
 }
 
 void CMainWindow::OnAddRootPath(int Id) {

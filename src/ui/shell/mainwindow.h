@@ -10,8 +10,8 @@ class CConsoleWindow;
 class QCloseEvent;
 class QTimer;
 
-// Hooks through which modules take part in closing the main window. They may
-// be installed before the window exists.
+// Through these the top lets modules take part in closing the main window.
+// They may be installed before the window exists.
 namespace ShellHooks {
 // Asked first, in the order installed; one that answers false cancels the
 // close (unsaved project, modified documents).
@@ -41,6 +41,10 @@ class CMainWindow : public QMainWindow {
   bool OnWindowClosed(QCloseEvent* pEvent);
   void UpdateTitle();
 
+ public slots:
+  // The project shown in the title changed (empty: a new project).
+  void SetProjectTitle(const QString& sProjectPath);
+
  signals:
   void InitComplete();
 
@@ -57,7 +61,6 @@ class CMainWindow : public QMainWindow {
   void OnHelpCommands(int Id);
   void OnHelpAbout(int Id);
   void OnFileExit(int Id);
-  void OnSetConsoleLogFile(int Id);
   void OnAddRootPath(int Id);
 
   CConsoleWindow* m_pConsole = nullptr;
@@ -67,5 +70,6 @@ class CMainWindow : public QMainWindow {
   bool m_ShownDone = false;
   bool m_ExitRequested = false;
   QStringList m_RootPaths;
+  QString m_sProjectPath;
   std::function<void()> m_OnShown;
 };

@@ -1,7 +1,4 @@
-#include "app/cmdline.h"
-
-#include "commands/actions.h"
-#include "log/log.h"
+#include "cmdline/cmdline.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -27,7 +24,10 @@ const OPTION kOptions[] = {
     {"logfile", VALUE_REQUIRED, true},     {"loginterval", VALUE_REQUIRED, false},
     {"debug", VALUE_NONE, false},          {"vordenscriptfile", VALUE_REQUIRED, false},
     {"jtagconfig", VALUE_REQUIRED, false}, {"batch", VALUE_REQUIRED, false},
+    {"batchtimelimit", VALUE_REQUIRED, false},
 };
+
+const char* const kBatchUsage = "batch mode needs a file: -batch FILE, or -batch - for standard input";
 
 QString CleanValue(QString s) {
   if (s.startsWith(QLatin1Char('"'))) s.remove(0, 1);
@@ -44,7 +44,14 @@ QString NormalisePath(QString s) {
 void ApplyOption(CMDLINE_OPTIONS& o, const QString& sName, bool HasValue, const QString& sRawValue) {
   for (const OPTION& opt : kOptions) {
     if (sName.compare(QLatin1String(opt.sName), Qt::CaseInsensitive) != 0) continue;
-    if (opt.Rule == VALUE_REQUIRED && !HasValue) return;
+    if (opt.Rule == VALUE_REQUIRED && !HasValue) {
+      // A batch run without its file must not fall back to the window.
+      if (QLatin1String(opt.sName) == QLatin1String("batch")) {
+        o.IsBatch = true;
+        o.BatchError = QLatin1String(kBatchUsage);
+      }
+      return;
+    }
     QString v = HasValue ? CleanValue(sRawValue) : QString();
     if (opt.IsPath && HasValue) v = NormalisePath(v);
     const QString n = QLatin1String(opt.sName);
@@ -74,6 +81,11 @@ void ApplyOption(CMDLINE_OPTIONS& o, const QString& sName, bool HasValue, const 
     else if (n == QLatin1String("batch")) {
       o.IsBatch = true;
       o.BatchFile = v;
+      if (v.isEmpty()) o.BatchError = QLatin1String(kBatchUsage);
+    } else if (n == QLatin1String("batchtimelimit")) {
+      bool ok = false;
+      const int Seconds = v.toInt(&ok);
+      if (ok && Seconds >= 0) o.BatchTimeLimitS = Seconds;
     }
     return;
   }
@@ -88,6 +100,13 @@ CMDLINE_OPTIONS ParseCmdLine(const QStringList& Args) {
     if (!a.startsWith(QLatin1Char('-'))) continue;
     QString sName = a;
     while (sName.startsWith(QLatin1Char('-'))) sName.remove(0, 1);
+    // "-batch=FILE": the value stands in the same argument.
+    const int Eq = sName.indexOf(QLatin1Char('='));
+    if (Eq > 0 && sName.left(Eq).compare(QLatin1String("batch"), Qt::CaseInsensitive) == 0) {
+      const QString v = sName.mid(Eq + 1);
+      ApplyOption(o, QStringLiteral("batch"), !v.isEmpty(), v);
+      continue;
+    }
     const bool HasNext = i + 1 < Args.size();
     bool HasValue = HasNext && !Args[i + 1].startsWith(QLatin1Char('-'));
     // "-batch -" reads the commands from standard input.
@@ -104,60 +123,6 @@ CMDLINE_OPTIONS& GetCmdLineOptions() {
   static CMDLINE_OPTIONS o;
   return o;
 }
-
-PROJECT_SEAM& GetProjectSeam() {
-  static PROJECT_SEAM s;
-  return s;
-}
-
-QStringList BuildCmdLineCommands(const CMDLINE_OPTIONS& o) {
-  QStringList Cmds;
-  auto Add = [&](int Id, const QStringList& Args) {
-    if (Args.isEmpty() || Args.first().isEmpty()) return;
-    Cmds.append(RenderCommand(Id, Args));
-  };
-  Add(AID_PROJECT_SET_DEVICE, {o.Device});
-  Add(AID_PROJECT_SET_HOST_IF, {o.HostIF, o.HostID});
-  Add(AID_PROJECT_SET_TARGET_IF, {o.TargetIF});
-  Add(AID_PROJECT_SET_TIF_SPEED, {o.Speed});
-  Add(AID_PROJECT_SET_VORDEN_SCRIPT, {o.VordenScriptFile});
-  const QStringList Jtag = o.JTAGConfig.split(QLatin1Char(','));
-  if (Jtag.size() == 2) Add(AID_PROJECT_SET_JTAG_CONFIG, {Jtag[0].trimmed(), Jtag[1].trimmed()});
-  // The default register description files of the device's core are added
-  // by the register description module once it knows the core.
-  Add(AID_FILE_OPEN, {o.ProgramFile});
-  return Cmds;
-}
-
-bool CreateProjectFromCmdLine() {
-  const CMDLINE_OPTIONS o = GetCmdLineOptions();
-  const QString sPrefix = QStringLiteral("failed to create project from command line arguments: required argument \"");
-  if (o.Device.isEmpty()) {
-    LogError(sPrefix + QStringLiteral("device\" is missing."));
-    return false;
-  }
-  if (o.HostIF.isEmpty()) {
-    LogError(sPrefix + QStringLiteral("host interface\" is missing."));
-    return false;
-  }
-  if (o.TargetIF.isEmpty()) {
-    LogError(sPrefix + QStringLiteral("target interface\" is missing."));
-    return false;
-  }
-  const QStringList Cmds = BuildCmdLineCommands(o);
-  PROJECT_SEAM& Seam = GetProjectSeam();
-  if (Seam.SetMadeFromCmdLine) Seam.SetMadeFromCmdLine(true);
-  if (!o.ProjectFile.isEmpty() && QFileInfo(o.ProjectFile).isFile() && Seam.OpenExisting) {
-    Seam.OpenExisting(o.ProjectFile, Cmds);
-  } else if (Seam.Create) {
-    Seam.Create(o.ProjectFile, Cmds, false);
-  } else {
-    for (const QString& c : Cmds) LogScript(c);
-  }
-  return true;
-}
-
-void ApplyCmdLine() { (void)CreateProjectFromCmdLine(); }
 
 // ---------------------------------------------------------------- identity
 

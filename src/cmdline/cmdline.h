@@ -3,7 +3,6 @@
 #pragma once
 #include <QString>
 #include <QStringList>
-#include <functional>
 
 struct CMDLINE_OPTIONS {
   QString Device;
@@ -18,9 +17,14 @@ struct CMDLINE_OPTIONS {
   QString VordenScriptFile;
   QString JTAGConfig;
   bool DebugMode = false;
-  // Headless batch mode: -batch FILE ("-" for standard input).
+  // Headless batch mode: -batch FILE ("-" for standard input) or
+  // -batch=FILE. A batch option without a file leaves BatchError set.
   bool IsBatch = false;
   QString BatchFile;
+  QString BatchError;
+  // -batchtimelimit SECONDS: the longest time one batch line may take
+  // (waits such as Util.Sleep count); 0 means no limit.
+  int BatchTimeLimitS = 30;
 };
 
 // Parses an argument list whose first entry is the program path.
@@ -30,24 +34,6 @@ CMDLINE_OPTIONS ParseCmdLine();
 
 // The process-wide options, filled once at start-up.
 CMDLINE_OPTIONS& GetCmdLineOptions();
-
-// The command texts of a project made from the options, in their order.
-QStringList BuildCmdLineCommands(const CMDLINE_OPTIONS& Options);
-
-// The project module fills these: OpenExisting writes the commands into the
-// project file and opens it; Create makes a project in memory. Until it does,
-// the commands are only logged.
-struct PROJECT_SEAM {
-  std::function<bool(const QString& sProjectFile, const QStringList& Commands)> OpenExisting;
-  std::function<bool(const QString& sProjectFile, const QStringList& Commands, bool AllowDialogs)> Create;
-  std::function<void(bool FromCmdLine)> SetMadeFromCmdLine;
-};
-PROJECT_SEAM& GetProjectSeam();
-
-// Builds a project from the global options. False (with an error logged)
-// when Device, HostIF or TargetIF is missing.
-bool CreateProjectFromCmdLine();
-void ApplyCmdLine();
 
 // Application identity.
 QString AppOrganisation();            // "MARLEK"

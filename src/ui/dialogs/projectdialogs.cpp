@@ -1,4 +1,4 @@
-#include "project/settingsdialog.h"
+#include "ui/dialogs/projectdialogs.h"
 
 #include "commands/actions.h"
 #include "log/log.h"
@@ -23,7 +23,7 @@
 #include <QUrl>
 #include <QVBoxLayout>
 
-bool RunSettingsDialog(bool SysVarsOnly) {
+bool CProjectDialogs::RunSettingsDialog(bool SysVarsOnly) {
   QDialog Dlg;
   Dlg.setWindowTitle(SysVarsOnly ? QStringLiteral("System Variables") : QStringLiteral("Preferences"));
   auto* pLayout = new QVBoxLayout(&Dlg);
@@ -87,7 +87,7 @@ bool RunSettingsDialog(bool SysVarsOnly) {
   return true;
 }
 
-int ShowProjectWarningsDialog(const QStringList& Warnings, const QString& sProjectPath) {
+int CProjectDialogs::ShowProjectWarnings(const QStringList& Warnings, const QString& sProjectPath) {
   QDialog Dlg;
   Dlg.setWindowTitle(QStringLiteral("Project File Warnings"));
   auto* pLayout = new QVBoxLayout(&Dlg);
@@ -112,7 +112,7 @@ int ShowProjectWarningsDialog(const QStringList& Warnings, const QString& sProje
   return Dlg.exec() == QDialog::Accepted ? 1 : -1;
 }
 
-QStringList RunProjectWizard(QString* pProjectPath) {
+QStringList CProjectDialogs::RunProjectWizard(QString* pProjectPath) {
   QDialog Dlg;
   Dlg.setWindowTitle(QStringLiteral("New Project"));
   auto* pForm = new QFormLayout(&Dlg);
@@ -147,4 +147,13 @@ QStringList RunProjectWizard(QString* pProjectPath) {
   if (!sPath.isEmpty() && QFileInfo(sPath).suffix().isEmpty()) sPath += QStringLiteral(".vdebug");
   if (pProjectPath) *pProjectPath = sPath;
   return c;
+}
+
+QString CProjectDialogs::AskOpenFile(const QString& sDir) {
+  return QFileDialog::getOpenFileName(nullptr, QStringLiteral("Open File"), sDir);
+}
+
+QString CProjectDialogs::AskSaveProjectFile(const QString& sDir) {
+  return QFileDialog::getSaveFileName(nullptr, QStringLiteral("Save Project as..."), sDir,
+                                      QStringLiteral("Project files (*.vdebug)"));
 }
