@@ -128,6 +128,32 @@ int WriteMemImpl(U32 Addr, U32 NumBytes, const void* pData) {
   return n > 0 ? n : -1;
 }
 
+// The optional capabilities of the connected target. A back end without one
+// refuses its calls with the library's usual failure codes.
+template <class CAP>
+struct Cap {
+  std::shared_ptr<CBackend> Owner;  // keeps the capability alive
+  CAP* p = nullptr;
+  CAP* operator->() const { return p; }
+  explicit operator bool() const { return p != nullptr; }
+};
+template <class CAP>
+Cap<CAP> Capability(CAP* (CBackend::*Get)()) {
+  Cap<CAP> c;
+  c.Owner = Target();
+  if (c.Owner) c.p = (c.Owner.get()->*Get)();
+  return c;
+}
+Cap<ITraceBackend> TraceCap() { return Capability(&CBackend::Trace); }
+Cap<ITerminalBackend> TerminalCap() { return Capability(&CBackend::Terminal); }
+Cap<ISamplingBackend> SamplingCap() { return Capability(&CBackend::Sampling); }
+Cap<IPowerBackend> PowerCap() { return Capability(&CBackend::Power); }
+
+// The results of the run-control exports: 1 / 0 as documented, -1 when
+// no target can be reached (also when the back end reports a loss).
+signed char RunResult(int r) { return r < 0 ? -1 : r > 0 ? 1 : 0; }
+
+
 template <typename T>
 int ReadItems(U32 Addr, U32 NumItems, T* pData, U8* pStatus) {
   if (!pData || NumItems == 0 || NumItems > (1u << 26)) return -1;
@@ -294,10 +320,10 @@ int VORDENARM_EMU_SelectByUSBSN(U32 SerialNo) {
   return r;
 }
 
-char VORDENARM_SelectIP(const char* sHost, int Port) {
+signed char VORDENARM_SelectIP(const char* sHost, int Port) {
   Session& s = S();
   std::lock_guard<std::recursive_mutex> lk(s.Mx);
-  char r = 1;
+  signed char r = 1;
   if (sHost && *sHost) {
     s.Host = HIF_IP;
     s.IPHost = sHost;
@@ -558,22 +584,22 @@ void VORDENARM_EnableSoftBPs(char Enable) {
 // Run control
 // ---------------------------------------------------------------------------
 
-char VORDENARM_IsHalted(void) {
+signed char VORDENARM_IsHalted(void) {
   Session& s = S();
-  char r;
+  signed char r;
   if (s.Lost) {
     r = -1;
   } else {
     auto t = Target();
-    r = t ? (char)t->IsHalted() : -1;
+    r = t ? RunResult(t->IsHalted()) : -1;
   }
   CallLog("VORDENARM_IsHalted", r);
   return r;
 }
 
-char VORDENARM_Halt(void) {
+signed char VORDENARM_Halt(void) {
   auto t = Target();
-  char r = t ? (char)t->Halt() : 1;
+  signed char r = t ? RunResult(t->Halt()) : -1;
   CallLog("VORDENARM_Halt", r);
   return r;
 }
@@ -590,9 +616,9 @@ void VORDENARM_Go(void) {
   CallLog("VORDENARM_Go", r);
 }
 
-char VORDENARM_Step(void) {
+signed char VORDENARM_Step(void) {
   auto t = Target();
-  char r = t ? (char)(t->Step() ? 1 : 0) : 1;
+  signed char r = t ? RunResult(t->Step()) : -1;
   CallLog("VORDENARM_Step", r);
   return r;
 }
@@ -827,46 +853,48 @@ int VORDEN_STRACE_Config(const char* sConfig) {
 }
 
 int VORDEN_STRACE_Start(void) {
-  auto t = Target();
+  auto t = TraceCap();
   int r = (t && S().Streaming) ? t->TraceStart() : -1;
   CallLog("VORDEN_STRACE_Start", r);
   return r;
 }
 
 int VORDEN_STRACE_Stop(void) {
-  auto t = Target();
+  auto t = TraceCap();
   int r = t ? t->TraceStop() : -1;
   CallLog("VORDEN_STRACE_Stop", r);
   return r;
 }
 
 int VORDEN_STRACE_Read(U32* paItem, U32 NumItems) {
-  auto t = Target();
+  auto t = TraceCap();
   int r = (t && paItem && NumItems > 0) ? t->TraceRead(paItem, NumItems, nullptr, nullptr) : -1;
   CallLog("VORDEN_STRACE_Read", r, "%u", NumItems);
   return r;
 }
 
 int VORDEN_STRACE_ReadEx(U32* paItem, U32 NumItems, VORDEN_STRACE_TIMESTAMP_INFO* paStamps, int* pNumStamps, int Flags) {
-  auto t = Target();
+  auto t = TraceCap();
   int r = -1;
   if (t && paItem && NumItems > 0) {
     int none = 0;
     r = t->TraceRead(paItem, NumItems, paStamps, paStamps && pNumStamps ? pNumStamps : &none);
+  } else if (t.Owner && paItem && NumItems > 0 && paStamps && pNumStamps) {
+    *pNumStamps = 0;  // no trace on this target: no stamps either
   }
   CallLog("VORDEN_STRACE_ReadEx", r, "%u, %d", NumItems, Flags);
   return r;
 }
 
 int VORDEN_STRACE_Control(U32 Cmd, void* pData) {
-  auto t = Target();
+  auto t = TraceCap();
   int r = t ? t->TraceControl(Cmd, pData) : -1;
   CallLog("VORDEN_STRACE_Control", r, "%u", Cmd);
   return r;
 }
 
 int VORDEN_STRACE_GetInstStats(void* paItem, U32 Addr, U32 NumItems, U32 ItemSize, U32 Type) {
-  auto t = Target();
+  auto t = TraceCap();
   int r = -1;
   if (t && paItem && ItemSize == 8 && NumItems >= 2 && NumItems <= 200000000 && S().Streaming)
     r = t->GetInstStats((U64*)paItem, Addr, NumItems);
@@ -879,53 +907,55 @@ int VORDEN_STRACE_GetInstStats(void* paItem, U32 Addr, U32 NumItems, U32 ItemSiz
 // ---------------------------------------------------------------------------
 
 int VORDEN_LVTERMINAL_Control(U32 Cmd, void* pArg) {
-  auto t = Target();
+  auto t = TerminalCap();
   int r = t ? t->LVTControl(Cmd) : -1;
   CallLog("VORDEN_LVTERMINAL_Control", r, "%u", Cmd);
   return r;
 }
 
 int VORDEN_LVTERMINAL_Read(U32 BufferIndex, void* pBuffer, U32 NumBytes) {
-  auto t = Target();
+  auto t = TerminalCap();
   int r = (t && pBuffer && S().BMA != 0) ? t->LVTRead(BufferIndex, (U8*)pBuffer, NumBytes) : -1;
   CallLog("VORDEN_LVTERMINAL_Read", r, "%u, %u", BufferIndex, NumBytes);
   return r;
 }
 
 int VORDEN_LVTERMINAL_Write(U32 BufferIndex, const void* pBuffer, U32 NumBytes) {
-  auto t = Target();
+  auto t = TerminalCap();
   int r = (t && pBuffer && S().BMA != 0) ? t->LVTWrite(BufferIndex, (const U8*)pBuffer, NumBytes) : -1;
   CallLog("VORDEN_LVTERMINAL_Write", r, "%u, %u", BufferIndex, NumBytes);
   return r;
 }
 
 int VORDENARM_SWO_EnableTarget(U32 CPUSpeed, U32 SWOSpeed, int Mode, U32 PortMask) {
-  auto t = Target();
+  auto t = TerminalCap();
   int r = (t && Mode == 0 && CPUSpeed > 0 && SWOSpeed > 0 && SWOSpeed <= CPUSpeed) ? t->SWOEnable(PortMask) : -1;
   CallLog("VORDENARM_SWO_EnableTarget", r, "%u, %u, %d, 0x%08X", CPUSpeed, SWOSpeed, Mode, PortMask);
   return r;
 }
 
 int VORDENARM_SWO_DisableTarget(U32 PortMask) {
-  auto t = Target();
+  auto t = TerminalCap();
   int r = t ? t->SWODisable(PortMask) : -1;
   CallLog("VORDENARM_SWO_DisableTarget", r, "0x%08X", PortMask);
   return r;
 }
 
 int VORDENARM_SWO_Control(U32 Cmd, void* pArg) {
-  auto t = Target();
+  auto t = TerminalCap();
   int r = -1;
   if (t) {
     if (Cmd == 2) r = t->SWOFlush(pArg ? *(U32*)pArg : 0xFFFFFFFF);
     else if (Cmd == 0) r = t->SWOCount();
+  } else if (t.Owner && Cmd == 0) {
+    r = 0;  // no SWO on this target: nothing buffered
   }
   CallLog("VORDENARM_SWO_Control", r, "%u", Cmd);
   return r;
 }
 
 int VORDENARM_SWO_ReadStimulus(int Port, U8* pData, U32 NumBytes) {
-  auto t = Target();
+  auto t = TerminalCap();
   int r = (t && pData) ? t->SWORead(Port, pData, NumBytes) : -1;
   CallLog("VORDENARM_SWO_ReadStimulus", r, "%d, %u", Port, NumBytes);
   return r;
@@ -954,35 +984,36 @@ int VORDENARM_SWO_GetCompatibleSpeeds(U32 CPUSpeed, U32 MaxSWOSpeed, U32* paSWOS
 // ---------------------------------------------------------------------------
 
 int VORDEN_HSS_Start(VORDEN_HSS_MEM_BLOCK_DESC* paDesc, int NumBlocks, int Period_us, int Flags) {
-  auto t = Target();
-  int r = t ? t->HSSStart(paDesc, NumBlocks, Period_us) : -1;
+  auto t = SamplingCap();
+  // -4: the target cannot sample.
+  int r = t ? t->HSSStart(paDesc, NumBlocks, Period_us) : t.Owner ? -4 : -1;
   CallLog("VORDEN_HSS_Start", r, "%d, %d, %d", NumBlocks, Period_us, Flags);
   return r;
 }
 
 int VORDEN_HSS_Stop(void) {
-  auto t = Target();
+  auto t = SamplingCap();
   int r = t ? t->HSSStop() : -1;
   CallLog("VORDEN_HSS_Stop", r);
   return r;
 }
 
 int VORDEN_HSS_Read(void* pBuffer, U32 BufferSize) {
-  auto t = Target();
+  auto t = SamplingCap();
   int r = (t && pBuffer) ? t->HSSRead((U8*)pBuffer, BufferSize) : -1;
   CallLog("VORDEN_HSS_Read", r, "%u", BufferSize);
   return r;
 }
 
 int VORDEN_POWERTRACE_Control(int Cmd, void* pIn, void* pOut) {
-  auto t = Target();
+  auto t = PowerCap();
   int r = t ? t->PowerControl(Cmd, pIn, pOut) : -1;
   CallLog("VORDEN_POWERTRACE_Control", r, "%d", Cmd);
   return r;
 }
 
 int VORDEN_POWERTRACE_Read(VORDEN_POWERTRACE_DATA_ITEM* paData, U32 NumItems) {
-  auto t = Target();
+  auto t = PowerCap();
   int r = (t && paData) ? t->PowerRead(paData, NumItems) : -1;
   CallLog("VORDEN_POWERTRACE_Read", r, "%u", NumItems);
   return r;

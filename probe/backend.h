@@ -1,7 +1,8 @@
 // The seam between the exported C functions and a target back end. The
 // built-in simulator is one back end (selected by the "USB" host interface);
-// a GDB remote protocol client would be another (selected by "IP") and only
-// has to implement this interface.
+// the GDB remote protocol client is another (selected by "IP"). Every back
+// end has run control, registers, memory, breakpoints and commands; trace,
+// terminals, sampling and power are capabilities a back end may lack.
 #pragma once
 
 #include <functional>
@@ -14,12 +15,18 @@ namespace vorden {
 
 using LogFn = std::function<void(int Level, const std::string& sText)>;  // 0 info, 1 warn, 2 error
 
+class ITraceBackend;
+class ITerminalBackend;
+class ISamplingBackend;
+class IPowerBackend;
+
 class CBackend {
  public:
   virtual ~CBackend() = default;
   virtual int DeviceIndex() const = 0;
 
-  // Run control. IsHalted: 1 halted, 0 running.
+  // Run control. IsHalted: 1 halted, 0 running, negative: the target is
+  // lost. Halt and Step: 0 done, non-zero failed.
   virtual int IsHalted() = 0;
   virtual int Halt() = 0;
   virtual int Go(U32 Flags) = 0;
@@ -47,12 +54,32 @@ class CBackend {
   // Knobs and commands that belong to the back end; false if unknown.
   virtual bool ExecCommand(const std::string& sName, const std::string& sValue, std::string& sError) = 0;
 
-  // Trace, statistics, terminals, sampling and power.
+  // Optional capabilities: null when the back end has none (the exports
+  // then refuse the call the documented way). The object lives as long as
+  // the back end.
+  virtual ITraceBackend* Trace() { return nullptr; }
+  virtual ITerminalBackend* Terminal() { return nullptr; }
+  virtual ISamplingBackend* Sampling() { return nullptr; }
+  virtual IPowerBackend* Power() { return nullptr; }
+};
+
+// Instruction trace and execution statistics.
+class ITraceBackend {
+ public:
+  virtual ~ITraceBackend() = default;
   virtual int TraceControl(U32 Cmd, void* pData) = 0;
   virtual int TraceStart() = 0;
   virtual int TraceStop() = 0;
+  // Newest first; pNumStamps: room for stamps in, stamps written out.
   virtual int TraceRead(U32* paItem, U32 NumItems, VORDEN_STRACE_TIMESTAMP_INFO* paStamps, int* pNumStamps) = 0;
   virtual int GetInstStats(U64* paItem, U32 Addr, U32 NumItems) = 0;
+};
+
+// Terminal channels: the LVT control block in target RAM and the SWO
+// stimulus ports.
+class ITerminalBackend {
+ public:
+  virtual ~ITerminalBackend() = default;
   virtual int LVTControl(U32 Cmd) = 0;
   virtual int LVTRead(U32 BufIdx, U8* pData, U32 NumBytes) = 0;
   virtual int LVTWrite(U32 BufIdx, const U8* pData, U32 NumBytes) = 0;
@@ -61,9 +88,21 @@ class CBackend {
   virtual int SWORead(int Port, U8* pData, U32 NumBytes) = 0;
   virtual int SWOFlush(U32 NumBytes) = 0;
   virtual int SWOCount() = 0;
+};
+
+// High speed sampling of memory blocks.
+class ISamplingBackend {
+ public:
+  virtual ~ISamplingBackend() = default;
   virtual int HSSStart(const VORDEN_HSS_MEM_BLOCK_DESC* paDesc, int NumBlocks, int PeriodUs) = 0;
   virtual int HSSStop() = 0;
   virtual int HSSRead(U8* pBuffer, U32 BufferSize) = 0;
+};
+
+// Target supply current.
+class IPowerBackend {
+ public:
+  virtual ~IPowerBackend() = default;
   virtual int PowerControl(int Cmd, void* pIn, void* pOut) = 0;
   virtual int PowerRead(VORDEN_POWERTRACE_DATA_ITEM* paData, U32 NumItems) = 0;
 };

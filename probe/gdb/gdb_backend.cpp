@@ -444,28 +444,6 @@ class CGdbBackend : public CBackend {
     return false;
   }
 
-  // ---- not available through a GDB server -------------------------------------
-  int TraceControl(U32, void*) override { return -1; }
-  int TraceStart() override { return -1; }
-  int TraceStop() override { return -1; }
-  int TraceRead(U32*, U32, VORDEN_STRACE_TIMESTAMP_INFO*, int* pNumStamps) override {
-    if (pNumStamps) *pNumStamps = 0;
-    return -1;
-  }
-  int GetInstStats(U64*, U32, U32) override { return -1; }
-  int LVTControl(U32) override { return -1; }
-  int LVTRead(U32, U8*, U32) override { return -1; }
-  int LVTWrite(U32, const U8*, U32) override { return -1; }
-  int SWOEnable(U32) override { return -1; }
-  int SWODisable(U32) override { return -1; }
-  int SWORead(int, U8*, U32) override { return -1; }
-  int SWOFlush(U32) override { return -1; }
-  int SWOCount() override { return 0; }
-  int HSSStart(const VORDEN_HSS_MEM_BLOCK_DESC*, int, int) override { return -4; }
-  int HSSStop() override { return -1; }
-  int HSSRead(U8*, U32) override { return -1; }
-  int PowerControl(int, void*, void*) override { return -1; }
-  int PowerRead(VORDEN_POWERTRACE_DATA_ITEM*, U32) override { return -1; }
 
  private:
   struct RegInfo {

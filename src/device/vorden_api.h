@@ -212,7 +212,7 @@ VORDEN_API char VORDENARM_IsConnected(void);
 VORDEN_API int VORDENARM_Connect(void);                     // 0 = target reached
 VORDEN_API int VORDENARM_SelectUSB(int Port);               // negative on failure
 VORDEN_API int VORDENARM_EMU_SelectByUSBSN(U32 SerialNo);   // negative: no probe
-VORDEN_API char VORDENARM_SelectIP(const char* sHost, int Port); // 1 on failure
+VORDEN_API signed char VORDENARM_SelectIP(const char* sHost, int Port); // 0 selected, 1 on failure
 // Result 0 on success; an unknown or failing command writes a non-empty
 // error text into acOut (cut to BufferSize) and returns a negative value.
 VORDEN_API int VORDENARM_ExecCommand(const char* sCmd, char* acOut, int BufferSize);
@@ -245,13 +245,17 @@ VORDEN_API void VORDENARM_EnableSoftBPs(char Enable);
 // ---------------------------------------------------------------------------
 // Run control
 // ---------------------------------------------------------------------------
-// >= 1 halted, 0 running, < 0 connection lost or not connected.
-VORDEN_API char VORDENARM_IsHalted(void);
-VORDEN_API char VORDENARM_Halt(void);                       // 0 = halted
+// Signed results: a lost connection is negative on every platform.
+// IsHalted: 1 halted, 0 running, -1 connection lost or not connected.
+VORDEN_API signed char VORDENARM_IsHalted(void);
+// Halt: 0 halted, 1 the core did not stop, -1 connection lost or not connected.
+VORDEN_API signed char VORDENARM_Halt(void);
 // Resume. MaxEmulInsts is ignored; flag 1 steps over a breakpoint at the PC.
 VORDEN_API void VORDENARM_GoEx(U32 MaxEmulInsts, U32 Flags);
 VORDEN_API void VORDENARM_Go(void);
-VORDEN_API char VORDENARM_Step(void);                       // 0 = stepped, halted after
+// Step: 0 stepped and halted after, 1 not stepped (running, locked up or the
+// step did not finish), -1 connection lost or not connected.
+VORDEN_API signed char VORDENARM_Step(void);
 VORDEN_API int VORDENARM_SetResetType(int ResetType);
 VORDEN_API void VORDENARM_SetResetDelay(int DelayMs);
 VORDEN_API int VORDENARM_Reset(void);                       // 0: halted at the reset vector
