@@ -87,7 +87,10 @@ bool CSimChannels::ExecCommand(const std::string& sName, const std::string& sVal
   return false;
 }
 
+// The emulation thread asks at every timed event; with sampling and power off
+// (the usual case) neither call takes the lock.
 U64 CSimChannels::NextEvent() {
+  if (!m_hssOn && !m_powerOn) return ~0ull;
   std::lock_guard<std::mutex> lk(m_dataMx);
   U64 n = ~0ull;
   if (m_hssOn) n = std::min(n, m_hssNext);
@@ -96,6 +99,7 @@ U64 CSimChannels::NextEvent() {
 }
 
 void CSimChannels::Service(U64 c) {
+  if (!m_hssOn && !m_powerOn) return;
   std::lock_guard<std::mutex> lk(m_dataMx);
   while (m_hssOn && c >= m_hssNext) {
     HSSSample(m_hssNext);

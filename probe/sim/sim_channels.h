@@ -62,7 +62,7 @@ class CSimChannels : public ITerminalBackend, public ISamplingBackend, public IP
   const CSimMemory& m_mem;
   CSimSystem& m_sys;
   ISimCore& m_core;
-  std::mutex m_dataMx;  // guards everything below
+  std::mutex m_dataMx;  // guards everything below (the on flags are also read without it)
 
   // SWO.
   U32 m_swoPortMask = 0;
@@ -74,12 +74,13 @@ class CSimChannels : public ITerminalBackend, public ISamplingBackend, public IP
   U32 m_lvtFound = 0xFFFFFFFF;
   std::vector<std::pair<U32, U32>> m_lvtRanges;
   // HSS.
-  bool m_hssOn = false;
+  std::atomic<bool> m_hssOn{false};
   std::vector<HSSBlock> m_hssBlocks;
   U64 m_hssPeriod = 0, m_hssNext = ~0ull;
   std::vector<U8> m_hssBuf;
   // Power.
-  bool m_powerOn = false, m_powerHighRes = false;
+  std::atomic<bool> m_powerOn{false};
+  bool m_powerHighRes = false;
   std::atomic<bool> m_supplyOn{true};
   U32 m_powerFreq = 1000;
   U64 m_powerNext = ~0ull;

@@ -112,25 +112,16 @@ void CSimTrace::WritePCLog() {
   m_pcLog.clear();
 }
 
-void CSimTrace::CountStats(U32 Pc) {
-  StatsRange* r = m_lastStats;
-  U32 off = r ? Pc - r->Addr : 0;
-  if (!r || off >= r->Size) {
-    r = nullptr;
-    for (StatsRange& x : m_stats)
-      if (Pc - x.Addr < x.Size) r = &x;
-    if (!r) {
-      m_totalFetch++;
-      return;
-    }
-    m_lastStats = r;
-    off = Pc - r->Addr;
+void CSimTrace::CountStatsElsewhere(U32 Pc) {
+  StatsRange* r = nullptr;
+  for (StatsRange& x : m_stats)
+    if (Pc - x.Addr < x.Size) r = &x;
+  if (!r) {
+    m_totalFetch++;
+    return;
   }
-  r->Fetch[off >> 1]++;
-  m_totalFetch++;
-  U16 hw;
-  memcpy(&hw, r->pHost + off, 2);
-  if ((hw & 0xFF00) == 0xBF00 && (hw & 0xF) != 0) CheckIT(Pc);
+  m_lastStats = r;
+  CountStats(Pc);
 }
 
 // An IT instruction decides which of the next up to four instructions run.

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -60,7 +61,19 @@ class CSimTrace : public ITraceBackend {
     U64 Seq, Cycles;
   };
   void Stamp();
-  void CountStats(U32 Pc);
+  // Fetch counters: the range of the previous instruction inline, the rest
+  // out of line.
+  void CountStats(U32 Pc) {
+    StatsRange* r = m_lastStats;
+    U32 off = r ? Pc - r->Addr : 0;
+    if (!r || off >= r->Size) return CountStatsElsewhere(Pc);
+    r->Fetch[off >> 1]++;
+    m_totalFetch++;
+    U16 hw;
+    memcpy(&hw, r->pHost + off, 2);
+    if ((hw & 0xFF00) == 0xBF00 && (hw & 0xF) != 0) CheckIT(Pc);
+  }
+  void CountStatsElsewhere(U32 Pc);
   void CheckIT(U32 Pc);
   void WritePCLog();
 
