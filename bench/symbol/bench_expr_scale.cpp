@@ -98,7 +98,7 @@ int main() {
   for (const SHAPE& s : Shapes) {
     printf("%s\n", s.name);
     FIGURE Prev;
-    for (int n = 6250; n <= 50000; n *= 2) {
+    for (int n = 6000; n <= 48000; n *= 2) {
       const QString t = s.make(n);
       const FIGURE f = Measure(t);
       printf("  %6d chars: %8.2f ms  %7.1f MB peak growth", (int)t.size(), f.ms, f.mb);

@@ -138,17 +138,22 @@ TEST(ExprFuzz, DeepAndLongTexts) {
     ASSERT_EQ(e.BuildTree(), 0);
     ASSERT_EQ(CountNodes(e.GetTree()), n + 1);
   }
-  // Deep brackets, balanced and not.
+  // Deep brackets, balanced and not: up to the nesting limit they parse,
+  // beyond it they are refused before any pass runs.
   {
-    CExpression e(QString(n, QChar('(')) + QStringLiteral("a") + QString(n, QChar(')')));
+    const int d = EXPR_MAX_NESTING;
+    CExpression e(QString(d, QChar('(')) + QStringLiteral("a") + QString(d, QChar(')')));
     ASSERT_EQ(e.GetStatus(), 0);
     ASSERT_EQ(e.GetPostfix(), QStringList{QStringLiteral("a")});
-    CExpression u(QString(n, QChar('(')) + QStringLiteral("a"));
+    CExpression u(QString(d, QChar('(')) + QStringLiteral("a"));
     ASSERT_EQ(u.GetStatus(), -2);
+    CExpression v(QString(n / 2, QChar('(')) + QStringLiteral("a") + QString(n / 2, QChar(')')));
+    ASSERT_EQ(v.GetStatus(), -2);
+    ASSERT_TRUE(v.GetError().startsWith(QStringLiteral("expression nested too deeply")));
   }
   {
     QString s;
-    for (int i = 0; i < n / 4; ++i) s += QStringLiteral("a[");
+    for (int i = 0; i < EXPR_MAX_NESTING; ++i) s += QStringLiteral("a[");
     CExpression e(s);
     ASSERT_EQ(e.GetStatus(), 0);
     ASSERT_EQ(e.BuildTree(), -2);
@@ -168,8 +173,9 @@ TEST(ExprFuzz, DeepAndLongTexts) {
     ASSERT_EQ(CountNodes(e.GetTree()), 2 * (n / 8) + 1);
     CExpression s(stray);
     ASSERT_EQ(s.GetStatus(), -2);
-    for (int i = 0; i < n / 8; ++i) nested += QStringLiteral("(a+");
-    nested += QStringLiteral("(T*)p") + QString(n / 8, QChar(')'));
+    const int Depth = EXPR_MAX_NESTING - 1;  // the cast's "(" is one level more
+    for (int i = 0; i < Depth; ++i) nested += QStringLiteral("(a+");
+    nested += QStringLiteral("(T*)p") + QString(Depth, QChar(')'));
     CExpression d(nested);
     ASSERT_EQ(d.GetStatus(), 0);
     ASSERT_EQ(d.BuildTree(), 0);
