@@ -1,12 +1,12 @@
 // Call frame rules against readelf --debug-dump=frames-interp, row by row,
 // and the text forms of locations.
 #include "dwarf_test_util.h"
+#include "testsupport/readelf_oracle.h"
 #include "elf/dwarf/location.h"
 
 #include <gtest/gtest.h>
 #include <map>
 #include <regex>
-#include <sstream>
 #include <string.h>
 
 namespace {
@@ -46,30 +46,37 @@ TEST_P(CfaVsReadelf, RowByRow) {
   ASSERT_NE(df.f, nullptr);
   const int ra = ELF_GetReturnAddressColumn(df.f);
   EXPECT_EQ(ra, 14);
-  auto lines = SplitLines(RunTool("arm-none-eabi-readelf -W --debug-dump=frames-interp " + path));
-  std::regex cieRe(R"(^[0-9a-f]+ [0-9a-f]+ ffffffff CIE)");
-  std::regex fdeRe(R"(FDE cie=[0-9a-f]+ pc=([0-9a-f]+)\.\.([0-9a-f]+))");
-  std::regex rowRe(R"(^([0-9a-f]{8}) (\S+)\s*(.*)$)");
-  std::vector<std::string> cols;
   std::string cieCfa;
-  bool inCie = false, fdeHasRows = false;
-  U32 fdeLo = 0, fdeHi = 0;
   int fdes = 0, rows = 0;
   std::vector<std::pair<U32, U32>> fdeRanges;
-  auto checkEmptyFde = [&]() {
-    // A description without instructions keeps the CIE's rule.
-    if (fdes && !fdeHasRows && !cieCfa.empty()) {
-      EXPECT_TRUE(SameCfa(cieCfa, ELF_GetCfaRule(df.f, fdeLo))) << std::hex << fdeLo;
-    }
-  };
-  for (auto& l : lines) {
-    std::smatch m;
-    if (std::regex_search(l, m, cieRe)) {
-      inCie = true;
+  for (const readelf::CfiTable& d : readelf::FrameTables(path)) {
+    if (d.Cie) {
+      if (!d.Rows.empty()) cieCfa = d.Rows.back().Cfa;
       continue;
     }
-    if (std::regex_search(l, m, fdeRe)) {
-      checkEmptyFde();
+    ++fdes;
+    fdeRanges.emplace_back(d.Start, d.End);
+    // A description without instructions keeps the CIE's rule.
+    if (d.Rows.empty() && !cieCfa.empty())
+      EXPECT_TRUE(SameCfa(cieCfa, ELF_GetCfaRule(df.f, d.Start))) << std::hex << d.Start;
+    for (const readelf::CfiRow& r : d.Rows) {
+      // An advance to the very end of a description makes readelf print a
+      // row for an address the description doesn't hold: no rules there.
+      if (r.Loc >= d.End) continue;
+      ELF_SYM_LOCS ours;
+      ASSERT_GT(ELF_GetRegisterRules(df.f, r.Loc, 320, ours), 13) << std::hex << r.Loc;
+      EXPECT_TRUE(SameCfa(r.Cfa, ours[13])) << std::hex << r.Loc << " CFA " << r.Cfa << " vs "
+                                            << ELF_LocationToText(ours[13]);
+      EXPECT_TRUE(SameCfa(r.Cfa, ELF_GetCfaRule(df.f, r.Loc))) << std::hex << r.Loc;
+      for (size_t i = 0; i < d.Columns.size() && i < r.Rules.size(); ++i) {
+        const U32 col = d.Columns[i] == "ra" ? (U32)ra : (U32)atoi(d.Columns[i].c_str() + 1);
+        ASSERT_LT(col, ours.size());
+        EXPECT_TRUE(SameRule(r.Rules[i], ours[col], col))
+            << std::hex << r.Loc << " " << d.Columns[i] << ": " << r.Rules[i] << " vs " << ELF_LocationToText(ours[col]);
+      }
+      ++rows;
+    }
+  }
       inCie = false;
       fdeHasRows = false;
       fdeLo = (U32)strtoul(m[1].str().c_str(), nullptr, 16);

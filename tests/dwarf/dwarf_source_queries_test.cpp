@@ -4,6 +4,7 @@
 // analysis taken from objdump's disassembly, checked against the line rows
 // that llvm-dwarfdump decodes from the same file.
 #include "dwarf_test_util.h"
+#include "testsupport/readelf_oracle.h"
 #include "elf/dwarf/insn_analysis.h"
 #include "elf/dwarf/line_tables.h"
 #include "elf/dwarf/source_queries.h"
@@ -300,12 +301,10 @@ struct WalkOracle {
 
   explicit WalkOracle(const std::string& path) : rows(ReadRows(path)) {
     // A function symbol without size runs to the next one, as the ELF layer completes it.
-    static const std::regex symRe(R"(^\s*\d+:\s+([0-9a-f]{8})\s+(\d+)\s+FUNC\s)");
-    std::smatch m;
-    for (const std::string& l : SplitLines(RunTool("arm-none-eabi-readelf -sW " + path)))
-      if (std::regex_search(l, m, symRe)) {
-        const U32 a = (U32)Num(m[1], 16) & ~1u;
-        functions[a] = std::max(functions[a], a + (U32)Num(m[2], 10));
+    for (const readelf::Symbol& y : readelf::Symbols(path))
+      if (y.Type == "FUNC") {
+        const U32 a = y.Value & ~1u;
+        functions[a] = std::max(functions[a], a + y.Size);
       }
     for (auto it = functions.begin(); it != functions.end();) {
       auto next = std::next(it);
