@@ -137,12 +137,7 @@ INSTANTIATE_TEST_SUITE_P(Corpus, CfaVsReadelf,
                          ::testing::Values("app-dwarf2-O0.elf", "app-dwarf2-O2.elf", "app-dwarf3-O2.elf",
                                            "app-dwarf4-O0.elf", "app-dwarf4-O2.elf", "app-dwarf4-O2-be.elf",
                                            "app-dwarf5-O2.elf", "newlib-dwarf5-O2-full.elf", "newlib-mixed-O2.elf"),
-                         [](const auto& info) {
-                           std::string s = info.param;
-                           for (char& c : s)
-                             if (!isalnum((unsigned char)c)) c = '_';
-                           return s;
-                         });
+                         CorpusParamName);
 
 ELF_SYM_LOC Part(U32 kind, I32 offset, U32 reg = 0, U32 addr = 0) {
   ELF_SYM_LOC l;

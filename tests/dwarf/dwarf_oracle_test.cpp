@@ -170,12 +170,7 @@ INSTANTIATE_TEST_SUITE_P(Corpus, GlobalsVsGdb,
                                            "app-dwarf4-O2-be.elf", "app-dwarf4-types.elf", "app-dwarf5-O0.elf",
                                            "app-dwarf5-O2.elf", "newlib-dwarf5-O2-full.elf", "app-dwarf5-forms.elf",
                                            "newlib-mixed-O2.elf"),
-                         [](const auto& info) {
-                           std::string s = info.param;
-                           for (char& c : s)
-                             if (!isalnum((unsigned char)c)) c = '_';
-                           return s;
-                         });
+                         CorpusParamName);
 
 // Every row readelf decodes is a row of the reader: same file name, line
 // and address (end-of-sequence rows aside, which carry no line).
@@ -261,12 +256,7 @@ std::vector<std::string> LineCorpus() {
   return v;
 }
 
-INSTANTIATE_TEST_SUITE_P(Corpus, LinesVsReadelf, ::testing::ValuesIn(LineCorpus()), [](const auto& info) {
-  std::string s = info.param;
-  for (char& c : s)
-    if (!isalnum((unsigned char)c)) c = '_';
-  return s;
-});
+INSTANTIATE_TEST_SUITE_P(Corpus, LinesVsReadelf, ::testing::ValuesIn(LineCorpus()), CorpusParamName);
 
 // The function at the start of each debug function, and the inline chain
 // at sampled addresses inside it, as addr2line -f -i reports them.
@@ -365,11 +355,6 @@ INSTANTIATE_TEST_SUITE_P(Corpus, FunctionsVsAddr2line,
                          ::testing::Values("app-dwarf2-O2.elf", "app-dwarf4-O0.elf", "app-dwarf4-O2.elf",
                                            "app-dwarf4-O2-be.elf", "app-dwarf5-O0.elf", "app-dwarf5-O2.elf",
                                            "newlib-dwarf5-O2-full.elf", "app-dwarf5-forms.elf"),
-                         [](const auto& info) {
-                           std::string s = info.param;
-                           for (char& c : s)
-                             if (!isalnum((unsigned char)c)) c = '_';
-                           return s;
-                         });
+                         CorpusParamName);
 
 } // namespace

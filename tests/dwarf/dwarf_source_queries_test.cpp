@@ -24,12 +24,6 @@ std::string Lower(std::string s) {
   return s;
 }
 U64 Num(const std::string& s, int base = 0) { return strtoull(s.c_str(), nullptr, base); }
-std::string ParamName(const ::testing::TestParamInfo<std::string>& info) {
-  std::string s = info.param;
-  for (char& c : s)
-    if (!isalnum((unsigned char)c)) c = '_';
-  return s;
-}
 
 // ---- llvm-dwarfdump ------------------------------------------------------------------
 
@@ -170,7 +164,7 @@ INSTANTIATE_TEST_SUITE_P(Corpus, SourceLocsVsDwarfdump,
                          ::testing::Values("app-dwarf2-O0.elf", "app-dwarf3-O2.elf", "app-dwarf4-O2.elf",
                                            "app-dwarf4-O2-be.elf", "app-dwarf4-types.elf", "app-dwarf5-O2.elf", "newlib-dwarf5-O2-full.elf",
                                            "newlib-mixed-O2.elf"),
-                         ParamName);
+                         CorpusParamName);
 
 // Line tables written by the compiler itself (the corpus has the
 // assembler's) number files from 0 at version 5 and from 1 before; a
@@ -466,7 +460,7 @@ TEST_P(SourceWalksVsObjdump, LineBlocksAndCodeRanges) {
 INSTANTIATE_TEST_SUITE_P(Corpus, SourceWalksVsObjdump,
                          ::testing::Values("app-dwarf2-O0.elf", "app-dwarf4-O0.elf", "app-dwarf4-O0-be.elf",
                                            "app-dwarf5-O0.elf"),
-                         ParamName);
+                         CorpusParamName);
 
 // The size limit of the analysis walks, with their log lines.
 TEST(SourceWalks, SizeLimits) {

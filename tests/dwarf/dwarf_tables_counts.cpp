@@ -208,11 +208,6 @@ TEST_P(TablesCounts, BatchLoadLogsStagesAndCountsMatchReadelf) {
 INSTANTIATE_TEST_SUITE_P(Corpus, TablesCounts,
                          ::testing::Values("app-dwarf4-O0.elf", "app-dwarf4-O2.elf", "app-dwarf3-O2.elf",
                                            "app-dwarf2-O2.elf", "app-dwarf4-O2-be.elf", "newlib-dwarf4-O2.elf"),
-                         [](const auto& info) {
-                           std::string s = info.param;
-                           for (char& c : s)
-                             if (!isalnum((unsigned char)c)) c = '_';
-                           return s;
-                         });
+                         CorpusParamName);
 
 } // namespace
