@@ -180,25 +180,6 @@ std::string FlagText(U64 F) {
 
 // ---- loading and the static description ------------------------------------
 
-// The host's checks of CORE_STATIC_INFO, in their order; "" when all pass.
-static std::string CheckStaticInfo(const CORE_STATIC_INFO& S) {
-  if (S.MinInstLen == 0) return "invalid minimum instruction length.";
-  if (S.MaxInstLen == 0 || S.MaxInstLen < S.MinInstLen) return "invalid maximum instruction length";
-  if (S.MaxMnemonicLen == 0) return "invalid maximum mnemonic length";
-  if (S.InstAlign == 0) return "invalid instruction alignment";
-  if (S.NumRegs == 0) return "invalid register count";
-  if (S.RegSize == 0) return "invalid register size";
-  if (S.SPSize > 8) return "SP size";
-  if (S.PCSize > 8) return "PC size";
-  if (S.SPIdx >= S.NumRegs) return "invalid SP register index";
-  if (S.PCIdx >= S.NumRegs) return "invalid PC register index";
-  if (S.LRIdx >= S.NumRegs) return "invalid LR register index";
-  if (S.CFAIdx >= S.NumRegs) return "invalid CFA register index";
-  if (S.RAIdx >= S.NumRegs) return "invalid RA register index";
-  if (S.MaxUnwindRegIdx >= S.NumRegs) return "invalid maximum unwindable register index";
-  return "";
-}
-
 TEST(CorePluginArm, LoadsThroughExportsAndDescribesTheCore) {
   LoadedPlugin& P = Plugin();
   ASSERT_TRUE(P.hLib) << P.Error;
@@ -223,7 +204,12 @@ TEST(CorePluginArm, LoadsThroughExportsAndDescribesTheCore) {
   CORE_STATIC_INFO S;
   EXPECT_NE(P.Api.pfGetStaticInfo(&S, 100), 0);
   ASSERT_EQ(P.Api.pfGetStaticInfo(&S, sizeof S), 0);
-  EXPECT_EQ(CheckStaticInfo(S), "");
+  // What the host requires beyond the values below.
+  EXPECT_GT(S.MaxMnemonicLen, 0u);
+  EXPECT_GT(S.RegSize, 0u);
+  EXPECT_LE(S.SPSize, 8u);
+  EXPECT_LE(S.PCSize, 8u);
+  EXPECT_LT(S.MaxUnwindRegIdx, S.NumRegs);
   EXPECT_EQ(S.AddrSize, 4u);
   EXPECT_EQ(S.NumRegs, 17u);
   EXPECT_EQ(S.InstAlign, 2u);
