@@ -134,7 +134,7 @@ TEST(ParseCmdLine, EdgeCases) {
 // Random argument lists: the parser never crashes, a batch request always
 // ends with a file or an error, and the time limit is never negative.
 TEST(ParseCmdLine, RandomArguments) {
-  CRandomText R(77);
+  testsupport::RandomText R(77);
   const QStringList Words = {"-batch", "--batch=", "-batch=x", "-batchtimelimit", "-device", "-usb", "-ip", "-select",
                              "-if", "-speed", "-project", "-kestrel", "-debug", "-", "--", "=", "\"", "\"\"", "USB=",
                              "p.vdebug", "-jtagconfig", "1,2"};

@@ -28,7 +28,7 @@ QList<int> CommandIds() {
 }
 
 // An argument: any of the shapes a user or a script might pass.
-QString RandomArg(CRandomText& R, const QStringList& Constants, const QStringList& Files) {
+QString RandomArg(testsupport::RandomText& R, const QStringList& Constants, const QStringList& Files) {
   // No '/', '\\' or '$': file names stay inside the run's directory.
   static const QString kText = QStringLiteral("abcXYZ019 _-.,;:()+*&|^%!?<>=#@~'`{}[]\t\u00e4\u20ac");
   switch (R.Int(0, 9)) {
@@ -45,7 +45,7 @@ QString RandomArg(CRandomText& R, const QStringList& Constants, const QStringLis
   }
 }
 
-QString RandomLine(CRandomText& R, const QList<int>& Ids, const QStringList& Constants, const QStringList& Files) {
+QString RandomLine(testsupport::RandomText& R, const QList<int>& Ids, const QStringList& Constants, const QStringList& Files) {
   if (R.Chance(3)) return QString::fromLatin1(R.Bytes(int(R.Int(0, 80))).replace('\n', ' ').replace('\r', ' ').replace('\0', ' '));
   const int Id = R.Pick(Ids);
   QString sName = GetCommandName(Id);
@@ -90,7 +90,7 @@ TEST(RandomConsole, LinesFromTheActionTable) {
   WriteAll(sWork + "/p.vdebug.user", "Unknown=\"kept\"\nJunk=\"\xff\xfe\"\n");
   const QStringList Before = Snapshot(sOutside);
 
-  CRandomText R(Seed);
+  testsupport::RandomText R(Seed);
   QStringList Constants;
   for (int i = 0; i < GetNumConstants(); ++i) Constants << QString::fromLatin1(GetConstant(i)->sName);
   Constants << "VAR_RESET_MODE" << "PREF_SHOW_HEX_BLOCKS" << "COLOR_LOGGING_USER" << "FONT_CONSOLE" << "F" << "Loop";

@@ -43,13 +43,8 @@ struct TestHost {
     return pElf && pElf->Read(Addr, n, p) ? int(n) : -1;
   }
   static int GetProgramInfo(U64* paOut) {
-    if (!pElf) {
-      paOut[0] = paOut[1] = 0;
-      paOut[2] = ~0ull;
-      return 0;
-    }
-    paOut[0] = paOut[1] = pElf->LowestAddr();
-    paOut[2] = pElf->Entry;
+    paOut[0] = paOut[1] = pElf ? pElf->LowestAddr() : 0;
+    paOut[2] = pElf ? pElf->Entry : ~0ull;
     return 0;
   }
   static int GetFrameTable(void**) { return -1; }

@@ -21,14 +21,6 @@ int SimProgramInfo(U64* paOut) {
   return 0;
 }
 
-U32 ProbeReg(U32 Idx) {
-  U64 v = 0;
-  U8 st = 1;
-  EXPECT_EQ(VORDENARM_ReadRegs(&Idx, &v, &st, 1), 0);
-  EXPECT_EQ(st, 0);
-  return U32(v);
-}
-
 // Loads the plug-in with a host whose memory reads and program information
 // come from the simulator.
 void LoadOnSimulator(LoadedPlugin& P) {
@@ -63,8 +55,8 @@ TEST(CorePluginArmSim, DefaultExecStateAndRegistersOnTheSimulator) {
     ASSERT_EQ(VORDENARM_WriteReg(13, 0x20000100), 0);
     ASSERT_EQ(VORDENARM_WriteReg(15, 0x08000100), 0);
     ASSERT_EQ(P.Api.pfSetDefaultExecState(), 0);
-    EXPECT_EQ(ProbeReg(13), Sp0);
-    EXPECT_EQ(ProbeReg(15), Pc0 & ~1u);
+    EXPECT_EQ(probetest::Reg(13), Sp0);
+    EXPECT_EQ(probetest::Reg(15), Pc0 & ~1u);
   }
   g_pImage = &E;
 
@@ -81,13 +73,13 @@ TEST(CorePluginArmSim, DefaultExecStateAndRegistersOnTheSimulator) {
   }
   U64 V = 0x12345678;
   ASSERT_EQ(P.Api.pfWriteReg(5, 8, &V), 0);
-  EXPECT_EQ(ProbeReg(5), 0x12345678u);
+  EXPECT_EQ(probetest::Reg(5), 0x12345678u);
   ASSERT_EQ(P.Api.pfReadReg(5, 8, &V), 0);
   EXPECT_EQ(V, 0x12345678u);
   ASSERT_EQ(P.Api.pfReadCPReg("XPSR", 8, &V), 0);
-  EXPECT_EQ(V, ProbeReg(16));
+  EXPECT_EQ(V, probetest::Reg(16));
   ASSERT_EQ(P.Api.pfReadCPReg("MSP", 8, &V), 0);
-  EXPECT_EQ(V, ProbeReg(17));
+  EXPECT_EQ(V, probetest::Reg(17));
   U32 Mode = 99;
   ASSERT_EQ(P.Api.pfGetCPUMode(&Mode), 0);
   EXPECT_EQ(Mode, 0u);  // thread mode after reset
@@ -95,14 +87,14 @@ TEST(CorePluginArmSim, DefaultExecStateAndRegistersOnTheSimulator) {
   // One step, and the PC moves by the size the plug-in gives for the
   // instruction at the reset vector (unless that instruction branches).
   CORE_INST_INFO I;
-  U32 Pc = ProbeReg(15);
+  U32 Pc = probetest::Reg(15);
   ASSERT_EQ(P.Api.pfAnalyzeInst(Pc, &I), 0);
   g_pImage = nullptr;  // the same answer from target memory
   CORE_INST_INFO I2;
   ASSERT_EQ(P.Api.pfAnalyzeInst(Pc, &I2), 0);
   EXPECT_EQ(std::memcmp(&I, &I2, sizeof I), 0);
   ASSERT_EQ(VORDENARM_Step(), 0);
-  U32 Pc2 = ProbeReg(15);
+  U32 Pc2 = probetest::Reg(15);
   if (I.Flags & CORE_INST_CTRL_TRANSFER) {
     if (I.Flags & CORE_INST_TARGET_KNOWN) {
       EXPECT_TRUE(Pc2 == I.Target || Pc2 == Pc + I.Size);
@@ -126,10 +118,10 @@ TEST(CorePluginArmSim, SemihostingCallOfTheFirmware) {
   U32 Op = 0;
   U64 Arg = 0;
   // Halted at main: not a semihosting stop.
-  EXPECT_EQ(P.Api.pfHandleSemihosting(ProbeReg(15), &Op, &Arg), 0);
+  EXPECT_EQ(P.Api.pfHandleSemihosting(probetest::Reg(15), &Op, &Arg), 0);
   VORDENARM_GoEx(0, 1);
   ASSERT_TRUE(probetest::WaitHalt());
-  U32 Pc = ProbeReg(15);
+  U32 Pc = probetest::Reg(15);
   ASSERT_NE(Pc, Img.Sym("TestDone"));
   CORE_INST_INFO I;
   ASSERT_EQ(P.Api.pfAnalyzeInst(Pc, &I), 0);
@@ -140,11 +132,11 @@ TEST(CorePluginArmSim, SemihostingCallOfTheFirmware) {
   ASSERT_EQ(VORDENARM_ReadMemEx(U32(Arg), 12, acText, 0), 12);
   EXPECT_STREQ(acText, "semihosting\n");
   ASSERT_EQ(P.Api.pfCompleteSemihosting(0), 0);
-  EXPECT_EQ(ProbeReg(15), Pc + 2);
-  EXPECT_EQ(ProbeReg(0), 0u);
+  EXPECT_EQ(probetest::Reg(15), Pc + 2);
+  EXPECT_EQ(probetest::Reg(0), 0u);
   VORDENARM_GoEx(0, 1);
   ASSERT_TRUE(probetest::WaitHalt());
-  EXPECT_EQ(ProbeReg(15), Img.Sym("TestDone"));
+  EXPECT_EQ(probetest::Reg(15), Img.Sym("TestDone"));
   EXPECT_EQ(probetest::Mem32(Img.Sym("g_Result")), 0u);
   P.Api.pfDeinitSemihosting();
   VORDENARM_Close();

@@ -1,12 +1,12 @@
 // Call frame rules against readelf --debug-dump=frames-interp, row by row,
 // and the text forms of locations.
 #include "dwarf_test_util.h"
+#include "testsupport/readelf_oracle.h"
 #include "elf/dwarf/location.h"
 
 #include <gtest/gtest.h>
 #include <map>
 #include <regex>
-#include <sstream>
 #include <string.h>
 
 namespace {
@@ -46,70 +46,37 @@ TEST_P(CfaVsReadelf, RowByRow) {
   ASSERT_NE(df.f, nullptr);
   const int ra = ELF_GetReturnAddressColumn(df.f);
   EXPECT_EQ(ra, 14);
-  auto lines = SplitLines(RunTool("arm-none-eabi-readelf -W --debug-dump=frames-interp " + path));
-  std::regex cieRe(R"(^[0-9a-f]+ [0-9a-f]+ ffffffff CIE)");
-  std::regex fdeRe(R"(FDE cie=[0-9a-f]+ pc=([0-9a-f]+)\.\.([0-9a-f]+))");
-  std::regex rowRe(R"(^([0-9a-f]{8}) (\S+)\s*(.*)$)");
-  std::vector<std::string> cols;
   std::string cieCfa;
-  bool inCie = false, fdeHasRows = false;
-  U32 fdeLo = 0, fdeHi = 0;
   int fdes = 0, rows = 0;
   std::vector<std::pair<U32, U32>> fdeRanges;
-  auto checkEmptyFde = [&]() {
+  for (const readelf::CfiTable& d : readelf::FrameTables(path)) {
+    if (d.Cie) {
+      if (!d.Rows.empty()) cieCfa = d.Rows.back().Cfa;
+      continue;
+    }
+    ++fdes;
+    fdeRanges.emplace_back(d.Start, d.End);
     // A description without instructions keeps the CIE's rule.
-    if (fdes && !fdeHasRows && !cieCfa.empty()) {
-      EXPECT_TRUE(SameCfa(cieCfa, ELF_GetCfaRule(df.f, fdeLo))) << std::hex << fdeLo;
+    if (d.Rows.empty() && !cieCfa.empty())
+      EXPECT_TRUE(SameCfa(cieCfa, ELF_GetCfaRule(df.f, d.Start))) << std::hex << d.Start;
+    for (const readelf::CfiRow& r : d.Rows) {
+      // An advance to the very end of a description makes readelf print a
+      // row for an address the description doesn't hold: no rules there.
+      if (r.Loc >= d.End) continue;
+      ELF_SYM_LOCS ours;
+      ASSERT_GT(ELF_GetRegisterRules(df.f, r.Loc, 320, ours), 13) << std::hex << r.Loc;
+      EXPECT_TRUE(SameCfa(r.Cfa, ours[13])) << std::hex << r.Loc << " CFA " << r.Cfa << " vs "
+                                            << ELF_LocationToText(ours[13]);
+      EXPECT_TRUE(SameCfa(r.Cfa, ELF_GetCfaRule(df.f, r.Loc))) << std::hex << r.Loc;
+      for (size_t i = 0; i < d.Columns.size() && i < r.Rules.size(); ++i) {
+        const U32 col = d.Columns[i] == "ra" ? (U32)ra : (U32)atoi(d.Columns[i].c_str() + 1);
+        ASSERT_LT(col, ours.size());
+        EXPECT_TRUE(SameRule(r.Rules[i], ours[col], col))
+            << std::hex << r.Loc << " " << d.Columns[i] << ": " << r.Rules[i] << " vs " << ELF_LocationToText(ours[col]);
+      }
+      ++rows;
     }
-  };
-  for (auto& l : lines) {
-    std::smatch m;
-    if (std::regex_search(l, m, cieRe)) {
-      inCie = true;
-      continue;
-    }
-    if (std::regex_search(l, m, fdeRe)) {
-      checkEmptyFde();
-      inCie = false;
-      fdeHasRows = false;
-      fdeLo = (U32)strtoul(m[1].str().c_str(), nullptr, 16);
-      fdeHi = (U32)strtoul(m[2].str().c_str(), nullptr, 16);
-      fdeRanges.emplace_back(fdeLo, fdeHi);
-      ++fdes;
-      continue;
-    }
-    if (l.find("   LOC   CFA") == 0) {
-      cols.clear();
-      std::istringstream is(l.substr(12));
-      std::string c;
-      while (is >> c) cols.push_back(c);
-      continue;
-    }
-    if (!std::regex_match(l, m, rowRe)) continue;
-    if (inCie) {
-      cieCfa = m[2];
-      continue;
-    }
-    fdeHasRows = true;
-    const U32 pc = (U32)strtoul(m[1].str().c_str(), nullptr, 16);
-    // An advance to the very end of a description makes readelf print a row
-    // for an address the description doesn't hold: no rules there.
-    if (pc >= fdeHi) continue;
-    ELF_SYM_LOCS ours;
-    ASSERT_GT(ELF_GetRegisterRules(df.f, pc, 320, ours), 13) << std::hex << pc;
-    EXPECT_TRUE(SameCfa(m[2], ours[13])) << std::hex << pc << " CFA " << m[2] << " vs " << ELF_LocationToText(ours[13]);
-    EXPECT_TRUE(SameCfa(m[2], ELF_GetCfaRule(df.f, pc))) << std::hex << pc;
-    std::istringstream is(m[3].str());
-    std::string rule;
-    for (size_t i = 0; i < cols.size() && (is >> rule); ++i) {
-      const U32 col = cols[i] == "ra" ? (U32)ra : (U32)atoi(cols[i].c_str() + 1);
-      ASSERT_LT(col, ours.size());
-      EXPECT_TRUE(SameRule(rule, ours[col], col))
-          << std::hex << pc << " " << cols[i] << ": " << rule << " vs " << ELF_LocationToText(ours[col]);
-    }
-    ++rows;
   }
-  checkEmptyFde();
   EXPECT_GT(fdes, 10);
   EXPECT_GT(rows, 10);
   // The same descriptions with the same ranges.
@@ -130,12 +97,7 @@ INSTANTIATE_TEST_SUITE_P(Corpus, CfaVsReadelf,
                          ::testing::Values("app-dwarf2-O0.elf", "app-dwarf2-O2.elf", "app-dwarf3-O2.elf",
                                            "app-dwarf4-O0.elf", "app-dwarf4-O2.elf", "app-dwarf4-O2-be.elf",
                                            "app-dwarf5-O2.elf", "newlib-dwarf5-O2-full.elf", "newlib-mixed-O2.elf"),
-                         [](const auto& info) {
-                           std::string s = info.param;
-                           for (char& c : s)
-                             if (!isalnum((unsigned char)c)) c = '_';
-                           return s;
-                         });
+                         CorpusParamName);
 
 ELF_SYM_LOC Part(U32 kind, I32 offset, U32 reg = 0, U32 addr = 0) {
   ELF_SYM_LOC l;

@@ -3,6 +3,7 @@
 // implicit_const, data16, line_strp, a type unit in .debug_info named by
 // ref_sig8) read through the reader, against gdb and readelf on the same file.
 #include "dwarf_test_util.h"
+#include "testsupport/readelf_oracle.h"
 #include "elf/dwarf/location.h"
 #include "elf/elf_file.h"
 
@@ -23,13 +24,18 @@ std::string Gdb(const std::vector<std::string>& commands) {
 
 // Symbol table entry (value without the Thumb bit, size) from readelf.
 std::pair<U32, U32> ElfSymbol(const std::string& name) {
-  std::regex re(R"(^\s*\d+:\s+([0-9a-f]{8})\s+(\d+)\s+\S+\s+\S+\s+\S+\s+\S+\s+(\S+)$)");
-  for (auto& l : SplitLines(RunTool("arm-none-eabi-readelf -sW " + CorpusPath(kFile)))) {
-    std::smatch m;
-    if (std::regex_match(l, m, re) && m[3] == name)
-      return {(U32)strtoul(m[1].str().c_str(), nullptr, 16) & ~1u, (U32)std::stoul(m[2])};
-  }
+  for (const readelf::Symbol& s : readelf::Symbols(CorpusPath(kFile)))
+    if (s.Name == name) return {s.Value & ~1u, s.Size};
   return {0, 0};
+}
+
+// readelf's entries of the unit of src/dwarf5_forms.c.
+std::vector<readelf::Die> FormsUnit() {
+  for (const readelf::Unit& u : readelf::DebugInfo(CorpusPath(kFile))) {
+    const readelf::Attr* name = u.Dies.empty() ? nullptr : u.Dies.front().Find("DW_AT_name");
+    if (name && name->Text() == "src/dwarf5_forms.c") return u.Dies;
+  }
+  return {};
 }
 
 TEST(Dwarf5Forms, NamesAddressesAndTypesAgainstGdb) {
@@ -113,22 +119,12 @@ void Walk(ELF_SYM_HANDLE h, int* pCount, std::vector<std::string>* pNames) {
 TEST(Dwarf5Forms, EveryEntryAfterStrx3Entry) {
   DebugFile df(CorpusPath(kFile));
   ASSERT_NE(df.f, nullptr);
-  int want = 0;
-  bool inUnit = false;
+  const std::vector<readelf::Die> unit = FormsUnit();
+  ASSERT_FALSE(unit.empty());
+  const int want = (int)unit.size();
   std::vector<std::string> wantNames;
-  std::smatch m;
-  std::regex entryRe(R"(^\s*<\d+><[0-9a-f]+>: Abbrev Number: [1-9])"), nameRe(R"(DW_AT_name\s+: (?:\([^)]*\): )?(.*)$)");
-  for (auto& l : SplitLines(RunTool("arm-none-eabi-readelf --debug-dump=info " + CorpusPath(kFile)))) {
-    if (l.find("Compilation Unit @") != std::string::npos) {
-      if (inUnit) break;
-      want = 0;
-      wantNames.clear();
-    }
-    if (l.find("): src/dwarf5_forms.c") != std::string::npos) inUnit = true;
-    if (std::regex_search(l, entryRe)) ++want;
-    if (std::regex_search(l, m, nameRe)) wantNames.push_back(m[1]);
-  }
-  ASSERT_TRUE(inUnit);
+  for (const readelf::Die& d : unit)
+    if (const readelf::Attr* a = d.Find("DW_AT_name")) wantNames.push_back(a->Text());
   const auto key = std::find(wantNames.begin(), wantNames.end(), "forms_key");
   ASSERT_GE(wantNames.end() - key, 6) << "forms_key must precede most of the unit";
   const ELF_SYM_HANDLE h = ELF_FindName(df.f, "forms_key");
@@ -167,16 +163,11 @@ TEST(Dwarf5Forms, RangesByIndexAgainstSymbolTable) {
   EXPECT_EQ(ELF_GetSize(check), cold.first + cold.second - hot.first);
   // The unit: low_pc by addrx, as readelf resolves it.
   U32 low = 0;
-  bool inUnit = false;
-  std::smatch m;
-  std::regex lowRe(R"(DW_AT_low_pc\s+: \(index: 0\): (0x[0-9a-f]+))");
-  for (auto& l : SplitLines(RunTool("arm-none-eabi-readelf --debug-dump=info " + CorpusPath(kFile)))) {
-    if (l.find("): src/dwarf5_forms.c") != std::string::npos) inUnit = true;
-    if (inUnit && std::regex_search(l, m, lowRe)) {
-      low = (U32)strtoul(m[1].str().c_str(), nullptr, 16);
-      break;
-    }
-  }
+  const std::vector<readelf::Die> unit = FormsUnit();
+  ASSERT_FALSE(unit.empty());
+  for (const readelf::Die& d : unit)
+    if (const readelf::Attr* a = d.Find("DW_AT_low_pc"); a && !low && a->Value.rfind("(index: 0): ", 0) == 0)
+      low = a->Number();
   ASSERT_NE(low, 0u);
   EXPECT_EQ(ELF_GetStart(ELF_GetUnitRoot(check), 0), low);
 }

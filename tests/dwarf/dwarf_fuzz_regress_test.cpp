@@ -2,6 +2,7 @@
 // each once crashed the reader, hung it or made it run for hours. Run under
 // ASan/UBSan; a hang shows as the CTest timeout.
 #include "dwarf_test_util.h"
+#include "testsupport/readelf_oracle.h"
 #include "elf/dwarf/location.h"
 #include "elf/elf_file.h"
 
@@ -85,21 +86,17 @@ TEST(DwarfFuzzRegress, LocationExpressionLengthPastSection) {
   EXPECT_EQ(ELF_GetSymbolLocation(Local(fn, "factor"), pc).parts[0].kind, (U32)ELF_LOC_REG);
 }
 
-// Finds, in readelf's dump of .debug_info, the first attribute line that
-// follows a line matching `die` and itself matches `attr`; answers the
-// attribute's section offset and the entry's offset.
+// Finds, in readelf's dump of .debug_info, the first entry with tag `die`
+// that has the attribute `attr`; answers the attribute's section offset and
+// the entry's offset.
 bool FindAttr(const char* file, const std::string& die, const std::string& attr, U32* pAttrAt, U32* pDieAt) {
-  bool inDie = false;
-  for (auto& l : SplitLines(RunTool("arm-none-eabi-readelf --debug-dump=info " + CorpusPath(file)))) {
-    unsigned depth = 0, off = 0;
-    if (sscanf(l.c_str(), " <%u><%x>:", &depth, &off) == 2) {
-      inDie = l.find("(" + die + ")") != std::string::npos;
-      if (inDie) *pDieAt = off;
-    } else if (inDie && sscanf(l.c_str(), " <%x>", &off) == 1 && l.find(" " + attr + " ") != std::string::npos) {
-      *pAttrAt = off;
-      return true;
-    }
-  }
+  for (const readelf::Unit& u : readelf::DebugInfo(CorpusPath(file)))
+    for (const readelf::Die& d : u.Dies)
+      if (const readelf::Attr* a = d.Tag == die ? d.Find(attr) : nullptr) {
+        *pAttrAt = a->Offset;
+        *pDieAt = d.Offset;
+        return true;
+      }
   return false;
 }
 

@@ -118,12 +118,7 @@ INSTANTIATE_TEST_SUITE_P(Corpus, LinesVsAddr2line,
                          ::testing::Values("app-dwarf2-O0.elf", "app-dwarf3-O2.elf", "app-dwarf4-O0.elf",
                                            "app-dwarf4-O2.elf", "app-dwarf4-O2-be.elf", "app-dwarf5-O2.elf",
                                            "newlib-dwarf5-O2-full.elf"),
-                         [](const auto& info) {
-                           std::string s = info.param;
-                           for (char& c : s)
-                             if (!isalnum((unsigned char)c)) c = '_';
-                           return s;
-                         });
+                         CorpusParamName);
 
 TEST(LineTables, RulesOnTheReferenceBuild) {
   DebugFile df(CorpusPath("app-dwarf4-O0.elf"));

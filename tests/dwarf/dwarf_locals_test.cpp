@@ -151,11 +151,6 @@ INSTANTIATE_TEST_SUITE_P(Corpus, LocalsVsGdb,
                          ::testing::Values("app-dwarf2-O0.elf", "app-dwarf2-O2.elf", "app-dwarf3-O2.elf",
                                            "app-dwarf4-O0.elf", "app-dwarf4-O2.elf", "app-dwarf4-O2-be.elf",
                                            "app-dwarf5-O0.elf", "app-dwarf5-O2.elf", "newlib-mixed-O2.elf"),
-                         [](const auto& info) {
-                           std::string s = info.param;
-                           for (char& c : s)
-                             if (!isalnum((unsigned char)c)) c = '_';
-                           return s;
-                         });
+                         CorpusParamName);
 
 } // namespace

@@ -2,9 +2,9 @@
 // .debug_macinfo and one with .debug_macro (whose units import shared
 // definition units, read here through the imports).
 #include "dwarf_test_util.h"
+#include "testsupport/readelf_oracle.h"
 
 #include <gtest/gtest.h>
-#include <regex>
 #include <set>
 
 namespace {
@@ -28,11 +28,7 @@ std::multiset<std::string> Ours(ELF_FILE* f) {
 
 std::multiset<std::string> Theirs(const std::string& path) {
   std::multiset<std::string> s;
-  std::regex re(R"(^ DW_MAC(?:INFO|RO)_define\w* - lineno ?: (\d+) macro : (.*)$)");
-  for (auto& l : SplitLines(RunTool("arm-none-eabi-readelf --debug-dump=macro " + path))) {
-    std::smatch m;
-    if (std::regex_match(l, m, re)) s.insert(Trim(m[1].str() + " " + m[2].str()));
-  }
+  for (const auto& [line, text] : readelf::MacroDefinitions(path)) s.insert(Trim(std::to_string(line) + " " + text));
   return s;
 }
 

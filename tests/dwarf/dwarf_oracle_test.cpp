@@ -2,6 +2,7 @@
 // gdb for global addresses, sizes and struct layouts, readelf for line rows,
 // addr2line for the functions that hold an address.
 #include "dwarf_test_util.h"
+#include "testsupport/readelf_oracle.h"
 #include "elf/dwarf/debug_dump.h"
 #include "elf/dwarf/line_tables.h"
 
@@ -169,12 +170,7 @@ INSTANTIATE_TEST_SUITE_P(Corpus, GlobalsVsGdb,
                                            "app-dwarf4-O2-be.elf", "app-dwarf4-types.elf", "app-dwarf5-O0.elf",
                                            "app-dwarf5-O2.elf", "newlib-dwarf5-O2-full.elf", "app-dwarf5-forms.elf",
                                            "newlib-mixed-O2.elf"),
-                         [](const auto& info) {
-                           std::string s = info.param;
-                           for (char& c : s)
-                             if (!isalnum((unsigned char)c)) c = '_';
-                           return s;
-                         });
+                         CorpusParamName);
 
 // Every row readelf decodes is a row of the reader: same file name, line
 // and address (end-of-sequence rows aside, which carry no line).
@@ -194,16 +190,12 @@ TEST_P(LinesVsReadelf, EveryDecodedRowIsRead) {
     snprintf(buf, sizeof buf, " %u 0x%x", r->line, r->address);
     ours.insert(p + buf);
   }
-  auto lines = SplitLines(RunTool("arm-none-eabi-readelf -W --debug-dump=decodedline " + path));
-  std::regex rowRe(R"(^(\S+)\s+(\d+)\s+(0x[0-9a-f]+)(\s.*)?$)");
   int n = 0;
   std::multiset<std::string> theirs;
-  for (auto& l : lines) {
-    std::smatch m;
-    if (!std::regex_match(l, m, rowRe)) continue;
-    std::string name = m[1];
-    name = name.substr(name.find_last_of('/') + 1);
-    theirs.insert(name + " " + m[2].str() + " " + m[3].str());
+  for (const readelf::LineRow& r : readelf::DecodedLines(path)) {
+    char buf[64];
+    snprintf(buf, sizeof buf, " %u 0x%x", r.Line, r.Addr);
+    theirs.insert(r.File + buf);
     ++n;
   }
   ASSERT_GT(n, 100);
@@ -233,19 +225,15 @@ TEST_P(LinesVsReadelf, CleanedMapKeepsOrExplainsEveryRow) {
     if (ELF_IsFunctionType(ELF_GetSymbolType(h)) && ELF_AlignAddress(ELF_GetSymbolValue(h)))
       lowestFn = std::min(lowestFn, ELF_AlignAddress(ELF_GetSymbolValue(h)));
   }
-  std::regex rowRe(R"(^(\S+)\s+(\d+)\s+(0x[0-9a-f]+)(\s.*)?$)");
   int found = 0, below = 0, outside = 0, lineZero = 0;
   std::vector<std::string> unexplained;
-  for (auto& l : SplitLines(RunTool("arm-none-eabi-readelf -W --debug-dump=decodedline " + path))) {
-    std::smatch m;
-    if (!std::regex_match(l, m, rowRe)) continue;
-    std::string name = m[1];
-    name = name.substr(name.find_last_of('/') + 1);
-    const U32 a = (U32)std::stoul(m[3], nullptr, 16);
-    const std::string key = name + " " + m[2].str();
+  for (const readelf::LineRow& r : readelf::DecodedLines(path)) {
+    const std::string& name = r.File;
+    const U32 a = r.Addr;
+    const std::string key = name + " " + std::to_string(r.Line);
     if (kept.count({a, key})) ++found;
     else if (a < lowestFn) ++below;
-    else if (m[2] == "0") ++lineZero;
+    else if (r.Line == 0) ++lineZero;
     else {
       bool out = false;
       for (const QString& p : t.GetSourceFiles())
@@ -254,7 +242,7 @@ TEST_P(LinesVsReadelf, CleanedMapKeepsOrExplainsEveryRow) {
           out |= !r.IsEmpty() && (a < r.start || a >= r.End());
         }
       if (out) ++outside;
-      else unexplained.push_back(l);
+      else unexplained.push_back(key + " " + std::to_string(a));
     }
   }
   EXPECT_GT(found, 100);
@@ -268,12 +256,7 @@ std::vector<std::string> LineCorpus() {
   return v;
 }
 
-INSTANTIATE_TEST_SUITE_P(Corpus, LinesVsReadelf, ::testing::ValuesIn(LineCorpus()), [](const auto& info) {
-  std::string s = info.param;
-  for (char& c : s)
-    if (!isalnum((unsigned char)c)) c = '_';
-  return s;
-});
+INSTANTIATE_TEST_SUITE_P(Corpus, LinesVsReadelf, ::testing::ValuesIn(LineCorpus()), CorpusParamName);
 
 // The function at the start of each debug function, and the inline chain
 // at sampled addresses inside it, as addr2line -f -i reports them.
@@ -372,11 +355,6 @@ INSTANTIATE_TEST_SUITE_P(Corpus, FunctionsVsAddr2line,
                          ::testing::Values("app-dwarf2-O2.elf", "app-dwarf4-O0.elf", "app-dwarf4-O2.elf",
                                            "app-dwarf4-O2-be.elf", "app-dwarf5-O0.elf", "app-dwarf5-O2.elf",
                                            "newlib-dwarf5-O2-full.elf", "app-dwarf5-forms.elf"),
-                         [](const auto& info) {
-                           std::string s = info.param;
-                           for (char& c : s)
-                             if (!isalnum((unsigned char)c)) c = '_';
-                           return s;
-                         });
+                         CorpusParamName);
 
 } // namespace

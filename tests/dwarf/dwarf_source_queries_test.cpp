@@ -4,6 +4,7 @@
 // analysis taken from objdump's disassembly, checked against the line rows
 // that llvm-dwarfdump decodes from the same file.
 #include "dwarf_test_util.h"
+#include "testsupport/readelf_oracle.h"
 #include "elf/dwarf/insn_analysis.h"
 #include "elf/dwarf/target_access.h"
 #include "elf/dwarf/line_tables.h"
@@ -24,12 +25,6 @@ std::string Lower(std::string s) {
   return s;
 }
 U64 Num(const std::string& s, int base = 0) { return strtoull(s.c_str(), nullptr, base); }
-std::string ParamName(const ::testing::TestParamInfo<std::string>& info) {
-  std::string s = info.param;
-  for (char& c : s)
-    if (!isalnum((unsigned char)c)) c = '_';
-  return s;
-}
 
 // ---- llvm-dwarfdump ------------------------------------------------------------------
 
@@ -170,7 +165,7 @@ INSTANTIATE_TEST_SUITE_P(Corpus, SourceLocsVsDwarfdump,
                          ::testing::Values("app-dwarf2-O0.elf", "app-dwarf3-O2.elf", "app-dwarf4-O2.elf",
                                            "app-dwarf4-O2-be.elf", "app-dwarf4-types.elf", "app-dwarf5-O2.elf", "newlib-dwarf5-O2-full.elf",
                                            "newlib-mixed-O2.elf"),
-                         ParamName);
+                         CorpusParamName);
 
 // Line tables written by the compiler itself (the corpus has the
 // assembler's) number files from 0 at version 5 and from 1 before; a
@@ -303,12 +298,10 @@ struct WalkOracle {
 
   explicit WalkOracle(const std::string& path) : rows(ReadRows(path)) {
     // A function symbol without size runs to the next one, as the ELF layer completes it.
-    static const std::regex symRe(R"(^\s*\d+:\s+([0-9a-f]{8})\s+(\d+)\s+FUNC\s)");
-    std::smatch m;
-    for (const std::string& l : SplitLines(RunTool("arm-none-eabi-readelf -sW " + path)))
-      if (std::regex_search(l, m, symRe)) {
-        const U32 a = (U32)Num(m[1], 16) & ~1u;
-        functions[a] = std::max(functions[a], a + (U32)Num(m[2], 10));
+    for (const readelf::Symbol& y : readelf::Symbols(path))
+      if (y.Type == "FUNC") {
+        const U32 a = y.Value & ~1u;
+        functions[a] = std::max(functions[a], a + y.Size);
       }
     for (auto it = functions.begin(); it != functions.end();) {
       auto next = std::next(it);
@@ -470,7 +463,7 @@ TEST_P(SourceWalksVsObjdump, LineBlocksAndCodeRanges) {
 INSTANTIATE_TEST_SUITE_P(Corpus, SourceWalksVsObjdump,
                          ::testing::Values("app-dwarf2-O0.elf", "app-dwarf4-O0.elf", "app-dwarf4-O0-be.elf",
                                            "app-dwarf5-O0.elf"),
-                         ParamName);
+                         CorpusParamName);
 
 // The size limit of the analysis walks, with their log lines.
 TEST(SourceWalks, SizeLimits) {

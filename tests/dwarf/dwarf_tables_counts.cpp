@@ -18,13 +18,13 @@
 //   symbol or its section's end (the ELF layer completes sizes), so it
 //   counts.
 #include "dwarf_test_util.h"
+#include "testsupport/readelf_oracle.h"
 
 #include <QFile>
 #include <QProcess>
 #include <QRegularExpression>
 #include <gtest/gtest.h>
 #include <map>
-#include <regex>
 #include <set>
 
 namespace {
@@ -34,92 +34,61 @@ struct ReadelfCounts {
   int globals = 0;
 };
 
-U32 Hex(const std::string& s) { return (U32)strtoul(s.c_str(), nullptr, 16); }
-// The number of an attribute value: hexadecimal behind "0x", else decimal.
-U32 HexAfter0x(const std::string& v) {
-  const size_t at = v.find("0x");
-  return at == std::string::npos ? (U32)strtoul(v.c_str(), nullptr, 10) : Hex(v.substr(at + 2));
-}
-
 ReadelfCounts CountWithReadelf(const std::string& path) {
   ReadelfCounts out;
-  // Executable sections by index.
   std::map<int, U32> execEnd; // executable section -> its end address
-  std::regex secRe(R"(^\s*\[\s*(\d+)\]\s+\S+\s+\S+\s+([0-9a-f]+)\s+[0-9a-f]+\s+([0-9a-f]+)\s+[0-9a-f]+\s+(\S*))");
-  for (auto& l : SplitLines(RunTool("arm-none-eabi-readelf -SW " + path))) {
-    std::smatch m;
-    if (std::regex_search(l, m, secRe) && m[4].str().find('X') != std::string::npos)
-      execEnd[atoi(m[1].str().c_str())] = Hex(m[2]) + Hex(m[3]);
-  }
+  for (const readelf::Section& s : readelf::Sections(path))
+    if (s.Has('X')) execEnd[s.Index] = s.Addr + s.Size;
   std::set<U32> starts;
-  std::regex symRe(R"(^\s*\d+: ([0-9a-f]+)\s+(\d+) FUNC\s+\S+\s+\S+\s+(\S+)\s+(\S+))");
-  for (auto& l : SplitLines(RunTool("arm-none-eabi-readelf -sW " + path))) {
-    std::smatch m;
-    if (!std::regex_search(l, m, symRe)) continue;
-    const std::string ndx = m[3], name = m[4];
-    if (name[0] == '?' || name[0] == '$') continue;
-    if (ndx == "UND" || (isdigit((unsigned char)ndx[0]) && !execEnd.count(atoi(ndx.c_str())))) continue;
-    const U32 start = Hex(m[1]) & ~1u;
+  for (const readelf::Symbol& y : readelf::Symbols(path)) {
+    if (y.Type != "FUNC" || y.Name.empty() || y.Name[0] == '?' || y.Name[0] == '$') continue;
+    if (y.Ndx == "UND" || (y.InSection() && !execEnd.count(y.SectionIndex()))) continue;
+    const U32 start = y.Value & ~1u;
     // A symbol without size reaches to the next function or its section's end.
-    if (strtoul(m[2].str().c_str(), nullptr, 10) == 0 &&
-        !(isdigit((unsigned char)ndx[0]) && start < (execEnd[atoi(ndx.c_str())] & ~1u)))
-      continue;
+    if (y.Size == 0 && !(y.InSection() && start < (execEnd[y.SectionIndex()] & ~1u))) continue;
     starts.insert(start);
   }
-  // .debug_ranges lists by offset.
-  std::map<U32, std::vector<std::pair<U32, U32>>> ranges;
-  std::regex rngRe(R"(^\s+([0-9a-f]{8}) ([0-9a-f]{8}) ([0-9a-f]{8}))");
-  for (auto& l : SplitLines(RunTool("arm-none-eabi-readelf -wR " + path))) {
-    std::smatch m;
-    if (std::regex_search(l, m, rngRe)) ranges[Hex(m[1])].push_back({Hex(m[2]), Hex(m[3])});
-  }
-  // The debug entries.
+  auto ranges = readelf::RangeLists(path);
+  // The debug entries of .debug_info.
   struct Die {
     std::string tag;
-    int depth = 0;
+    U32 offset = 0;
     bool decl = false, artificial = false, staticAddr = false, hasLow = false, hasHigh = false, hasRanges = false;
     U32 low = 0, high = 0, rangesAt = 0, origin = 0;
     bool inFunction = false;
   };
   std::vector<Die> dies;
-  std::vector<std::string> stack;
-  std::regex dieRe(R"(^\s*<(\d+)><([0-9a-f]+)>: Abbrev Number: (\d+)(?: \((DW_TAG_\w+)\))?)");
-  std::regex attrRe(R"(^\s*<[0-9a-f]+>\s+(DW_AT_\w+)\s*:\s*(.*)$)");
-  for (auto& l : SplitLines(RunTool("arm-none-eabi-readelf -wi " + path))) {
-    if (l.find("Contents of the .debug_types section") != std::string::npos) break;
-    std::smatch m;
-    if (std::regex_search(l, m, dieRe)) {
-      const int depth = atoi(m[1].str().c_str());
-      if (m[3] == "0") continue;
-      stack.resize((size_t)depth);
+  for (const readelf::Unit& u : readelf::DebugInfo(path)) {
+    if (u.TypeUnit) continue;
+    std::vector<std::string> stack;
+    for (const readelf::Die& e : u.Dies) {
+      stack.resize((size_t)e.Depth);
       Die d;
-      d.tag = m[4];
-      d.depth = depth;
+      d.tag = e.Tag;
+      d.offset = e.Offset;
       for (auto& t : stack)
         d.inFunction |= t == "DW_TAG_subprogram" || t == "DW_TAG_inlined_subroutine" || t == "DW_TAG_lexical_block";
       stack.push_back(d.tag);
+      for (const readelf::Attr& a : e.Attrs) {
+        if (a.Name == "DW_AT_declaration") d.decl = true;
+        else if (a.Name == "DW_AT_artificial") d.artificial = true;
+        else if (a.Name == "DW_AT_location") {
+          const size_t op = a.Value.find("(DW_OP_addr:");
+          d.staticAddr = op != std::string::npos && a.Value.find(';', op) == std::string::npos;
+        } else if (a.Name == "DW_AT_low_pc") {
+          d.hasLow = true;
+          d.low = a.Number();
+        } else if (a.Name == "DW_AT_high_pc") {
+          d.hasHigh = true;
+          d.high = a.Number();
+        } else if (a.Name == "DW_AT_ranges") {
+          d.hasRanges = true;
+          d.rangesAt = a.Number();
+        } else if (a.Name == "DW_AT_abstract_origin") {
+          d.origin = a.Number();
+        }
+      }
       dies.push_back(d);
-      continue;
-    }
-    if (dies.empty() || !std::regex_search(l, m, attrRe)) continue;
-    Die& d = dies.back();
-    const std::string a = m[1], v = m[2];
-    if (a == "DW_AT_declaration") d.decl = true;
-    else if (a == "DW_AT_artificial") d.artificial = true;
-    else if (a == "DW_AT_location") {
-      const size_t op = v.find("(DW_OP_addr:");
-      d.staticAddr = op != std::string::npos && v.find(';', op) == std::string::npos;
-    } else if (a == "DW_AT_low_pc") {
-      d.hasLow = true;
-      d.low = HexAfter0x(v);
-    } else if (a == "DW_AT_high_pc") {
-      d.hasHigh = true;
-      d.high = HexAfter0x(v);
-    } else if (a == "DW_AT_ranges") {
-      d.hasRanges = true;
-      d.rangesAt = HexAfter0x(v);
-    } else if (a == "DW_AT_abstract_origin") {
-      d.origin = HexAfter0x(v);
     }
   }
   // Aligned lowest start and size of an entry's range; false without one.
@@ -158,20 +127,8 @@ ReadelfCounts CountWithReadelf(const std::string& path) {
   std::set<U32> origins;
   for (const Die& d : dies)
     if (d.tag == "DW_TAG_inlined_subroutine" && d.origin) origins.insert(d.origin);
-  std::vector<U32> offsets;
-  {
-    // Second pass over the dump for the offsets of subprograms.
-    std::regex re(R"(^\s*<\d+><([0-9a-f]+)>: Abbrev Number: [1-9]\d* \((DW_TAG_\w+)\))");
-    for (auto& l : SplitLines(RunTool("arm-none-eabi-readelf -wi " + path))) {
-      if (l.find("Contents of the .debug_types section") != std::string::npos) break;
-      std::smatch m;
-      if (std::regex_search(l, m, re)) offsets.push_back(Hex(m[1]));
-    }
-  }
-  EXPECT_EQ(offsets.size(), dies.size());
-  for (size_t i = 0; i < dies.size() && i < offsets.size(); ++i) {
-    const Die& d = dies[i];
-    if (d.tag != "DW_TAG_subprogram" || d.decl || d.artificial || origins.count(offsets[i])) continue;
+  for (const Die& d : dies) {
+    if (d.tag != "DW_TAG_subprogram" || d.decl || d.artificial || origins.count(d.offset)) continue;
     U32 s, n;
     if (span(d, &s, &n) && n > 0) starts.insert(s);
   }
@@ -184,11 +141,7 @@ class TablesCounts : public ::testing::TestWithParam<std::string> {};
 // The highest unit version that readelf reports for the file.
 int ReadelfDwarfVersion(const std::string& path) {
   int v = 0;
-  std::regex re(R"(^\s+Version:\s+(\d+)\s*$)");
-  for (auto& l : SplitLines(RunTool("arm-none-eabi-readelf --debug-dump=info " + path))) {
-    std::smatch m;
-    if (std::regex_search(l, m, re)) v = std::max(v, std::stoi(m[1]));
-  }
+  for (const readelf::Unit& u : readelf::DebugInfo(path)) v = std::max(v, u.Version);
   return v;
 }
 
@@ -255,11 +208,6 @@ TEST_P(TablesCounts, BatchLoadLogsStagesAndCountsMatchReadelf) {
 INSTANTIATE_TEST_SUITE_P(Corpus, TablesCounts,
                          ::testing::Values("app-dwarf4-O0.elf", "app-dwarf4-O2.elf", "app-dwarf3-O2.elf",
                                            "app-dwarf2-O2.elf", "app-dwarf4-O2-be.elf", "newlib-dwarf4-O2.elf"),
-                         [](const auto& info) {
-                           std::string s = info.param;
-                           for (char& c : s)
-                             if (!isalnum((unsigned char)c)) c = '_';
-                           return s;
-                         });
+                         CorpusParamName);
 
 } // namespace

@@ -3,6 +3,7 @@
 // a range, symbols at an address, file aliases) against readelf's decoded
 // line rows on the reference build.
 #include "dwarf_test_util.h"
+#include "testsupport/readelf_oracle.h"
 #include "elf/dwarf/line_tables.h"
 #include "elf/elfapi.h"
 #include "log/diag.h"
@@ -13,12 +14,9 @@
 #include <QFileInfo>
 #include <gtest/gtest.h>
 #include <map>
-#include <regex>
 #include <set>
 
 namespace {
-
-U32 Hex(const std::string& s) { return (U32)strtoul(s.c_str(), nullptr, 16); }
 
 struct Tables {
   DebugFile df;
@@ -28,21 +26,6 @@ struct Tables {
   }
 };
 
-// readelf's symbols: value, size, type, section index text, name.
-struct RSym {
-  U32 value, size;
-  std::string type, ndx, name;
-};
-std::vector<RSym> ReadelfSymbols(const std::string& path) {
-  std::vector<RSym> out;
-  std::regex re(R"(^\s*\d+: ([0-9a-f]+)\s+(\d+) (\S+)\s+\S+\s+\S+\s+(\S+)\s*(\S*))");
-  for (auto& l : SplitLines(RunTool("arm-none-eabi-readelf -sW " + path))) {
-    std::smatch m;
-    if (std::regex_search(l, m, re)) out.push_back({Hex(m[1]), (U32)strtoul(m[2].str().c_str(), nullptr, 10), m[3], m[4], m[5]});
-  }
-  return out;
-}
-
 TEST(TablesSymbols, SymbolTableAgainstReadelf) {
   for (const char* name : {"app-dwarf4-O0.elf", "app-dwarf4-O2-be.elf"}) {
     SCOPED_TRACE(name);
@@ -51,26 +34,23 @@ TEST(TablesSymbols, SymbolTableAgainstReadelf) {
     ASSERT_NE(x.df.f, nullptr);
     const CLineTables& t = x.t;
     std::set<int> exec;
-    std::regex secRe(R"(^\s*\[\s*(\d+)\].*\s(\S*X\S*)\s+\d+\s+\d+\s+\d+\s*$)");
-    for (auto& l : SplitLines(RunTool("arm-none-eabi-readelf -SW " + path))) {
-      std::smatch m;
-      if (std::regex_search(l, m, secRe)) exec.insert(atoi(m[1].str().c_str()));
-    }
+    for (const readelf::Section& s : readelf::Sections(path))
+      if (s.Has('X')) exec.insert(s.Index);
     ASSERT_FALSE(exec.empty());
     // Symbols of executable sections and of none (ABS): all but '?'/'$'
     // functions; the section-less null symbol is UND and goes.
     std::multiset<std::string> want, wantFn;
     std::set<U32> wantAddrs;
     std::map<U32, bool> hasFunction;
-    for (const RSym& s : ReadelfSymbols(path)) {
-      const bool inExec = isdigit((unsigned char)s.ndx[0]) ? exec.count(atoi(s.ndx.c_str())) > 0 : s.ndx != "UND";
+    for (const readelf::Symbol& s : readelf::Symbols(path)) {
+      const bool inExec = s.InSection() ? exec.count(s.SectionIndex()) > 0 : s.Ndx != "UND";
       if (!inExec) continue;
-      const bool fn = s.type == "FUNC";
-      if (fn && (s.name[0] == '?' || s.name[0] == '$')) continue;
+      const bool fn = s.Type == "FUNC";
+      if (fn && (s.Name[0] == '?' || s.Name[0] == '$')) continue;
       // readelf shows a section symbol by its section's name; it has none.
-      want.insert(s.type == "SECTION" ? std::string() : s.name);
-      if (fn) wantFn.insert(s.name);
-      const U32 a = s.value & ~1u;
+      want.insert(s.Type == "SECTION" ? std::string() : s.Name);
+      if (fn) wantFn.insert(s.Name);
+      const U32 a = s.Value & ~1u;
       wantAddrs.insert(a);
       hasFunction[a] |= fn;
     }
@@ -104,8 +84,8 @@ TEST(TablesSymbols, FunctionListPrefersDebugFunctionOfEqualSize) {
     ASSERT_NE(x.df.f, nullptr);
     const CLineTables& t = x.t;
     std::map<U32, U32> elfSize; // aligned start -> largest FUNC size there
-    for (const RSym& s : ReadelfSymbols(CorpusPath(name)))
-      if (s.type == "FUNC" && s.name[0] != '$' && s.name[0] != '?') elfSize[s.value & ~1u] = std::max(elfSize[s.value & ~1u], s.size);
+    for (const readelf::Symbol& s : readelf::Symbols(CorpusPath(name)))
+      if (s.Type == "FUNC" && s.Name[0] != '$' && s.Name[0] != '?') elfSize[s.Value & ~1u] = std::max(elfSize[s.Value & ~1u], s.Size);
     std::map<U32, U32> debugSize;
     for (int i = 0; i < ELF_GetListCount(x.df.f, ELF_LIST_FUNCTIONS); ++i) {
       const CAddrRange r = t.GetSymbolRange(ELF_GetListItem(x.df.f, ELF_LIST_FUNCTIONS, i));
@@ -144,12 +124,12 @@ TEST(TablesSymbols, SymbolsAtAnAddress) {
   for (ELF_SYM_HANDLE h : both) EXPECT_FALSE(!ELF_IsDieHandle(h) && ELF_IsFunctionType(ELF_GetSymbolType(h)));
   EXPECT_EQ(both.size(), elf.size());
   // Objects: a global variable at readelf's address of its symbol.
-  for (const RSym& s : ReadelfSymbols(CorpusPath("app-dwarf4-O0.elf")))
-    if (s.name == "g_matrix") {
-      const QList<ELF_SYM_HANDLE> obj = t.GetSymbolsAt(s.value, true, true, true);
+  for (const readelf::Symbol& s : readelf::Symbols(CorpusPath("app-dwarf4-O0.elf")))
+    if (s.Name == "g_matrix") {
+      const QList<ELF_SYM_HANDLE> obj = t.GetSymbolsAt(s.Value, true, true, true);
       ASSERT_EQ(obj.size(), 1);
       EXPECT_STREQ(ELF_GetName(obj.first()), "g_matrix");
-      EXPECT_TRUE(t.GetSymbolsAt(s.value, true, true, false).isEmpty());
+      EXPECT_TRUE(t.GetSymbolsAt(s.Value, true, true, false).isEmpty());
     }
   EXPECT_TRUE(t.GetSymbolsAt(at + 2, true, true, true).isEmpty());
 }
@@ -157,11 +137,8 @@ TEST(TablesSymbols, SymbolsAtAnAddress) {
 // readelf's decoded rows of one file name: address -> lines.
 std::map<U32, std::set<U32>> DecodedRows(const std::string& path, const std::string& file) {
   std::map<U32, std::set<U32>> rows;
-  std::regex re(R"(^(\S+)\s+(\d+)\s+0x([0-9a-f]+))");
-  for (auto& l : SplitLines(RunTool("arm-none-eabi-readelf --debug-dump=decodedline " + path))) {
-    std::smatch m;
-    if (std::regex_search(l, m, re) && m[1] == file) rows[Hex(m[3])].insert((U32)atoi(m[2].str().c_str()));
-  }
+  for (const readelf::LineRow& r : readelf::DecodedLines(path))
+    if (r.File == file) rows[r.Addr].insert(r.Line);
   return rows;
 }
 
@@ -310,8 +287,8 @@ TEST(TablesQueries, ProgramWithoutDebugInformation) {
   // All function symbols lie in .text; one without size is given the size up
   // to the next by the ELF layer.
   std::set<U32> starts;
-  for (const RSym& s : ReadelfSymbols(path))
-    if (s.type == "FUNC" && s.name[0] != '$' && s.name[0] != '?') starts.insert(s.value & ~1u);
+  for (const readelf::Symbol& s : readelf::Symbols(path))
+    if (s.Type == "FUNC" && s.Name[0] != '$' && s.Name[0] != '?') starts.insert(s.Value & ~1u);
   ASSERT_GT(starts.size(), 10u);
   EXPECT_EQ(t.GetFunctionList().size(), starts.size());
   for (U32 a : starts) {
@@ -336,8 +313,8 @@ TEST(TablesWrapper, LvtSymbolRemembered) {
   const std::string elf = std::string(src ? src : ".") + "/firmware/tests/elf/lvt.elf";
   ASSERT_TRUE(QFileInfo::exists(QString::fromStdString(elf))) << elf;
   U32 want = 0;
-  for (const RSym& s : ReadelfSymbols(elf))
-    if (s.name == "_MARLEK_LVT") want = s.value;
+  for (const readelf::Symbol& s : readelf::Symbols(elf))
+    if (s.Name == "_MARLEK_LVT") want = s.Value;
   ASSERT_NE(want, 0u);
   DIAG_Init();
   DWARF_Install();

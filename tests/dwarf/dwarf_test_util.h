@@ -1,17 +1,13 @@
 // Helpers of the debug-information tests: corpus paths, running the oracle
 // tools, opening a file with the reader installed.
 #pragma once
+#include "testsupport/corpus.h"
 #include "testsupport/tools.h"
 #include "elf/dwarf/debuginfo.h"
 #include <stdio.h>
 #include <stdlib.h>
 #include <string>
 #include <vector>
-
-inline std::string CorpusPath(const std::string& name) {
-  const char* src = getenv("TAVIT_SOURCE_DIR");
-  return std::string(src ? src : ".") + "/firmware/corpus/" + name;
-}
 
 inline std::string RunTool(const std::string& cmd) { return RunToolOutput(cmd + " 2>&1"); }
 

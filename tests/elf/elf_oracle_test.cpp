@@ -7,10 +7,11 @@
 #include <QFile>
 #include <QProcess>
 #include <QRegularExpression>
-#include <QStandardPaths>
 #include <QString>
 #include <QStringList>
 #include <gtest/gtest.h>
+
+#include "testsupport/readelf_oracle.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -81,59 +82,47 @@ U32 SectionType(const QString& s) {
   return i == m.end() ? 0xFFFFFFFF : i->second;
 }
 
+// readelf's tables with its texts turned into the ELF numbers.
 ElfInfo ReadElf(const QString& sFile) {
   ElfInfo e;
-  const QString out = RunTool("arm-none-eabi-readelf", {"-hSlsW", sFile});
-  static const QRegularExpression hdr(R"(^  ([A-Za-z][^:]*):\s+(.*)$)");
-  static const QRegularExpression sec(
-      R"(^\s*\[\s*(\d+)\]\s+(\S*)\s+(\S+)\s+([0-9a-f]{8})\s+([0-9a-f]{6,})\s+([0-9a-f]{6,})\s+([0-9a-f]{2})\s+([A-Za-z]*)\s+(\d+)\s+(\d+)\s+(\d+)$)");
-  static const QRegularExpression seg(
-      R"(^\s+(\S+)\s+0x([0-9a-f]+)\s+0x([0-9a-f]+)\s+0x([0-9a-f]+)\s+0x([0-9a-f]+)\s+0x([0-9a-f]+)\s+([RWE ]{3})\s+0x([0-9a-f]+)$)");
-  static const QRegularExpression sym(
-      R"(^\s*(\d+):\s+([0-9a-f]{8})\s+(0x[0-9a-f]+|\d+)\s+(\S+)\s+(\S+)\s+(\S+)\s+(\S+)\s?(.*)$)");
-  bool inHeader = true;
-  for (const QString& line : out.split('\n')) {
-    if (line.startsWith("Section Headers:")) inHeader = false;
-    QRegularExpressionMatch m;
-    if (inHeader && (m = hdr.match(line)).hasMatch()) {
-      e.Header[m.captured(1).trimmed()] = m.captured(2).trimmed();
-    } else if ((m = sec.match(line)).hasMatch()) {
-      Sec s{m.captured(2), SectionType(m.captured(3)), 0, Hex(m.captured(4)), Hex(m.captured(5)), Hex(m.captured(6)),
-            Hex(m.captured(7)), U32(m.captured(9).toUInt()), U32(m.captured(10).toUInt()), U32(m.captured(11).toUInt())};
-      for (QChar c : m.captured(8)) {
-        static const std::map<QChar, U32> f = {{'W', 1}, {'A', 2}, {'X', 4}, {'M', 0x10}, {'S', 0x20}, {'I', 0x40},
-                                               {'L', 0x80}, {'O', 0x100}, {'G', 0x200}, {'T', 0x400}, {'C', 0x800},
-                                               {'E', 0x80000000u}, {'y', 0x20000000u}};
-        auto i = f.find(c);
-        if (i == f.end()) s.FlagsKnown = false;
-        else s.Flags |= i->second;
-      }
-      e.Sections.push_back(s);
-    } else if ((m = seg.match(line)).hasMatch()) {
-      static const std::map<QString, U32> t = {{"NULL", 0}, {"LOAD", 1}, {"DYNAMIC", 2}, {"INTERP", 3}, {"NOTE", 4},
-                                               {"PHDR", 6}, {"TLS", 7}, {"EXIDX", 0x70000001},
-                                               {"GNU_STACK", 0x6474E551}};
-      const QString f = m.captured(7);
-      const U32 flags = (f[0] == 'R' ? 4 : 0) | (f[1] == 'W' ? 2 : 0) | (f[2] == 'E' ? 1 : 0);
-      auto ti = t.find(m.captured(1));
-      e.Segments.push_back({ti == t.end() ? 0xFFFFFFFF : ti->second, Hex(m.captured(2)), Hex(m.captured(3)),
-                            Hex(m.captured(4)), Hex(m.captured(5)), Hex(m.captured(6)), flags, Hex(m.captured(8))});
-    } else if ((m = sym.match(line)).hasMatch()) {
-      static const std::map<QString, int> types = {{"NOTYPE", 0}, {"OBJECT", 1}, {"FUNC", 2}, {"SECTION", 3},
-                                                   {"FILE", 4}, {"COMMON", 5}, {"TLS", 6}};
-      static const std::map<QString, int> binds = {{"LOCAL", 0}, {"GLOBAL", 1}, {"WEAK", 2}};
-      static const std::map<QString, int> vis = {{"DEFAULT", 0}, {"INTERNAL", 1}, {"HIDDEN", 2}, {"PROTECTED", 3}};
-      const QString sz = m.captured(3), ndx = m.captured(7);
-      Sym s;
-      s.Value = Hex(m.captured(2));
-      s.Size = sz.startsWith("0x") ? Hex(sz.mid(2)) : U32(sz.toULongLong());
-      s.Type = types.count(m.captured(4)) ? types.at(m.captured(4)) : -1;
-      s.Bind = binds.count(m.captured(5)) ? binds.at(m.captured(5)) : -1;
-      s.Other = vis.count(m.captured(6)) ? vis.at(m.captured(6)) : -1;
-      s.Ndx = ndx == "UND" ? 0 : ndx == "ABS" ? 0xFFF1 : ndx == "COM" ? 0xFFF2 : ndx.toInt();
-      s.Name = m.captured(8);
-      e.Symbols.push_back(s);
+  const readelf::Listing r = readelf::All(sFile.toStdString());
+  for (const auto& [k, v] : r.Header) e.Header[QString::fromStdString(k)] = QString::fromStdString(v);
+  for (const readelf::Section& x : r.Sections) {
+    Sec s{QString::fromStdString(x.Name), SectionType(QString::fromStdString(x.Type)), 0, x.Addr, x.Offset, x.Size,
+          x.EntSize, x.Link, x.Info, x.Align};
+    for (char c : x.Flags) {
+      static const std::map<char, U32> f = {{'W', 1}, {'A', 2}, {'X', 4}, {'M', 0x10}, {'S', 0x20}, {'I', 0x40},
+                                            {'L', 0x80}, {'O', 0x100}, {'G', 0x200}, {'T', 0x400}, {'C', 0x800},
+                                            {'E', 0x80000000u}, {'y', 0x20000000u}};
+      auto i = f.find(c);
+      if (i == f.end()) s.FlagsKnown = false;
+      else s.Flags |= i->second;
     }
+    e.Sections.push_back(s);
+  }
+  for (const readelf::Segment& x : r.Segments) {
+    static const std::map<std::string, U32> t = {{"NULL", 0}, {"LOAD", 1}, {"DYNAMIC", 2}, {"INTERP", 3},
+                                                 {"NOTE", 4}, {"PHDR", 6}, {"TLS", 7}, {"EXIDX", 0x70000001},
+                                                 {"GNU_STACK", 0x6474E551}};
+    const U32 flags = (x.Flags[0] == 'R' ? 4 : 0) | (x.Flags[1] == 'W' ? 2 : 0) | (x.Flags[2] == 'E' ? 1 : 0);
+    auto ti = t.find(x.Type);
+    e.Segments.push_back({ti == t.end() ? 0xFFFFFFFF : ti->second, x.Offset, x.VAddr, x.PAddr, x.FileSize, x.MemSize,
+                          flags, x.Align});
+  }
+  for (const readelf::Symbol& x : r.Symbols) {
+    static const std::map<std::string, int> types = {{"NOTYPE", 0}, {"OBJECT", 1}, {"FUNC", 2}, {"SECTION", 3},
+                                                     {"FILE", 4}, {"COMMON", 5}, {"TLS", 6}};
+    static const std::map<std::string, int> binds = {{"LOCAL", 0}, {"GLOBAL", 1}, {"WEAK", 2}};
+    static const std::map<std::string, int> vis = {{"DEFAULT", 0}, {"INTERNAL", 1}, {"HIDDEN", 2}, {"PROTECTED", 3}};
+    Sym s;
+    s.Value = x.Value;
+    s.Size = x.Size;
+    s.Type = types.count(x.Type) ? types.at(x.Type) : -1;
+    s.Bind = binds.count(x.Bind) ? binds.at(x.Bind) : -1;
+    s.Other = vis.count(x.Vis) ? vis.at(x.Vis) : -1;
+    s.Ndx = x.Ndx == "ABS" ? 0xFFF1 : x.Ndx == "COM" ? 0xFFF2 : x.InSection() ? x.SectionIndex() : 0;
+    s.Name = QString::fromStdString(x.Name);
+    e.Symbols.push_back(s);
   }
   return e;
 }
@@ -233,8 +222,7 @@ U32 Num(const QString& s) { return U32(s.toULongLong(nullptr, 0)); }
 class ElfOracle : public ::testing::Test {
 protected:
   void SetUp() override {
-    if (QStandardPaths::findExecutable("arm-none-eabi-readelf").isEmpty())
-      GTEST_SKIP() << "arm-none-eabi-readelf not installed";
+    if (!readelf::Available()) GTEST_SKIP() << "arm-none-eabi-readelf not installed";
     files = CorpusFiles();
     ASSERT_FALSE(files.isEmpty()) << "no ELF files under firmware/";
   }

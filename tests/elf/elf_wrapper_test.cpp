@@ -7,24 +7,16 @@
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
-#include <QProcess>
 #include <QRegularExpression>
-#include <QStandardPaths>
 #include <gtest/gtest.h>
+#include "testsupport/readelf_oracle.h"
 #include <cstring>
 
 namespace {
 QString Env(const char* s) { return QString::fromLocal8Bit(qgetenv(s)); }
 
-QString ReadElfHeaders(const QString& file) {
-  QProcess p;
-  p.start("arm-none-eabi-readelf", {"-hlSW", file});
-  p.waitForFinished(30000);
-  return QString::fromUtf8(p.readAllStandardOutput());
-}
-
 TEST(ElfApiWrapper, LoadLogsStagesAndAnswersElfCommands) {
-  if (QStandardPaths::findExecutable("arm-none-eabi-readelf").isEmpty()) GTEST_SKIP() << "no readelf";
+  if (!readelf::Available()) GTEST_SKIP() << "no readelf";
   DIAG_Init();
   const QString logPath = Env("TAVIT_TEST_TMP") + "/wrapper.log";
   QFile::remove(logPath);
@@ -41,29 +33,24 @@ TEST(ElfApiWrapper, LoadLogsStagesAndAnswersElfCommands) {
     SCOPED_TRACE(file.toStdString());
     ASSERT_EQ(api.Load(file), 0);
     ++n;
-    const QString re = ReadElfHeaders(file);
-    const QRegularExpressionMatch entry = QRegularExpression("Entry point address:\\s+(0x[0-9a-f]+)").match(re);
-    ASSERT_TRUE(entry.hasMatch());
-    EXPECT_EQ(api.GetEntryPointPC(), entry.captured(1).toUInt(nullptr, 16) & ~1u);
+    const readelf::Listing re = readelf::All(file.toStdString());
+    ASSERT_TRUE(re.Header.count("Entry point address"));
+    EXPECT_EQ(api.GetEntryPointPC(), U32(std::stoul(re.Header.at("Entry point address"), nullptr, 16)) & ~1u);
     EXPECT_EQ(api.GetEntryFuncPC(), api.GetEntryPointPC());
-    EXPECT_EQ(api.GetEndianess(), re.contains("big endian") ? 1 : 0);
-    // Base address: the lowest load address of a section with file contents
-    // in a LOAD segment.
-    std::vector<std::pair<quint32, quint32>> sections; // addr, size of allocated PROGBITS
-    QRegularExpression sec(R"(\]\s+\S+\s+(PROGBITS|INIT_ARRAY|FINI_ARRAY|ARM_EXIDX)\s+([0-9a-f]{8})\s+[0-9a-f]+\s+([0-9a-f]+)\s+\S+\s+\S*A)");
-    for (auto m = sec.globalMatch(re); m.hasNext();) {
-      auto x = m.next();
-      if (x.captured(3).toUInt(nullptr, 16)) sections.push_back({x.captured(2).toUInt(nullptr, 16), x.captured(3).toUInt(nullptr, 16)});
-    }
+    EXPECT_EQ(api.GetEndianess(), re.Header.at("Data").find("big endian") != std::string::npos ? 1 : 0);
+    // Base address: the lowest load address of an allocated section with
+    // file contents in a LOAD segment.
+    std::vector<std::pair<quint32, quint32>> sections; // addr, size
+    for (const readelf::Section& x : re.Sections)
+      if ((x.Type == "PROGBITS" || x.Type == "INIT_ARRAY" || x.Type == "FINI_ARRAY" || x.Type == "ARM_EXIDX") &&
+          x.Has('A') && x.Size)
+        sections.push_back({x.Addr, x.Size});
     quint32 lowest = 0xFFFFFFFF;
-    QRegularExpression seg(R"(LOAD\s+0x[0-9a-f]+\s+0x([0-9a-f]+)\s+0x([0-9a-f]+)\s+0x([0-9a-f]+))");
-    for (auto m = seg.globalMatch(re); m.hasNext();) {
-      auto x = m.next();
-      const quint32 v = x.captured(1).toUInt(nullptr, 16), p = x.captured(2).toUInt(nullptr, 16),
-                    fs = x.captured(3).toUInt(nullptr, 16);
-      for (auto [a, s] : sections)
-        if (a >= v && quint64(a) + s <= quint64(v) + fs) lowest = std::min(lowest, p + (a - v));
-    }
+    for (const readelf::Segment& x : re.Segments)
+      if (x.Type == "LOAD")
+        for (auto [a, s] : sections)
+          if (a >= x.VAddr && quint64(a) + s <= quint64(x.VAddr) + x.FileSize)
+            lowest = std::min(lowest, x.PAddr + (a - x.VAddr));
     EXPECT_EQ(api.GetBaseAddr(), lowest);
     // The program data answers by run address.
     for (const CProgramDataSegment& s : api.GetProgramDataSegments()) {

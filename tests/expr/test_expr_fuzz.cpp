@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include <random>
+#include "testsupport/randomtext.h"
 
 namespace {
 
@@ -27,46 +27,9 @@ const char* const kSeeds[] = {
   "sizeof(char *)", "((a + b) * (c - d)) / e % f", "x[i+1].y[j-1]",
 };
 
-QString RandomText(std::mt19937& rng) {
-  const int n = int(rng() % 24);
-  QString s;
-  for (int i = 0; i < n; ++i) {
-    const unsigned pick = rng() % 10;
-    if (pick < 8) {
-      s += QString::fromUtf8(kFragments[rng() % (sizeof(kFragments) / sizeof(kFragments[0]))]);
-    } else if (pick == 8) {
-      s += QChar(char16_t(0x20 + rng() % 0x5F));  // printable ASCII
-    } else {
-      s += QChar(char16_t(rng() % 0x3000));       // anything, control characters included
-    }
-  }
-  return s;
-}
-
-QString Mutate(std::mt19937& rng, QString s) {
-  const int steps = 1 + int(rng() % 4);
-  for (int k = 0; k < steps; ++k) {
-    const int len = int(s.size());
-    const int at = len ? int(rng() % (len + 1)) : 0;
-    switch (rng() % 5) {
-      case 0:  // insert a fragment
-        s.insert(at, QString::fromUtf8(kFragments[rng() % (sizeof(kFragments) / sizeof(kFragments[0]))]));
-        break;
-      case 1:  // delete a run
-        if (len) s.remove(at % len, 1 + int(rng() % 4));
-        break;
-      case 2:  // replace a character
-        if (len) s[at % len] = QChar(char16_t(0x20 + rng() % 0x5F));
-        break;
-      case 3:  // duplicate a slice
-        if (len) s.insert(at, s.mid(int(rng() % len), 1 + int(rng() % 6)));
-        break;
-      default:  // splice another seed in
-        s.insert(at, QString::fromLatin1(kSeeds[rng() % (sizeof(kSeeds) / sizeof(kSeeds[0]))]));
-        break;
-    }
-  }
-  return s;
+testsupport::RandomText Generator(uint64_t Seed) {
+  return testsupport::RandomText({std::begin(kFragments), std::end(kFragments)}, {std::begin(kSeeds), std::end(kSeeds)},
+                                 Seed);
 }
 
 int CountNodes(CExprNode* root) {
@@ -120,11 +83,11 @@ void CheckOne(const QString& s, bool Render) {
 }
 
 TEST(ExprFuzz, RandomAndMutatedTexts) {
-  std::mt19937 rng(0x7A17u);
+  testsupport::RandomText gen = Generator(0x7A17u);
   const int kInputs = 100000;
   for (int i = 0; i < kInputs; ++i) {
-    const QString s = (i & 1) ? RandomText(rng)
-                              : Mutate(rng, QString::fromLatin1(kSeeds[rng() % (sizeof(kSeeds) / sizeof(kSeeds[0]))]));
+    const QString s = QString::fromUtf8((i & 1) ? gen.Text(0, 23, 5, testsupport::RandomText::Character)
+                                                : gen.Mutate(gen.Seed(), 4, testsupport::RandomText::Printable));
     ASSERT_NO_FATAL_FAILURE(CheckOne(s, (i & 7) == 0)) << s.toStdString();
   }
 }

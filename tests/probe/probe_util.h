@@ -2,7 +2,6 @@
 // firmware, connecting to a fresh simulated device, running to a halt.
 #pragma once
 
-#include <elf.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -16,6 +15,7 @@
 #include <vector>
 
 #include "device/vorden_api.h"
+#include "testsupport/elf_file.h"
 
 namespace probetest {
 
@@ -57,35 +57,15 @@ struct ElfImage {
 
 inline ElfImage LoadElf(const std::string& path) {
   ElfImage img;
-  std::ifstream f(path, std::ios::binary);
-  std::vector<U8> b((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-  if (b.size() < sizeof(Elf32_Ehdr)) {
+  testsupport::ElfFile f;
+  if (!f.Load(path)) {
     ADD_FAILURE() << "cannot read " << path;
     return img;
   }
-  auto* eh = (const Elf32_Ehdr*)b.data();
-  for (int i = 0; i < eh->e_phnum; ++i) {
-    auto* ph = (const Elf32_Phdr*)(b.data() + eh->e_phoff + i * eh->e_phentsize);
-    if (ph->p_type != PT_LOAD || ph->p_filesz == 0) continue;
-    Segment s;
-    s.Addr = ph->p_paddr;  // load address (data goes to flash)
-    s.Data.assign(b.begin() + ph->p_offset, b.begin() + ph->p_offset + ph->p_filesz);
-    img.Segments.push_back(std::move(s));
-  }
-  auto* sh = (const Elf32_Shdr*)(b.data() + eh->e_shoff);
-  for (int i = 0; i < eh->e_shnum; ++i) {
-    if (sh[i].sh_type != SHT_SYMTAB) continue;
-    const Elf32_Shdr& str = sh[sh[i].sh_link];
-    auto* syms = (const Elf32_Sym*)(b.data() + sh[i].sh_offset);
-    for (size_t k = 0; k < sh[i].sh_size / sizeof(Elf32_Sym); ++k) {
-      std::string name = (const char*)(b.data() + str.sh_offset + syms[k].st_name);
-      if (!name.empty() && syms[k].st_shndx != SHN_UNDEF) {
-        U32 v = syms[k].st_value;
-        if (ELF32_ST_TYPE(syms[k].st_info) == STT_FUNC) v &= ~1u;
-        img.Symbols[name] = v;
-      }
-    }
-  }
+  for (const testsupport::ElfFile::Segment& s : f.Segments)
+    img.Segments.push_back({s.Addr, s.Data});  // load address (data goes to flash)
+  for (const testsupport::ElfFile::Symbol& y : f.Symbols)
+    if (!y.Name.empty() && y.Shndx != 0) img.Symbols[y.Name] = y.Type == 2 ? y.Value & ~1u : y.Value;  // STT_FUNC
   return img;
 }
 

@@ -10,7 +10,7 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <random>
+#include "testsupport/randomtext.h"
 
 namespace {
 
@@ -37,60 +37,13 @@ const char* const kTokens[] = {
   "\"abc\"", "\\0", "while (1) ", "if (0) ", "int a[100000];", "((((((((", "))))))))", ".", "_",
 };
 
-std::string Mutate(std::mt19937_64& rng, std::string s) {
-  auto pick = [&](size_t n) { return n ? size_t(rng() % n) : 0; };
-  int rounds = 1 + int(rng() % 3);
-  for (int r = 0; r < rounds; r++) {
-    size_t pos = pick(s.size() + 1);
-    switch (rng() % 7) {
-      case 0:  // insert a token
-        s.insert(pos, kTokens[pick(std::size(kTokens))]);
-        break;
-      case 1:  // delete a range
-        if (!s.empty()) s.erase(pos < s.size() ? pos : s.size() - 1, 1 + pick(12));
-        break;
-      case 2:  // flip a byte
-        if (!s.empty()) s[pick(s.size())] = char(rng());
-        break;
-      case 3: {  // duplicate a range
-        if (s.empty()) break;
-        size_t from = pick(s.size());
-        s.insert(pos, s.substr(from, 1 + pick(40)));
-        break;
-      }
-      case 4:  // printable random byte
-        s.insert(pos, 1, char(32 + rng() % 95));
-        break;
-      case 5: {  // splice with another seed
-        std::string other = kSeeds[pick(std::size(kSeeds))];
-        size_t from = pick(other.size());
-        s.insert(pos, other.substr(from, pick(other.size() - from + 1)));
-        break;
-      }
-      default:  // truncate
-        s.resize(pos);
-        break;
-    }
-  }
-  return s;
-}
-
-std::string RandomText(std::mt19937_64& rng) {
-  std::string s;
-  size_t n = rng() % 60;
-  for (size_t i = 0; i < n; i++) {
-    if (rng() % 3 == 0) s.push_back(char(rng()));
-    else s += kTokens[rng() % std::size(kTokens)];
-  }
-  return s;
-}
-
 TEST(ScriptFuzz, RandomAndMutatedScripts) {
   U64 seed = 20261122;
   long count = 100000;
   if (const char* e = getenv("TAVIT_FUZZ_SEED")) seed = strtoull(e, nullptr, 0);
   if (const char* e = getenv("TAVIT_FUZZ_COUNT")) count = strtol(e, nullptr, 0);
-  std::mt19937_64 rng(seed);
+  testsupport::RandomText gen({std::begin(kTokens), std::end(kTokens)}, {std::begin(kSeeds), std::end(kSeeds)}, seed);
+  auto rng = [&gen] { return gen.Next(); };
   CTestHost h;
   h.Engine.SetStatementBudget(3000);
   long parsed = 0, ran = 0, failed = 0;
@@ -98,9 +51,9 @@ TEST(ScriptFuzz, RandomAndMutatedScripts) {
   for (long i = 0; i < count; i++) {
     std::string text;
     switch (rng() % 8) {
-      case 0: text = RandomText(rng); break;
-      case 1: text = "int main(void) {\n" + RandomText(rng) + "\n}\n"; break;
-      default: text = Mutate(rng, kSeeds[rng() % std::size(kSeeds)]); break;
+      case 0: text = gen.Text(0, 59, 3, testsupport::RandomText::Byte); break;
+      case 1: text = "int main(void) {\n" + gen.Text(0, 59, 3, testsupport::RandomText::Byte) + "\n}\n"; break;
+      default: text = gen.Mutate(gen.Seed(), 3, testsupport::RandomText::Byte); break;
     }
     SCOPED_TRACE("seed " + std::to_string(seed) + " input " + std::to_string(i));
     if (h.Load(text) != 0) {

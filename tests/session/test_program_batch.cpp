@@ -8,6 +8,8 @@
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
 
+#include "testsupport/readelf_oracle.h"
+
 namespace {
 
 QString SourceDir() { return qEnvironmentVariable("TAVIT_SOURCE_DIR"); }
@@ -39,13 +41,11 @@ struct READELF_FACTS {
 };
 
 bool ReadElfFacts(const QString& sFile, READELF_FACTS* pFacts) {
+  const auto Header = readelf::Header(sFile.toStdString());
+  if (!Header.count("Entry point address") || !Header.count("Data")) return false;
+  pFacts->Entry = std::stoull(Header.at("Entry point address"), nullptr, 16);
+  pFacts->BigEndian = Header.at("Data").find("big endian") != std::string::npos;
   int Exit = 0;
-  const QString Out = RunProcess("arm-none-eabi-readelf", {"-hW", sFile}, &Exit);
-  if (Exit != 0 || Out.isEmpty()) return false;
-  const auto Entry = QRegularExpression(R"(Entry point address:\s+0x([0-9a-fA-F]+))").match(Out);
-  if (!Entry.hasMatch()) return false;
-  pFacts->Entry = Entry.captured(1).toULongLong(nullptr, 16);
-  pFacts->BigEndian = Out.contains("big endian");
   const QString Sections = RunProcess("arm-none-eabi-objdump", {"-h", sFile}, &Exit);
   if (Exit != 0) return false;
   // "  0 .vectors  00000188  08000200  08000200  00000200  2**2" followed by

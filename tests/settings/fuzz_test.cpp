@@ -10,6 +10,7 @@
 #include "settings/fonts.h"
 #include "settings/sysvars.h"
 #include "settings/textvalue.h"
+#include "testsupport/randomtext.h"
 #include "testsupport/testapp.h"
 
 namespace {
@@ -21,23 +22,16 @@ const char* const kTokens[] = {
     "18446744073709551615", "4294967295", "2147483648", "99999999999999999999", "Word", "Reset & Run",
     "SysVarMin=", ",SysVarMax=", "Courier New", "red"};
 
-QString RandomText(std::mt19937& rng) {
-  std::uniform_int_distribution<int> count(0, 6);
-  std::uniform_int_distribution<size_t> pick(0, std::size(kTokens) - 1);
-  QString s;
-  const int n = count(rng);
-  for (int i = 0; i < n; ++i) s += QString::fromUtf8(kTokens[pick(rng)]);
-  return s;
-}
-
 TEST(SettingsFuzz, ParsersSurviveAndRoundTrip) {
   if (!qGuiApp) NewTestApp<QGuiApplication>("test_settings_fuzz");
 
   std::mt19937 rng(20261122);
+  testsupport::RandomText gen({std::begin(kTokens), std::end(kTokens)}, {}, 20261122);
+  auto Text = [&gen] { return QString::fromUtf8(gen.Text(0, 6, 0, testsupport::RandomText::Printable)); };
   std::uniform_int_distribution<int> row(0, SYSVAR_COUNT - 1);
   int accepted = 0;
   for (int i = 0; i < 40000; ++i) {
-    const QString text = RandomText(rng);
+    const QString text = Text();
     const int id = row(rng);
     I64 v = 0;
     if (SysVars::SetText(id, text) == SysVars::TEXT_OK && SysVars::Row(id)->Type != SysVarType::String) {
@@ -55,9 +49,9 @@ TEST(SettingsFuzz, ParsersSurviveAndRoundTrip) {
     I64 mn;
     U64 mx;
     SysVars::ParseRange(text, mn, mx);
-    EditSysVar({RandomText(rng), text, RandomText(rng)});
-    EditPreference({QString::number(id), text, RandomText(rng), RandomText(rng)});
-    EditColor({RandomText(rng), text});
+    EditSysVar({Text(), text, Text()});
+    EditPreference({QString::number(id), text, Text(), Text()});
+    EditColor({Text(), text});
     if (EditFont({QString::number(i % 12), text}).Ok()) {
       // The shown text of a font reads back to the same font text.
       QFont f;

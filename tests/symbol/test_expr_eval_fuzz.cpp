@@ -6,7 +6,7 @@
 #include "symbol/symbol_test_util.h"
 
 #include <gtest/gtest.h>
-#include <random>
+#include "testsupport/randomtext.h"
 
 namespace {
 
@@ -33,29 +33,15 @@ const char* const kSeeds[] = {
   "g_mode_names[2][1]", "main.c::main.c::g_int", "g_ctrl.bits.trim << 31", "g_float % g_double",
 };
 
-QString RandomText(std::mt19937& rng) {
-  if (rng() % 8 == 0) {
-    QString s = kSeeds[rng() % (sizeof(kSeeds) / sizeof(kSeeds[0]))];
-    // Mutate a seed: replace or insert a fragment.
-    const int At = s.isEmpty() ? 0 : int(rng() % s.size());
-    s.insert(At, QString::fromUtf8(kFragments[rng() % (sizeof(kFragments) / sizeof(kFragments[0]))]));
-    return s;
-  }
-  const int n = 1 + int(rng() % 12);
-  QString s;
-  for (int i = 0; i < n; ++i) {
-    if (rng() % 16 == 0) s += QChar(char16_t(0x20 + rng() % 0x5F));
-    else s += QString::fromUtf8(kFragments[rng() % (sizeof(kFragments) / sizeof(kFragments[0]))]);
-  }
-  return s;
-}
-
 void Fuzz(const char* File, int Count, unsigned Seed) {
   ASSERT_TRUE(LoadProgram(File));
-  std::mt19937 rng(Seed);
+  testsupport::RandomText gen({std::begin(kFragments), std::end(kFragments)}, {std::begin(kSeeds), std::end(kSeeds)},
+                              Seed);
   int Ok = 0, Failed = 0;
   for (int i = 0; i < Count; ++i) {
-    CExpression e(RandomText(rng));
+    // Now and then a seed with one edit, else a text of fragments.
+    CExpression e(QString::fromUtf8(gen.Below(8) == 0 ? gen.Mutate(gen.Seed(), 1, testsupport::RandomText::Printable)
+                                                      : gen.Text(1, 12, 16, testsupport::RandomText::Printable)));
     const int r = Evaluate(e);
     if (r >= 0) {
       ++Ok;

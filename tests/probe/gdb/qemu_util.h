@@ -3,6 +3,7 @@
 // file's program segments, and read symbols and instruction lengths from the
 // cross tools' own output.
 #pragma once
+#include "testsupport/elf_file.h"
 #include "testsupport/tools.h"
 
 #include <arpa/inet.h>
@@ -119,31 +120,11 @@ struct Segment {
 // The PT_LOAD segments of a 32-bit little-endian ELF file at their load
 // addresses.
 inline bool LoadSegments(const std::string& sPath, std::vector<Segment>& Out, U32& Entry) {
-  std::ifstream f(sPath, std::ios::binary);
-  std::string d((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-  if (d.size() < 52 || d.compare(0, 4, "\x7f" "ELF") != 0 || d[4] != 1 || d[5] != 1) return false;
-  auto u32 = [&](size_t o) {
-    U32 v = 0;
-    if (o + 4 <= d.size()) memcpy(&v, d.data() + o, 4);
-    return v;
-  };
-  auto u16 = [&](size_t o) {
-    U16 v = 0;
-    if (o + 2 <= d.size()) memcpy(&v, d.data() + o, 2);
-    return v;
-  };
-  Entry = u32(24);
-  U32 phoff = u32(28);
-  U16 phentsize = u16(42), phnum = u16(44);
-  for (U16 i = 0; i < phnum; ++i) {
-    size_t ph = phoff + (size_t)i * phentsize;
-    if (ph + 32 > d.size()) return false;
-    if (u32(ph) != 1) continue;  // PT_LOAD
-    U32 off = u32(ph + 4), paddr = u32(ph + 12), filesz = u32(ph + 16);
-    if (filesz == 0) continue;
-    if ((size_t)off + filesz > d.size()) return false;
-    Out.push_back({paddr, d.substr(off, filesz)});
-  }
+  testsupport::ElfFile f;
+  if (!f.Load(sPath) || f.Big) return false;
+  Entry = f.Entry;
+  for (const testsupport::ElfFile::Segment& s : f.Segments)
+    Out.push_back({s.Addr, std::string(s.Data.begin(), s.Data.end())});
   return !Out.empty();
 }
 

@@ -1,0 +1,1 @@
+int high(void) { return 2; }

@@ -1,0 +1,1 @@
+int low(void) { return 1; }
