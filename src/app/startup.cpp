@@ -2,6 +2,7 @@
 
 #include "app/batch.h"
 #include "commands/actions.h"
+#include "device/module.h"
 #include "log/console.h"
 #include "log/diag.h"
 #include "log/log.h"
@@ -101,6 +102,7 @@ int RunTavit(int argc, char** argv) {
   QApplication::setFont(Font);
   Fonts::ResetToDefaults();
   // 8. (The device data manager is created by the device module on first use.)
+  DeviceModule::Install();
   // 9. The main window.
   if (o.IsBatch) CMessageBox::SetBatchMode(true);
   auto* pMain = new CMainWindow;

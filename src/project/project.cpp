@@ -1,6 +1,7 @@
 #include "project/project.h"
 
 #include "app/cmdline.h"
+#include "device/projectsettings.h"
 #include "commands/actions.h"
 #include "common/hash.h"
 #include "log/diag.h"
@@ -662,6 +663,7 @@ void OnSetDevice(int Id) {
     return;
   }
   Project().DeviceSettings().Device = s;
+  if (g_pDeviceProjectSettings) g_pDeviceProjectSettings->SetDevice(s);
   SetActionResult(Id, 0);
 }
 
@@ -688,6 +690,7 @@ void OnSetHostIF(int Id) {
   }
   Project().DeviceSettings().HostIF = sName;
   Project().DeviceSettings().HostID = sIdent;
+  if (g_pDeviceProjectSettings) g_pDeviceProjectSettings->SetHostIF(sName, sIdent);
   SetActionResult(Id, 0);
 }
 
@@ -698,6 +701,7 @@ void OnSetTargetIF(int Id) {
   for (const char* n : kNames) {
     if (s.compare(QLatin1String(n), Qt::CaseInsensitive) == 0) {
       Project().DeviceSettings().TargetIF = QLatin1String(n);
+      if (g_pDeviceProjectSettings) g_pDeviceProjectSettings->SetTargetIF(QLatin1String(n));
       SetActionResult(Id, 0);
       return;
     }
@@ -724,6 +728,7 @@ void OnSetTIFSpeed(int Id) {
   if (Hz != 0 && Hz != 0xFFFF) Hz = std::max<I64>(1000, (Hz + 500) / 1000 * 1000);
   SysVars::SetValue(VAR_TIF_SPEED, Hz);
   Project().DeviceSettings().HasTIFSpeed = true;
+  if (g_pDeviceProjectSettings) g_pDeviceProjectSettings->SetSpeed(Hz);
   SetActionResult(Id, 0);
 }
 
@@ -742,6 +747,7 @@ void OnSetJTAGConfig(int Id) {
   SysVars::SetValue(VAR_TIF_SCAN_CHAIN_POS, Pos);
   SysVars::SetValue(VAR_TIF_SCAN_CHAIN_LEN, Len);
   Project().DeviceSettings().HasScanChain = true;
+  if (g_pDeviceProjectSettings) g_pDeviceProjectSettings->SetJTAGConfig(int(Pos), int(Len));
   SetActionResult(Id, 0);
 }
 
@@ -753,6 +759,7 @@ void OnSetVordenScript(int Id) {
     return;
   }
   Project().DeviceSettings().VordenScript = s;
+  if (g_pDeviceProjectSettings) g_pDeviceProjectSettings->SetScriptFile(s);
   SetActionResult(Id, 0);
 }
 
@@ -766,6 +773,7 @@ void OnSetVordenLogFile(int Id) {
     return;
   }
   Project().DeviceSettings().VordenLogFile = s;
+  if (g_pDeviceProjectSettings) g_pDeviceProjectSettings->SetLogFile(s);
   SetActionResult(Id, 0);
 }
 
