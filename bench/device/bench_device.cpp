@@ -80,6 +80,15 @@ void Measure(const devtest::BACKEND& b, int Reads, U32 FlashAddr) {
   const double s = t.nsecsElapsed() / 1e9;
   printf("%-5s Target.ReadU32 from a script: %8.0f calls/s (%d calls, %s)\n", b.sName, Reads / s, Reads,
          r == VScript::EXEC_OK ? "ok" : qPrintable(VScript::GetLastError()));
+  // The parts of one call: the command alone, and the wait that follows it.
+  QElapsedTimer t2;
+  t2.start();
+  for (int i = 0; i < 2000; ++i) ExecAction(AID_TARGET_READ_U_32, QStringLiteral("0x%1").arg(FlashAddr, 0, 16));
+  const double Cmd = t2.nsecsElapsed() / 2000e3;
+  t2.restart();
+  for (int i = 0; i < 2000; ++i) DeviceModule::WaitUntilIdle(1000);
+  const double Wait = t2.nsecsElapsed() / 2000e3;
+  printf("%-5s   per call: command %.1f us, wait for the device %.1f us\n", b.sName, Cmd, Wait);
   printf("%-5s download of a 256 KB image:  %8.0f KB/s (best of 3)\n", b.sName, BestKBs);
   Device()->PostDisconnect();
   DeviceModule::WaitUntilIdle(10000);

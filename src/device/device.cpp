@@ -36,8 +36,9 @@ void CopyBehindType(DEVICE_JOB* pDst, const DEVICE_JOB& Src) {
 U64 LoadJobID(const DEVICE_JOB* p) {
   return std::atomic_ref<U64>(const_cast<DEVICE_JOB*>(p)->JobID).load(std::memory_order_relaxed);
 }
-void ClearPending(DEVICE_JOB* p) {
-  std::atomic_ref<U32>(p->Flags).fetch_and(~JOB_FLAG_PENDING, std::memory_order_acq_rel);
+// Clears the pending flag; true when this call cleared it.
+bool ClearPending(DEVICE_JOB* p) {
+  return std::atomic_ref<U32>(p->Flags).fetch_and(~JOB_FLAG_PENDING, std::memory_order_acq_rel) & JOB_FLAG_PENDING;
 }
 
 qint64 NowMs() {
@@ -151,6 +152,7 @@ int CDevice::ScheduleJob(DEVICE_JOB* pTemplate, U32* pQueue, U32* pSlot) {
   Copy.Status = 0;
   Copy.Flags = JOB_FLAG_PENDING;
   CopyBehindType(pSlotJob, Copy);
+  m_PendingJobs.fetch_add(1);
   PublishType(pSlotJob, Type);
   if (pQueue) *pQueue = Q;
   if (pSlot) *pSlot = Slot;
@@ -193,13 +195,16 @@ void CDevice::CancelJobs(U32 Type, U32 Selector) {
     for (DEVICE_JOB& j : m_aaJobs[q]) {
       const U32 t = LoadType(&j);
       if (t == 0 || (Type != JT_ALL && t != Type)) continue;
-      const U32 Old = std::atomic_ref<U32>(j.Flags).fetch_and(~JOB_FLAG_PENDING, std::memory_order_acq_rel);
-      if (Old & JOB_FLAG_PENDING) m_JobsCancelled.fetch_add(1);
+      if (ClearPending(&j)) {
+        m_JobsCancelled.fetch_add(1);
+        m_PendingJobs.fetch_sub(1);
+      }
     }
   }
 }
 
 void CDevice::RecycleJob(DEVICE_JOB* pJob) {
+  if (ClearPending(pJob) && pJob->Queue < DEVICE_NUM_QUEUES) m_PendingJobs.fetch_sub(1);
   FreeJobParams(pJob);
   // Zero everything but the type, then free the slot by its type.
   CopyBehindType(pJob, DEVICE_JOB{});
@@ -328,7 +333,7 @@ void CDevice::RunJob(DEVICE_JOB* p) {
     return;
   }
   m_EventsPosted.fetch_add(1);
-  ClearPending(p);
+  if (ClearPending(p)) m_PendingJobs.fetch_sub(1);
   if (PostDeviceEvent(DEV_EVENT_JOB_DONE, reinterpret_cast<U64>(p)) < 0) RecycleJob(p);
   // A target found halted by the connection is reported after it.
   if (m_bHaltReportDue) {
@@ -544,16 +549,7 @@ U64 CDevice::WaitAndDeliver(U32 Type, bool DoProcessEvents) {
 int CDevice::WaitIdle(int TimeoutMS) {
   const qint64 Start = NowMs();
   for (;;) {
-    bool Pending = false;
-    for (const auto& Ring : m_aaJobs) {
-      for (const DEVICE_JOB& j : Ring)
-        if (LoadType(&j) != 0 && (LoadFlags(&j) & JOB_FLAG_PENDING)) {
-          Pending = true;
-          break;
-        }
-      if (Pending) break;
-    }
-    if (!Pending) {
+    if (m_PendingJobs.load() == 0) {
       while (DeliverDeviceEvents(100) > 0) {
       }
       if (PendingDeviceEvents() == 0) return 0;

@@ -213,6 +213,7 @@ class CDevice : public QThread {
 
   std::atomic<U64> m_NextJobID{0}, m_JobsStarted{0}, m_JobsCancelled{0}, m_JobsRecycled{0}, m_EventsPosted{0};
   std::atomic<U8> m_abMute[JT_LAST] = {};
+  std::atomic<int> m_PendingJobs{0};  // scheduled jobs whose pending flag is still set
 
   std::recursive_mutex m_DeviceMx;
   std::mutex m_WakeMx;

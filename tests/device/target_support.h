@@ -18,14 +18,15 @@ struct BACKEND {
   const char* sHostIF;
   const char* sFirmware;   // relative to the source tree
   const char* sDataSym;    // an initialised .data word
-  const char* sConstSym;   // a const table in the program image, or ""
-  U32 RAMEnd;
+  const char* sConstSym;   // a const table of 16-bit elements in the image, or ""
+  U32 RAMEnd;              // readable memory ends here
+  bool PlainRAMAtEnd;      // what is written below RAMEnd reads back
 };
 
 inline const BACKEND kSim{"sim", "STM32F407VG", "USB", "firmware/corpus/app-dwarf4-O0.elf", "g_array", "crc_table",
-                          0x20020000};
+                          0x20020000, true};
 inline const BACKEND kQemu{"qemu", "MPS2-AN385", "IP", "firmware/gdb/elf/gdbtest_an385.elf", "g_table", "",
-                           0x20400000};
+                           0x24000000, false};  // the end of the bit-band alias
 
 inline std::string PrintBackend(const ::testing::TestParamInfo<BACKEND>& i) { return i.param.sName; }
 
@@ -68,12 +69,12 @@ struct IMAGE_WORD {
   bool Found = false;
 };
 
-inline IMAGE_WORD ImageWord(const QString& sElf, const char* sSym, int Index) {
+inline IMAGE_WORD ImageWord(const QString& sElf, const char* sSym, int Index, int Size = 4) {
   IMAGE_WORD w;
   const QString Nm = QString::fromStdString(RunToolOutput("arm-none-eabi-nm " + sElf.toStdString()));
   const auto m = QRegularExpression(QStringLiteral("^([0-9a-f]+) \\w %1$").arg(sSym), QRegularExpression::MultilineOption).match(Nm);
   if (!m.hasMatch()) return w;
-  w.RunAddr = m.captured(1).toUInt(nullptr, 16) + 4u * U32(Index);
+  w.RunAddr = m.captured(1).toUInt(nullptr, 16) + U32(Size) * U32(Index);
   const QString Sections = QString::fromStdString(RunToolOutput("arm-none-eabi-objdump -h " + sElf.toStdString()));
   // "  1 .data  00000090  20000000  08000f90  00010000  2**2"
   const QRegularExpression Row(QStringLiteral(R"(^\s*\d+\s+(\S+)\s+([0-9a-f]+)\s+([0-9a-f]+)\s+([0-9a-f]+)\s+([0-9a-f]+))"),
@@ -83,12 +84,12 @@ inline IMAGE_WORD ImageWord(const QString& sElf, const char* sSym, int Index) {
   const QByteArray Data = f.readAll();
   for (auto It = Row.globalMatch(Sections); It.hasNext();) {
     const auto r = It.next();
-    const U32 Size = r.captured(2).toUInt(nullptr, 16), Vma = r.captured(3).toUInt(nullptr, 16);
+    const U32 SecSize = r.captured(2).toUInt(nullptr, 16), Vma = r.captured(3).toUInt(nullptr, 16);
     const U32 Lma = r.captured(4).toUInt(nullptr, 16), Off = r.captured(5).toUInt(nullptr, 16);
-    if (w.RunAddr < Vma || w.RunAddr + 4 > Vma + Size) continue;
+    if (w.RunAddr < Vma || w.RunAddr + U32(Size) > Vma + SecSize) continue;
     const U32 At = Off + (w.RunAddr - Vma);
-    if (qsizetype(At) + 4 > Data.size()) return w;
-    memcpy(&w.Value, Data.constData() + At, 4);
+    if (qsizetype(At) + Size > Data.size()) return w;
+    memcpy(&w.Value, Data.constData() + At, size_t(Size));
     w.LoadAddr = Lma + (w.RunAddr - Vma);
     w.Found = true;
     return w;

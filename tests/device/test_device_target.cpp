@@ -10,6 +10,7 @@
 #include "log/messagebox.h"
 #include "project/project.h"
 #include "target_support.h"
+#include "testsupport/consolelines.h"
 #include "testsupport/testapp.h"
 #include "ui/shell/consolewindow.h"
 #include "ui/shell/mainwindow.h"
@@ -46,11 +47,15 @@ class DeviceTarget : public ::testing::TestWithParam<BACKEND> {
     }
     pRig.reset();
   }
+  // Runs a command to its end; its console text is in sConsole.
   I64 Run(int Id, const QVariant& a = {}, const QVariant& b = {}) {
-    const I64 r = ExecAction(Id, a, b);
+    TakeConsoleLines();
+    ExecAction(Id, a, b);
     WaitForCommand(Id);
-    return GetActionResult(Id) == r ? r : GetActionResult(Id);
+    sConsole = TakeConsoleLines().join('\n');
+    return GetActionResult(Id);
   }
+  QString sConsole;
   void ConnectAndDownload(const char* sFirmware) {
     ASSERT_EQ(Run(AID_EXEC_CONNECT), 0);
     ASSERT_TRUE(Device()->IsConnected());
@@ -65,17 +70,20 @@ TEST_P(DeviceTarget, ReadAcrossTheEndOfRamKeepsTheReadablePart) {
   const BACKEND& b = GetParam();
   ASSERT_EQ(Run(AID_EXEC_CONNECT), 0);
   const U32 Start = b.RAMEnd - 8;
-  ASSERT_EQ(Run(AID_TARGET_WRITE_U_32, Start, 0x11223344u), 0) << GetActionError(AID_TARGET_WRITE_U_32).toStdString();
-  ASSERT_EQ(Run(AID_TARGET_WRITE_U_32, Start + 4, 0x55667788u), 0);
+  U8 Before[8], St0[8];
+  ASSERT_EQ(Device()->ReadMem(Start, 8, 0, AW_ANY, 0, nullptr, Before, St0), 8);
+  if (b.PlainRAMAtEnd) {
+    ASSERT_EQ(Run(AID_TARGET_WRITE_U_32, Start, 0x11223344u), 0) << sConsole.toStdString();
+    ASSERT_EQ(Run(AID_TARGET_WRITE_U_32, Start + 4, 0x55667788u), 0);
+    const U32 w[2] = {0x11223344u, 0x55667788u};
+    memcpy(Before, w, 8);
+  }
   U8 Data[16], Status[16];
   memset(Status, 7, sizeof Status);
   const int n = Device()->ReadMem(Start, 16, 4, AW_ANY, MEM_FLAG_ITEM_RETRY, nullptr, Data, Status);
   EXPECT_EQ(n, 8);
   for (int i = 0; i < 16; ++i) EXPECT_EQ(Status[i], i < 8 ? 0 : 1) << i;
-  U32 w[2];
-  memcpy(w, Data, 8);
-  EXPECT_EQ(w[0], 0x11223344u);
-  EXPECT_EQ(w[1], 0x55667788u);
+  EXPECT_EQ(memcmp(Data, Before, 8), 0);
   // One byte at the very end of the address space is refused by the range rule.
   EXPECT_EQ(Device()->ReadMem(0xFFFFFFFEu, 1, 0, AW_ANY, 0, nullptr, Data, Status), 0);
   U32 Word = 0;
@@ -87,23 +95,23 @@ TEST_P(DeviceTarget, RunningTargetRefusesScriptReadsWithoutBackgroundAccess) {
   const BACKEND& b = GetParam();
   if (QString(b.sHostIF) == "USB") ASSERT_EQ(Run(AID_EXEC_COMMAND, "SimBMA=0"), 0);
   ConnectAndDownload(b.sFirmware);
-  ASSERT_EQ(Run(AID_EXEC_RESET), 0);
+  ASSERT_EQ(Run(AID_EXEC_RESET), 0) << sConsole.toStdString();
   ASSERT_EQ(Device()->PostContinue(), 0);
   ASSERT_EQ(DeviceModule::WaitUntilIdle(10000), 0);
   ASSERT_FALSE(Device()->HaltReported());
   Run(AID_TARGET_READ_U_32, 0x20000000u);
-  EXPECT_EQ(GetActionError(AID_TARGET_READ_U_32).toStdString(),
-            "cannot access target memory: target not halted and background memory access not supported");
+  EXPECT_TRUE(sConsole.contains("cannot access target memory: target not halted and background memory access not supported"))
+      << sConsole.toStdString();
   Run(AID_TARGET_GET_REG, "PC");
-  EXPECT_EQ(GetActionError(AID_TARGET_GET_REG).toStdString(), "cannot access target registers: target not halted");
+  EXPECT_TRUE(sConsole.contains("cannot access target registers: target not halted")) << sConsole.toStdString();
   ASSERT_EQ(Device()->PostHalt(), 0);
   QElapsedTimer t;
   t.start();
   while (!Device()->HaltReported() && t.elapsed() < 5000) DeviceModule::WaitUntilIdle(1000);
   ASSERT_TRUE(Device()->HaltReported());
-  ClearAction(AID_TARGET_GET_REG);
   const I64 Pc = Run(AID_TARGET_GET_REG, "PC");
-  EXPECT_TRUE(GetActionError(AID_TARGET_GET_REG).isEmpty()) << GetActionError(AID_TARGET_GET_REG).toStdString();
+  EXPECT_FALSE(sConsole.contains("cannot access")) << sConsole.toStdString();
+  EXPECT_GT(Pc, 0);
   EXPECT_EQ(Pc & 1, 0) << "the Thumb bit never shows";
   if (QString(b.sHostIF) == "USB") Run(AID_EXEC_COMMAND, "SimBMA=1");
 }
@@ -118,10 +126,9 @@ TEST_P(DeviceTarget, ServerThatStopsAnsweringGivesAnErrorInTime) {
   kill(pRig->Qemu()->pid, SIGSTOP);
   QElapsedTimer t;
   t.start();
-  ClearAction(AID_TARGET_READ_U_32);
-  EXPECT_EQ(Run(AID_TARGET_READ_U_32, 0x20000004u), 0);
+  EXPECT_EQ(Run(AID_TARGET_READ_U_32, 0x20100000u), 0);
   const qint64 Ms = t.elapsed();
-  EXPECT_EQ(GetActionError(AID_TARGET_READ_U_32).toStdString(), "ReadWord: Vorden API call failed");
+  EXPECT_TRUE(sConsole.contains("ReadWord: Vorden API call failed")) << sConsole.toStdString();
   EXPECT_LT(Ms, 1000 * 4) << "within the configured time-out";
   // The application stays usable: jobs still run and report.
   t.restart();
