@@ -8,6 +8,7 @@
 #include "settings/sysvars.h"
 
 #include <QThread>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <netdb.h>
@@ -21,9 +22,10 @@ std::mutex s_InfoMx;
 DEVICE_INFO_FIELDS s_Info;
 std::vector<U32> s_Cores;
 QString s_aErrorMsg[3];
-int (*s_pfnEndian)() = nullptr;
-int (*s_pfnBMA)() = nullptr;
-void* s_pfnWebPort = nullptr;
+// The probe's optional functions (fetched again after each connect and device change).
+std::atomic<int (*)()> s_pfnEndian{nullptr};
+std::atomic<int (*)()> s_pfnBMA{nullptr};
+std::atomic<void*> s_pfnWebPort{nullptr};
 
 // Whether "host[:port]" accepts a TCP connection within TimeoutMs, so that a
 // network probe that is not there fails here rather than inside the library.
@@ -453,9 +455,9 @@ void CDevice::UpdateVordenFuncPtrs() {
 
 void CDevice::UpdateVordenWebserverURL() {
   int FuncPort = -1;
-  if (s_pfnWebPort) {
+  if (void* pf = s_pfnWebPort.load()) {
     U32 aRec[8] = {};
-    reinterpret_cast<int (*)(void*)>(s_pfnWebPort)(aRec);
+    reinterpret_cast<int (*)(void*)>(pf)(aRec);
     FuncPort = int(aRec[1]);
   }
   std::lock_guard<std::mutex> g(s_InfoMx);
@@ -482,7 +484,8 @@ void CDevice::UpdateTIFSpeed() {
 }
 
 void CDevice::UpdateEndianess() {
-  int e = s_pfnEndian ? s_pfnEndian() : -1;
+  const auto pfEndian = s_pfnEndian.load();
+  int e = pfEndian ? pfEndian() : -1;
   if (e < 0) e = m_Config.Get(DEV_CFG_ENDIAN) ? 3 : 0;
   const int Data = (e >> 1) & 1, Inst = e & 1;
   bool Changed;
@@ -506,8 +509,9 @@ void CDevice::ResetHWCapabilityFlags() {
 }
 
 int CDevice::ReadBMACapability() {
-  if (!s_pfnBMA) return 0;
-  const int v = s_pfnBMA();
+  const auto pfBMA = s_pfnBMA.load();
+  if (!pfBMA) return 0;
+  const int v = pfBMA();
   if (v == 2)
     DeviceLogInfo("Using stop mode for background memory accesses: http://www.vorden.example/Memory_accesses");
   return v < 0 ? 0 : v;

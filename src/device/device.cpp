@@ -251,6 +251,11 @@ DEVICE_COUNTERS CDevice::Counters() const {
 void CDevice::run() {
   m_WorkerThread.store(QThread::currentThreadId());
   setPriority(QThread::LowestPriority);
+  // What the library tells before any connection: version, optional functions.
+  if (m_Probe.VORDEN_GetpFunc) {
+    std::lock_guard<std::recursive_mutex> g(m_DeviceMx);
+    UpdateVordenFuncPtrs();
+  }
   while (!m_bStop.load()) {
     int Rounds;
     {
