@@ -3,6 +3,7 @@
 #include "app/batch.h"
 #include "cmdline/cmdline.h"
 #include "commands/actions.h"
+#include "device/module.h"
 #include "log/console.h"
 #include "log/diag.h"
 #include "log/log.h"
@@ -46,6 +47,8 @@ void InstallModules() {
   ProjectModule::Install();
   ProjectCommands::Install();
   SessionModule::Install();
+  DeviceModule::Install();
+  ProjectModule::SetDeviceSettings(&DeviceModule::ProjectSettings());
   ProjectModule::SetProgramFileLoader(&SessionModule::ProgramFileLoader());
   static CProjectDialogs s_Dialogs;
   ProjectModule::SetDialogs(&s_Dialogs);

@@ -31,6 +31,7 @@ QList<USER_FILE_SECTION>& Sections() {
 bool Batch() { return CMessageBox::IsBatchMode(); }
 
 IProgramFileLoader* g_pProgramLoader = nullptr;
+IDeviceProjectSettings* g_pDeviceSettings = nullptr;
 IProjectDialogs* g_pDialogs = nullptr;
 
 // A warning for the console and the log file.
@@ -454,6 +455,8 @@ void Install() {
 }
 
 void SetProgramFileLoader(IProgramFileLoader* pLoader) { g_pProgramLoader = pLoader; }
+void SetDeviceSettings(IDeviceProjectSettings* pSettings) { g_pDeviceSettings = pSettings; }
+IDeviceProjectSettings* DeviceSettingsSink() { return g_pDeviceSettings; }
 IProgramFileLoader* ProgramFileLoader() { return g_pProgramLoader; }
 void SetDialogs(IProjectDialogs* pDialogs) { g_pDialogs = pDialogs; }
 IProjectDialogs* Dialogs() { return Batch() ? nullptr : g_pDialogs; }

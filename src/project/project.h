@@ -50,6 +50,8 @@ struct CMDLINE_OPTIONS;
 
 // Opening a file that is no project (a program or data file). The program
 // layer implements it; the top installs it with SetProgramFileLoader.
+class IDeviceProjectSettings;
+
 class IProgramFileLoader {
  public:
   virtual ~IProgramFileLoader() = default;
@@ -170,6 +172,10 @@ namespace ProjectModule {
 void Install();
 bool IsInstalled();
 void SetProgramFileLoader(IProgramFileLoader* pLoader);
+// Where the connection settings (device, interfaces, speed, probe files) go
+// besides the project; none until the top installs the device layer's.
+void SetDeviceSettings(IDeviceProjectSettings* pSettings);
+IDeviceProjectSettings* DeviceSettingsSink();
 IProgramFileLoader* ProgramFileLoader();
 void SetDialogs(IProjectDialogs* pDialogs);
 IProjectDialogs* Dialogs();  // null when none is installed or in batch mode

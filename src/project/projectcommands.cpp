@@ -4,6 +4,7 @@
 #include "project/projectcommands.h"
 
 #include "commands/actions.h"
+#include "device/projectsettings.h"
 #include "expr/evaluator.h"
 #include "cmdline/cmdline.h"
 #include "log/log.h"
@@ -323,6 +324,7 @@ void OnSetDevice(int Id) {
     return;
   }
   Project().DeviceSettings().Device = s;
+  if (auto* d = ProjectModule::DeviceSettingsSink()) d->SetDevice(s);
   SetActionResult(Id, 0);
 }
 
@@ -349,6 +351,7 @@ void OnSetHostIF(int Id) {
   }
   Project().DeviceSettings().HostIF = sName;
   Project().DeviceSettings().HostID = sIdent;
+  if (auto* d = ProjectModule::DeviceSettingsSink()) d->SetHostIF(sName, sIdent);
   SetActionResult(Id, 0);
 }
 
@@ -359,6 +362,7 @@ void OnSetTargetIF(int Id) {
   for (const char* n : kNames) {
     if (s.compare(QLatin1String(n), Qt::CaseInsensitive) == 0) {
       Project().DeviceSettings().TargetIF = QLatin1String(n);
+      if (auto* d = ProjectModule::DeviceSettingsSink()) d->SetTargetIF(QLatin1String(n));
       SetActionResult(Id, 0);
       return;
     }
@@ -385,6 +389,7 @@ void OnSetTIFSpeed(int Id) {
   if (Hz != 0 && Hz != 0xFFFF) Hz = std::max<I64>(1000, (Hz + 500) / 1000 * 1000);
   SysVars::SetValue(VAR_TIF_SPEED, Hz);
   Project().DeviceSettings().HasTIFSpeed = true;
+  if (auto* d = ProjectModule::DeviceSettingsSink()) d->SetSpeed(Hz);
   SetActionResult(Id, 0);
 }
 
@@ -403,6 +408,7 @@ void OnSetJTAGConfig(int Id) {
   SysVars::SetValue(VAR_TIF_SCAN_CHAIN_POS, Pos);
   SysVars::SetValue(VAR_TIF_SCAN_CHAIN_LEN, Len);
   Project().DeviceSettings().HasScanChain = true;
+  if (auto* d = ProjectModule::DeviceSettingsSink()) d->SetJTAGConfig(int(Pos), int(Len));
   SetActionResult(Id, 0);
 }
 
@@ -414,6 +420,7 @@ void OnSetVordenScript(int Id) {
     return;
   }
   Project().DeviceSettings().VordenScript = s;
+  if (auto* d = ProjectModule::DeviceSettingsSink()) d->SetScriptFile(s);
   SetActionResult(Id, 0);
 }
 
@@ -427,6 +434,7 @@ void OnSetVordenLogFile(int Id) {
     return;
   }
   Project().DeviceSettings().VordenLogFile = s;
+  if (auto* d = ProjectModule::DeviceSettingsSink()) d->SetLogFile(s);
   SetActionResult(Id, 0);
 }
 

@@ -1,0 +1,236 @@
+// CDevice: the one object through which the program reaches the debug probe.
+// It is a worker thread with three job rings (control, reads, slow jobs) and a
+// notification ring for reports that belong to no queued job. Callers fill a
+// DEVICE_JOB and schedule it; the worker runs it against the probe and posts
+// the report as a device event (device/events.h).
+#pragma once
+#include "common/types.h"
+#include "device/devconfig.h"
+#include "device/job.h"
+#include "device/listener.h"
+#include "device/probe_funcs.h"
+
+#include <QString>
+#include <QThread>
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+
+constexpr U32 DEVICE_RING_SIZE = 10000;
+constexpr U32 DEVICE_NUM_QUEUES = 3;
+constexpr U32 QUEUE_SEL_CLASS_OF_TYPE = 3, QUEUE_SEL_ALL = 4;
+
+// Memory access flags.
+constexpr U32 MEM_FLAG_ITEM_RETRY = 8, MEM_FLAG_HALT_AROUND = 16, MEM_FLAG_DOWNLOAD = 32;
+// A program download: the write opens the download bracket, and the
+// JT_END_DOWNLOAD job that follows closes it.
+constexpr U32 MEM_FLAG_BEGIN_DOWNLOAD = 64;
+enum AW : I8 { AW_ANY = 0, AW_BYTE = 1, AW_HALF_WORD = 2, AW_WORD = 4 };
+
+struct DEVICE_COUNTERS {
+  U64 NextJobID, Started, Cancelled, Recycled, EventsPosted;
+};
+
+class CDevice : public QThread {
+ public:
+  // The process-wide device; created on first use with the probe library of
+  // the install tree. Null after Destroy.
+  static CDevice* Instance();
+  static CDevice* InstanceIfCreated();
+  // Creates the device over a given probe table (tests), replacing any other.
+  static CDevice* CreateWithProbe(const VORDEN_FUNCS& Funcs, const QString& sLibPath = QString());
+  static void Destroy();
+
+  ~CDevice() override;
+
+  // ---- scheduling (any thread)
+  // Copies the template into the ring of its class. 0, or -1 (type out of
+  // range, missing parameter, queue full); the parameters belong to the ring
+  // either way. *pQueue/*pSlot name where it went.
+  int ScheduleJob(DEVICE_JOB* pTemplate, U32* pQueue = nullptr, U32* pSlot = nullptr);
+  bool IsValidJob(const DEVICE_JOB* pJob) const;
+  bool IsJobPending(U32 Type) const;
+  void CancelJobs(U32 Type, U32 Selector);
+  void RecycleJob(DEVICE_JOB* pJob);
+  void SetMute(U32 Type, bool On) { m_abMute[Type < JT_LAST ? Type : 0].store(On ? 1 : 0); }
+  bool IsMuted(U32 Type) const { return Type < JT_LAST && m_abMute[Type].load() != 0; }
+  // A report that belongs to no queued job, through the notification ring.
+  int PostJobEvent(U32 Type, U32 Status, U64 Arg0, I64 Result, U64 Out0);
+  DEVICE_COUNTERS Counters() const;
+
+  // ---- waiting (GUI thread)
+  U64 WaitForJob(U32 Queue, U32 Slot, bool DoProcessEvents, int TimeoutMS);
+  U64 WaitForJobOfType(U32 Type, bool DoProcessEvents, int TimeoutMS);
+  U64 WaitAndDeliver(U32 Type, bool DoProcessEvents);
+  // Waits until no job is pending and every report is delivered; 0, or -1
+  // after TimeoutMS or with the worker gone.
+  int WaitIdle(int TimeoutMS);
+
+  // ---- job posters
+  int PostConnect(CONNECT_MODES Mode);
+  int PostDisconnect();
+  int PostHalt();
+  int PostContinue();
+  int PostStepInst();
+  int PostReset();
+  int PostConfigure(const char* sXml);
+  int PostSetConfigParam(DEV_CONFIG_PARAMS Param, int Value);
+  int PostSetConfigParam(DEV_CONFIG_PARAMS Param, const char* sValue);
+  int PostExecVordenCmd(const char* sCmd);
+  int PostGetDeviceInfo();
+  int PostReadMem(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AccessWidth, U32 Flags, const char* sZone);
+  int PostWriteMem(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AccessWidth, U32 Flags, const U8* paData);
+  int PostWriteMemMultiple(U32 Cnt, const U32* paAddrRanges, U32 NumBytes, const U8* paData, U32 ChunkSize,
+                           I8 AccessWidth, U32 Flags);
+  int PostEndDownload(const char* sFilePath, int Mode);
+  int PostReadReg(U32 Idx);
+  int PostWriteReg(U32 Idx, U64 Value);
+  int PostReadRegs(U32 Cnt, const U32* paIdx);
+  int PostReadLocs(U32 Cnt, const ELF_SYM_LOC* paLocs, U64 Context);
+
+  // ---- configuration and connection (worker; devconfig.cpp, connect.cpp)
+  CDeviceConfig& Config() { return m_Config; }
+  const CDeviceConfig& Config() const { return m_Config; }
+  int Configure(const char* sXmlConfigStr);
+  int SetConfigParam(DEV_CONFIG_PARAMS Param, int Value);
+  int SetConfigParam(DEV_CONFIG_PARAMS Param, const char* sValue);
+  int Connect(CONNECT_MODES Mode);
+  int ConnectSimple();
+  int FinishConnect(CONNECT_MODES Mode);
+  int Disconnect();
+  int SelectHostIF();
+  int ExecVordenCmd(const char* sVordenCmd, U32 Len, char* acOut, U8 LogMsg);
+  int ExecVordenScript(const char* sFilePath);
+  int SetSuppressDeviceSelectionDialog(bool Enabled);
+  int UpdateDeviceInfo();
+  int UpdateSupportedCoresList();
+  void UpdateVordenFuncPtrs();
+  void UpdateVordenWebserverURL();
+  void UpdateMemZones();
+  void UpdateTIFSpeed();
+  void UpdateEndianess();
+  void ApplyDataEndianess(int Endian);
+  void UpdateHWCapabilityFlags();
+  void ResetHWCapabilityFlags();
+  int ReadBMACapability();
+  bool ReadSWOTraceCapability();
+  bool ReadStreamingTraceCapability();
+  bool TurnOnTargetPower();
+  bool TurnOffTargetPower();
+  void SetErrorMsg(int Slot, const char* sErrorMsg);
+  QString ErrorMsg(int Slot) const;
+  DEVICE_INFO_FIELDS Info() const;
+  QString LibVersionText() const;
+  std::vector<U32> SupportedCores() const;
+  const QString& LibPath() const { return m_sLibPath; }
+
+  // ---- memory and registers (memory.cpp)
+  int ValidateMemoryAccessParams(bool IsRead, U32 Addr, U32 nBytes, const U8* paData, const U8* paStatus);
+  bool CanAccessMemory() const;
+  int ReadMem(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AccessWidth, U32 Flags, const char* sZone, U8* paData,
+              U8* paStatus);
+  int ReadMemSimple(U32 Addr, U32 nBytes, I8 AccessWidth, U32 Flags, const char* sZone, U8* paData, U8* paStatus);
+  int ReadMemItemWise(U32 Addr, U32 nBytes, I8 AccessWidth, U32 Flags, const char* sZone, U8* pData,
+                      U8* paStatus);
+  int ReadMemChunkWise(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AccessWidth, U32 Flags, const char* sZone,
+                       U8* pData, U8* paStatus);
+  int WriteMem(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AccessWidth, U32 Flags, const char* sZone,
+               const U8* paData);
+  int WriteMemSimple(U32 Addr, U32 nBytes, I8 AccessWidth, const char* sZone, const U8* paData);
+  int WriteMemItemWise(U32 Addr, U32 nBytes, I8 AccessWidth, const char* sZone, const U8* pData);
+  int WriteMemChunkWise(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AccessWidth, U32 Flags, const char* sZone,
+                        const U8* paData);
+  int WriteMemMultiple(U32 Cnt, const U32* paAddrRanges, U32 NumBytes, const U8* paData, U32 ChunkSize,
+                       I8 AccessWidth, U32 Flags, const char* sZone);
+  int ReadWord(U32 Addr, U32* pOutWord);
+  int ReadHalfWord(U32 Addr, U16* pOutHW);
+  int ReadByte(U32 Addr, U8* pOutByte);
+  int ReadInt(U32 Addr, U8 Size, U32* pOutData);
+  int ReadLocs(U32 Cnt, const ELF_SYM_LOC* paDataLocs, U64* paOutVals, U8* pOutStatus);
+  int ReadReg(U32 VordenRegIdx, U64* pOutRegVal);
+  int WriteReg(U32 VordenRegIdx, U64 RegValue);
+  int ReadRegs(U32 Cnt, const U32* paVordenRegIdxs, U64* paOutRegVals, U8* pOutRegStatus);
+  int HaltBeforeMemoryIO();
+  int ResumeAfterMemoryIO();
+  int BeginDownload();
+  int EndDownload(bool DoHalt = false);
+  int LastDownloadError() const { return m_LastDownloadError.load(); }
+  // Chunk size of a download at the configured interface speed.
+  U32 DownloadChunkSize() const;
+
+  // ---- run control (minimal: halt, resume, step, reset and the halt poll)
+  int Halt();
+  int Go();
+  int StepInst();
+  int Reset();
+
+  // ---- state (any thread)
+  bool IsConnected() const { return m_bConnected.load(); }
+  bool IsConnectionLost() const { return m_bConnectionLost.load(); }
+  bool HaltReported() const { return m_bHaltReported.load(); }
+  bool IsTargetHalted() const { return m_bHalted.load(); }
+  bool IsRunning() const { return m_bRunning.load(); }
+  bool IsSourceStepInProgress() const { return m_bSourceStep.load(); }
+  U32 CurrentPC() const { return m_PC.load(); }
+  bool IsWorkerRunning() const { return isRunning() && !m_bStop.load(); }
+  bool IsWorkerThread() const;
+  // The probe table (tests and the host-side readers).
+  const VORDEN_FUNCS& Probe() const { return m_Probe; }
+
+  // Delivery of one job report on the GUI thread (events.cpp calls it).
+  void DispatchJobEvent(DEVICE_JOB* pJob);
+  bool ShouldSkipJobEvent(const DEVICE_JOB* pJob) const;
+
+ protected:
+  void run() override;
+
+ private:
+  CDevice(const VORDEN_FUNCS& Funcs, const QString& sLibPath);
+  void Wake();
+  int RunBatch();
+  void RunJob(DEVICE_JOB* pJob);
+  I64 ExecuteJob(DEVICE_JOB* pJob);
+  DEVICE_JOB* NextJob();
+  void CheckHandleHalt();
+  void OnInvalidHaltStatus();
+  // The target was found halted: state, PC, and the report now or after the job's own.
+  void OnHaltDetected(bool Report);
+  void ResetState();
+  void ShutdownProbe();
+  bool ProbeOpen() const;
+
+  VORDEN_FUNCS m_Probe;
+  QString m_sLibPath;
+  CDeviceConfig m_Config;
+
+  DEVICE_JOB m_aaJobs[DEVICE_NUM_QUEUES][DEVICE_RING_SIZE];
+  U32 m_aWrite[DEVICE_NUM_QUEUES] = {};
+  U32 m_aRead[DEVICE_NUM_QUEUES] = {};
+  mutable std::mutex m_WriteMx;
+  DEVICE_JOB m_aNotify[DEVICE_RING_SIZE];
+  U32 m_NotifyIdx = 0;
+  std::mutex m_NotifyMx;
+
+  std::atomic<U64> m_NextJobID{0}, m_JobsStarted{0}, m_JobsCancelled{0}, m_JobsRecycled{0}, m_EventsPosted{0};
+  std::atomic<U8> m_abMute[JT_LAST] = {};
+  std::atomic<int> m_PendingJobs{0};  // scheduled jobs whose pending flag is still set
+
+  std::recursive_mutex m_DeviceMx;
+  std::mutex m_WakeMx;
+  std::condition_variable m_WakeCv;
+  bool m_bWake = false;
+  std::atomic<bool> m_bStop{false};
+  std::atomic<bool> m_bRunDone{false};  // set last by the worker: nothing of it runs any more
+  std::atomic<Qt::HANDLE> m_WorkerThread{nullptr};
+
+  std::atomic<bool> m_bConnected{false}, m_bConnectionLost{false}, m_bHalted{false}, m_bHaltReported{false},
+      m_bRunning{false}, m_bSourceStep{false}, m_bReportHalts{false};
+  std::atomic<U32> m_PC{0};
+  std::atomic<int> m_LastDownloadError{0};
+  qint64 m_LastHaltPollMs = 0;
+  bool m_bHaltReportDue = false;  // worker only
+  qint64 m_LastRunCheckMs = 0;
+};
+
+// The process-wide device (created on first use).
+inline CDevice* Device() { return CDevice::Instance(); }

@@ -1,0 +1,177 @@
+// The small job posters of CDevice: each builds a template on its stack,
+// fills arguments and dynamic parameters, and schedules it.
+#include "device/device.h"
+
+#include "device/events.h"
+
+#include <cstring>
+
+namespace {
+
+DEVICE_JOB Make(U32 Type) {
+  DEVICE_JOB j{};
+  j.Type = Type;
+  return j;
+}
+
+}  // namespace
+
+int CDevice::PostConnect(CONNECT_MODES Mode) {
+  DEVICE_JOB j = Make(JT_CONNECT);
+  j.Arg0 = U64(Mode);
+  return ScheduleJob(&j);
+}
+
+int CDevice::PostDisconnect() {
+  PostDeviceEvent(DEV_EVENT_ABOUT_TO_DISCONNECT);
+  DEVICE_JOB j = Make(JT_DISCONNECT);
+  return ScheduleJob(&j);
+}
+
+int CDevice::PostHalt() {
+  DEVICE_JOB j = Make(JT_HALT);
+  return ScheduleJob(&j);
+}
+
+int CDevice::PostContinue() {
+  PostDeviceEvent(DEV_EVENT_ABOUT_TO_RESUME, RESUME_CONTINUE);
+  DEVICE_JOB j = Make(JT_CONTINUE);
+  j.Arg0 = RESUME_CONTINUE;
+  return ScheduleJob(&j);
+}
+
+int CDevice::PostStepInst() {
+  PostDeviceEvent(DEV_EVENT_ABOUT_TO_STEP);
+  DEVICE_JOB j = Make(JT_STEP_INST);
+  return ScheduleJob(&j);
+}
+
+int CDevice::PostReset() {
+  DEVICE_JOB j = Make(JT_RESET);
+  return ScheduleJob(&j);
+}
+
+int CDevice::PostConfigure(const char* sXml) {
+  DEVICE_JOB j = Make(JT_CONFIGURE);
+  const U32 n = sXml ? U32(strlen(sXml)) : 0;
+  if (n) SetJobParam(&j, 0, n, sXml);
+  return ScheduleJob(&j);
+}
+
+int CDevice::PostSetConfigParam(DEV_CONFIG_PARAMS Param, int Value) {
+  DEVICE_JOB j = Make(JT_SET_CONFIG_PARAM);
+  j.Arg0 = U64(Param);
+  j.Arg1 = U64(I64(Value));
+  return ScheduleJob(&j);
+}
+
+int CDevice::PostSetConfigParam(DEV_CONFIG_PARAMS Param, const char* sValue) {
+  DEVICE_JOB j = Make(JT_SET_CONFIG_PARAM);
+  j.Arg0 = U64(Param);
+  // An empty text still travels as a parameter (one terminator byte).
+  const U32 n = sValue ? U32(strlen(sValue)) : 0;
+  if (AllocJobParam(&j, 0, n ? n : 1) == 0 && n) memcpy(j.apDynParam[0], sValue, n);
+  return ScheduleJob(&j);
+}
+
+int CDevice::PostExecVordenCmd(const char* sCmd) {
+  DEVICE_JOB j = Make(JT_EXEC_VORDEN_CMD);
+  const U32 n = sCmd ? U32(strlen(sCmd)) : 0;
+  if (n) SetJobParam(&j, 0, n, sCmd);
+  AllocJobParam(&j, 1, 512);
+  return ScheduleJob(&j);
+}
+
+int CDevice::PostGetDeviceInfo() {
+  DEVICE_JOB j = Make(JT_GET_DEVICE_INFO);
+  const QByteArray s = m_Config.GetString(DEV_CFG_DEVICE_NAME).toUtf8();
+  SetJobParam(&j, 0, U32(s.size() + 1), s.constData());
+  return ScheduleJob(&j);
+}
+
+int CDevice::PostReadMem(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AccessWidth, U32 Flags, const char* sZone) {
+  DEVICE_JOB j = Make(JT_READ_MEM);
+  j.Arg0 = Addr;
+  j.Arg1 = nBytes;
+  j.Arg2 = ChunkSize;
+  j.Arg3 = U32(U8(AccessWidth));
+  j.Arg4 = Flags;
+  if (AllocJobParam(&j, 0, nBytes) < 0 || AllocJobParam(&j, 1, nBytes) < 0) {
+    FreeJobParams(&j);
+    return -1;
+  }
+  memset(j.apDynParam[1], 1, nBytes);
+  if (sZone && *sZone) SetJobParam(&j, 2, U32(strlen(sZone)), sZone);
+  return ScheduleJob(&j);
+}
+
+int CDevice::PostWriteMem(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AccessWidth, U32 Flags, const U8* paData) {
+  DEVICE_JOB j = Make(JT_WRITE_MEM);
+  j.Arg0 = Addr;
+  j.Arg1 = nBytes;
+  j.Arg2 = ChunkSize;
+  j.Arg3 = U32(U8(AccessWidth));
+  j.Arg4 = Flags;
+  if (SetJobParam(&j, 0, nBytes, paData) < 0) return -1;
+  return ScheduleJob(&j);
+}
+
+int CDevice::PostWriteMemMultiple(U32 Cnt, const U32* paAddrRanges, U32 NumBytes, const U8* paData,
+                                  U32 ChunkSize, I8 AccessWidth, U32 Flags) {
+  DEVICE_JOB j = Make(JT_WRITE_MEM_MULTIPLE);
+  j.Arg0 = Cnt;
+  j.Arg1 = NumBytes;
+  j.Arg2 = ChunkSize;
+  j.Arg3 = U32(U8(AccessWidth));
+  j.Arg4 = Flags;
+  if (SetJobParam(&j, 0, Cnt * 2 * sizeof(U32), paAddrRanges) < 0 || SetJobParam(&j, 1, NumBytes, paData) < 0) {
+    FreeJobParams(&j);
+    return -1;
+  }
+  return ScheduleJob(&j);
+}
+
+int CDevice::PostEndDownload(const char* sFilePath, int Mode) {
+  DEVICE_JOB j = Make(JT_END_DOWNLOAD);
+  j.Arg0 = U64(Mode);
+  const U32 n = sFilePath ? U32(strlen(sFilePath)) : 0;
+  if (n) SetJobParam(&j, 0, n, sFilePath);
+  return ScheduleJob(&j);
+}
+
+int CDevice::PostReadReg(U32 Idx) {
+  DEVICE_JOB j = Make(JT_READ_REG);
+  j.Arg0 = Idx;
+  return ScheduleJob(&j);
+}
+
+int CDevice::PostWriteReg(U32 Idx, U64 Value) {
+  DEVICE_JOB j = Make(JT_WRITE_REG);
+  j.Arg0 = Idx;
+  j.Arg1 = Value;
+  return ScheduleJob(&j);
+}
+
+int CDevice::PostReadRegs(U32 Cnt, const U32* paIdx) {
+  DEVICE_JOB j = Make(JT_READ_REGS);
+  j.Arg0 = Cnt;
+  if (!Cnt || SetJobParam(&j, 0, Cnt * sizeof(U32), paIdx) < 0 || AllocJobParam(&j, 1, Cnt * sizeof(U64)) < 0 ||
+      AllocJobParam(&j, 2, Cnt) < 0) {
+    FreeJobParams(&j);
+    return -1;
+  }
+  memset(j.apDynParam[2], 1, Cnt);
+  return ScheduleJob(&j);
+}
+
+int CDevice::PostReadLocs(U32 Cnt, const ELF_SYM_LOC* paLocs, U64 Context) {
+  DEVICE_JOB j = Make(JT_READ_LOCS);
+  j.Arg0 = Cnt;
+  j.Arg1 = Context;
+  if (!Cnt || SetJobParam(&j, 0, Cnt * sizeof(ELF_SYM_LOC), paLocs) < 0 ||
+      AllocJobParam(&j, 1, Cnt * sizeof(U64)) < 0 || AllocJobParam(&j, 2, Cnt) < 0) {
+    FreeJobParams(&j);
+    return -1;
+  }
+  return ScheduleJob(&j);
+}
