@@ -2,7 +2,7 @@
 // simulator, or QEMU behind its GDB server), the firmware for it, and the
 // facts about that firmware from the cross toolchain's objdump and nm.
 #pragma once
-#include "../gdbprobe/qemu_util.h"
+#include "probe/gdb/qemu_util.h"
 #include "testsupport/tools.h"
 
 #include <QFile>
