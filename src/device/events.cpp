@@ -2,6 +2,7 @@
 
 #include "device/device.h"
 #include "device/listener.h"
+#include "log/log.h"
 
 #include <QMetaObject>
 #include <QThread>
@@ -141,7 +142,7 @@ void Dispatch(U32 Kind, U64 P0, U64 P1) {
 }
 
 void LogV(U32 Flags, bool Verbose, const char* sFmt, va_list Args) {
-  if (Verbose && !(g_pfnDeviceVerboseLog && g_pfnDeviceVerboseLog())) return;
+  if (Verbose && !(IsLogFileOpen(LOG_FILE_APP) || IsDebugMode())) return;
   char acBuf[2048];
   vsnprintf(acBuf, sizeof acBuf, sFmt, Args);
   PostDeviceEvent(DEV_EVENT_LOG_MSG, 0, Flags, acBuf);
@@ -157,8 +158,6 @@ int PostDeviceEvent(U32 Kind, U64 P0, U64 P1, const char* sText) {
   if (Kind == 0 || Kind >= DEV_EVENT_KIND_COUNT || !g_apfnPostDeviceEvent[Kind]) return -1;
   return g_apfnPostDeviceEvent[Kind](P0, P1, sText);
 }
-
-bool (*g_pfnDeviceVerboseLog)() = nullptr;
 
 void DeviceLogDebug(const char* sFmt, ...) {
   va_list a;

@@ -33,9 +33,6 @@ void DeviceLogDebug(const char* sFmt, ...) __attribute__((format(printf, 1, 2)))
 void DeviceLogWarning(const char* sFmt, ...) __attribute__((format(printf, 1, 2)));
 void DeviceLogInfo(const char* sFmt, ...) __attribute__((format(printf, 1, 2)));
 void DeviceLogError(const char* sFmt, ...) __attribute__((format(printf, 1, 2)));
-// Decides whether debug and warning texts are posted; installed by the
-// application (log file open or debug switch). Null: never.
-extern bool (*g_pfnDeviceVerboseLog)();
 
 // The thread that delivers events; kinds 6-8 posted from it are dispatched at
 // once. Set by the event worker's constructor.

@@ -351,7 +351,6 @@ void DeviceModule::Install() {
   static bool s_Done = false;
   if (s_Done) return;
   s_Done = true;
-  g_pfnDeviceVerboseLog = [] { return IsLogFileOpen(LOG_FILE_APP) || IsDebugMode(); };
   new CDeviceEventWorker(QCoreApplication::instance());
   s_pReports = new CDeviceReports;
   Device();

@@ -1,6 +1,7 @@
 // The device configuration block: XML text in and out through Configure (a
 // table of settings, each written, read back and compared field by field),
 // the side effects of single parameters, the speed and version texts.
+#include "log/log.h"
 #include "device/device.h"
 #include "device/events.h"
 #include "fake_probe.h"
@@ -21,7 +22,7 @@ class DeviceConfig : public ::testing::Test {
   static void SetUpTestSuite() {
     NewTestApp<QCoreApplication>();
     SetDeviceGuiThread();
-    g_pfnDeviceVerboseLog = [] { return true; };
+    SetDebugMode(true);  // debug and warning texts are posted
   }
   void SetUp() override { d = CDevice::CreateWithProbe(fakeprobe::Table()); }
   void TearDown() override {

@@ -2,6 +2,7 @@
 // rings, the worker's ordering and cancelling, report delivery with its skip
 // rules, the text ring and the wait helpers. The same source runs under
 // ThreadSanitizer (device_engine_tsan), where the concurrent cases count.
+#include "log/log.h"
 #include "device/device.h"
 #include "device/events.h"
 #include "fake_probe.h"
@@ -39,7 +40,7 @@ class DeviceEngine : public ::testing::Test {
   static void SetUpTestSuite() {
     NewTestApp<QCoreApplication>();
     SetDeviceGuiThread();
-    g_pfnDeviceVerboseLog = [] { return true; };
+    SetDebugMode(true);  // debug and warning texts are posted
   }
   void SetUp() override {
     fakeprobe::S().Halted = 1;

@@ -9,6 +9,7 @@
 #include "device/module.h"
 #include "log/messagebox.h"
 #include "project/project.h"
+#include "project/projectcommands.h"
 #include "target_support.h"
 #include "testsupport/consolelines.h"
 #include "testsupport/testapp.h"
@@ -28,7 +29,9 @@ class DeviceTarget : public ::testing::TestWithParam<BACKEND> {
     NewTestApp<QApplication>();
     CMessageBox::SetBatchMode(true);
     ProjectModule::Install();
+    ProjectCommands::Install();
     DeviceModule::Install();
+    ProjectModule::SetDeviceSettings(&DeviceModule::ProjectSettings());
     s_pMain = new CMainWindow;
     s_pMain->ConsoleWindow()->SetDrawingEnabled(false);
   }
@@ -68,7 +71,7 @@ CMainWindow* DeviceTarget::s_pMain = nullptr;
 
 TEST_P(DeviceTarget, ReadAcrossTheEndOfRamKeepsTheReadablePart) {
   const BACKEND& b = GetParam();
-  ASSERT_EQ(Run(AID_EXEC_CONNECT), 0);
+  ASSERT_EQ(Run(AID_EXEC_CONNECT), 0) << sConsole.toStdString();
   const U32 Start = b.RAMEnd - 8;
   U8 Before[8], St0[8];
   ASSERT_EQ(Device()->ReadMem(Start, 8, 0, AW_ANY, 0, nullptr, Before, St0), 8);

@@ -58,6 +58,13 @@ class FakeServer {
   void Push(const std::string& s) {
     std::lock_guard<std::mutex> lk(m_mx);
     m_push += s;
+    ++m_pushed;
+  }
+  // Waits (at most 5 s) until everything pushed so far is on the socket.
+  bool WaitPushed() {
+    const int want = m_pushed.load();
+    for (int i = 0; i < 5000 && m_written.load() < want; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return m_written.load() >= want;
   }
 
  private:
@@ -74,11 +81,14 @@ class FakeServer {
       }
       {
         std::string p;
+        int n = 0;
         {
           std::lock_guard<std::mutex> lk(m_mx);
           p.swap(m_push);
+          n = m_pushed.load();
         }
         if (!p.empty()) Write(p);
+        m_written.store(n);
       }
       pollfd pf{m_fd, POLLIN, 0};
       if (poll(&pf, 1, 5) <= 0) continue;
@@ -139,6 +149,7 @@ class FakeServer {
   Handler m_handler;
   int m_fd = -1, m_clientFd = -1;
   std::atomic<bool> m_quit{false}, m_closeReq{false};
+  std::atomic<int> m_pushed{0}, m_written{0};
   std::mutex m_mx;
   std::vector<std::string> m_packets;
   std::string m_push;

@@ -133,7 +133,7 @@ TEST(GdbClient, UnaskedStopRepliesAreKeptAsideNotTakenAsAnswers) {
   EXPECT_FALSE(f.C->TakeUnsolicitedStop(stop));
   // One that crosses a request in the middle of a session.
   f.Srv->Push(Framed("T05thread:01;"));
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  ASSERT_TRUE(f.Srv->WaitPushed());
   std::string bytes;
   ASSERT_EQ(f.C->ReadMemory(0x20000000, 4, bytes), 1);
   EXPECT_EQ(bytes, "\x78\x56\x34\x12");
@@ -141,7 +141,7 @@ TEST(GdbClient, UnaskedStopRepliesAreKeptAsideNotTakenAsAnswers) {
   ASSERT_EQ(f.C->PollStop(stop, 0), 1);
   EXPECT_EQ(stop, "T05thread:01;");
   f.Srv->Push(Framed("T05thread:01;"));
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  ASSERT_TRUE(f.Srv->WaitPushed());
   ASSERT_EQ(f.C->ReadMemory(0x20000000, 4, bytes), 1);
   ASSERT_TRUE(f.C->Continue());
   EXPECT_EQ(f.C->PollStop(stop, 0), 0);
