@@ -120,6 +120,7 @@ TEST(GdbClient, UnaskedStopRepliesAreKeptAsideNotTakenAsAnswers) {
                  {"QStartNoAckMode", "OK"},
                  {"vCont?", "vCont;c;C;s;S"},
                  {"?", "T02thread:01;"},
+                 {"vCont;c", "<none>"},
                  {"m20000000,4", "78563412"}};
   f.T.Prefix = Framed("T02thread:01;");
   f.Open();
