@@ -13,7 +13,7 @@
 //  - a nameless member is called <<anonymous>_n>;
 //  - at most PREF_MAX_SYMBOL_MEMBERS children per level (own test).
 #include "elf/symbol/symdump.h"
-#include "symbol/symbol_test_util.h"
+#include "elf/symbol/symbol_test_util.h"
 
 #include <QRegularExpression>
 #include <gtest/gtest.h>

@@ -6,7 +6,7 @@
 // 32-bit bit operations, pointer minus integer giving a number, "++", casts
 // to non-pointer types, and its error texts.
 #include "expr/evaluator.h"
-#include "symbol/symbol_test_util.h"
+#include "elf/symbol/symbol_test_util.h"
 
 #include <gtest/gtest.h>
 #include <cmath>

@@ -3,7 +3,7 @@
 // nothing reads out of bounds, and the arithmetic has no undefined behaviour
 // (INT64_MIN / -1, shifts by 64 or more, signed overflow).
 #include "expr/evaluator.h"
-#include "symbol/symbol_test_util.h"
+#include "elf/symbol/symbol_test_util.h"
 
 #include <gtest/gtest.h>
 #include "testsupport/randomtext.h"

@@ -4,7 +4,7 @@
 // the wrapper's name services on the corpus program.
 #include "elf/symbol/symdump.h"
 #include "elf/symbol/exprsnapshot.h"
-#include "symbol/symbol_test_util.h"
+#include "elf/symbol/symbol_test_util.h"
 
 #include <gtest/gtest.h>
 

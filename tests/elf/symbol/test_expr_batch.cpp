@@ -1,6 +1,6 @@
 // Elf.GetExprValue in batch mode: the application prints the value block of
 // an expression over the program image exactly, and the two failure texts.
-#include "symbol/symbol_test_util.h"
+#include "elf/symbol/symbol_test_util.h"
 
 #include <QDir>
 #include <QFile>
