@@ -239,43 +239,41 @@ int CDevice::WriteMemMultiple(U32 Cnt, const U32* paAddrRanges, U32 NumBytes, co
 
 // ---- typed reads
 
-int CDevice::ReadWord(U32 Addr, U32* pOutWord) {
-  *pOutWord = 0xEEEEEEEEu;
-  if (!m_bConnected.load()) return DeviceLogWarning("ReadWord: Not connected"), -1;
-  if (Addr >= 0xFFFFFFFCu && Addr != 0xFFFFFFFFu) return DeviceLogWarning("ReadWord: Outside address range"), -1;
-  if (Addr == 0xFFFFFFFFu) return DeviceLogWarning("Attempting to read word at invalid address %x", Addr), -1;
-  if (Addr & 3) return DeviceLogWarning("Attempting to read word unaligned at %x", Addr), -1;
+namespace {
+// The checks and texts that the typed reads share; sWhat is "word", "half
+// word" or "byte", sOp the operation's name in the log.
+int ReadTypedItem(CDevice& d, bool Connected, U32 Addr, U32 Size, const char* sOp, const char* sWhat, U8* pOut) {
+  if (!Connected) return DeviceLogWarning("%s: %s", sOp, Size == 4 ? "Not connected" : "not connected"), -1;
+  if (Size > 1 && Addr > 0xFFFFFFFFu - Size && Addr != 0xFFFFFFFFu) return DeviceLogWarning("%s: Outside address range", sOp), -1;
+  if (Addr == 0xFFFFFFFFu) return DeviceLogWarning("Attempting to read %s at invalid address %x", sWhat, Addr), -1;
+  if (Addr & (Size - 1)) return DeviceLogWarning("Attempting to read %s unaligned at %x", sWhat, Addr), -1;
   U8 St[4];
-  U32 v;
-  if (ReadMemSimple(Addr, 4, AW_WORD, 0, nullptr, reinterpret_cast<U8*>(&v), St) != 4)
-    return DeviceLogWarning("ReadWord: Vorden API call failed"), -1;
-  *pOutWord = v;
+  const I8 Width = Size == 4 ? AW_WORD : Size == 2 ? AW_HALF_WORD : AW_BYTE;
+  if (d.ReadMemSimple(Addr, Size, Width, 0, nullptr, pOut, St) != int(Size))
+    return DeviceLogWarning("%s: Vorden API call failed", sOp), -1;
   return 0;
+}
+}  // namespace
+
+int CDevice::ReadWord(U32 Addr, U32* pOutWord) {
+  U32 v = 0xEEEEEEEEu;
+  const int r = ReadTypedItem(*this, m_bConnected.load(), Addr, 4, "ReadWord", "word", reinterpret_cast<U8*>(&v));
+  *pOutWord = r == 0 ? v : 0xEEEEEEEEu;
+  return r;
 }
 
 int CDevice::ReadHalfWord(U32 Addr, U16* pOutHW) {
-  *pOutHW = 0xEEEE;
-  if (!m_bConnected.load()) return DeviceLogWarning("ReadHalfWord: not connected"), -1;
-  if (Addr >= 0xFFFFFFFEu && Addr != 0xFFFFFFFFu) return DeviceLogWarning("ReadHalfWord: Outside address range"), -1;
-  if (Addr == 0xFFFFFFFFu) return DeviceLogWarning("Attempting to read half word at invalid address %x", Addr), -1;
-  if (Addr & 1) return DeviceLogWarning("Attempting to read half word unaligned at %x", Addr), -1;
-  U8 St[2];
-  U16 v;
-  if (ReadMemSimple(Addr, 2, AW_HALF_WORD, 0, nullptr, reinterpret_cast<U8*>(&v), St) != 2)
-    return DeviceLogWarning("ReadHalfWord: Vorden API call failed"), -1;
-  *pOutHW = v;
-  return 0;
+  U16 v = 0xEEEE;
+  const int r = ReadTypedItem(*this, m_bConnected.load(), Addr, 2, "ReadHalfWord", "half word", reinterpret_cast<U8*>(&v));
+  *pOutHW = r == 0 ? v : 0xEEEE;
+  return r;
 }
 
 int CDevice::ReadByte(U32 Addr, U8* pOutByte) {
-  *pOutByte = 0xEE;
-  if (!m_bConnected.load()) return DeviceLogWarning("ReadByte: not connected"), -1;
-  if (Addr == 0xFFFFFFFFu) return DeviceLogWarning("Attempting to read byte at invalid address %x", Addr), -1;
-  U8 St[1];
-  U8 v;
-  if (ReadMemSimple(Addr, 1, AW_BYTE, 0, nullptr, &v, St) != 1) return DeviceLogWarning("ReadByte: Vorden API call failed"), -1;
-  *pOutByte = v;
-  return 0;
+  U8 v = 0xEE;
+  const int r = ReadTypedItem(*this, m_bConnected.load(), Addr, 1, "ReadByte", "byte", &v);
+  *pOutByte = r == 0 ? v : 0xEE;
+  return r;
 }
 
 int CDevice::ReadInt(U32 Addr, U8 Size, U32* pOutData) {
