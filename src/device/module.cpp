@@ -12,6 +12,7 @@
 #include "device/targetmem.h"
 #include "elf/dwarf/location.h"
 #include "log/log.h"
+#include "log/messagebox.h"
 #include "settings/ids.h"
 #include "settings/sysvars.h"
 
@@ -59,6 +60,9 @@ class CDeviceReports : public CDeviceEventListener {
   void OnDeviceEndDownloadDone(const char*, DOWNLOAD_MODES) override { SetActionResult(AID_EXEC_DOWNLOAD, 0); }
   void OnDeviceEndDownloadFailed(const char*, DOWNLOAD_MODES, int Code) override {
     SetActionResult(AID_EXEC_DOWNLOAD, Code < 0 ? Code : -1);
+    if (SysVars::GetValue(VAR_VERIFY_DOWNLOAD) != 0)
+      CMessageBox::Ask(QStringLiteral("Download failed"), QStringLiteral("Parts of the program file could not be written."), 0,
+                       QDialogButtonBox::Ok);
   }
   void OnDeviceExecVordenCmdDone(const char*) override { SetActionResult(AID_EXEC_COMMAND, 0); }
   void OnDeviceExecVordenCmdFailed(const char*, const char*) override { SetActionResult(AID_EXEC_COMMAND, -1); }

@@ -134,6 +134,7 @@ TEST_P(DeviceBatch, DownloadErrorIsReportedWithItsCode) {
   SCOPED_TRACE(r.Out.toStdString());
   EXPECT_TRUE(r.Out.contains("VORDENARM_EndDownload: Vorden API call returned error code -3"));
   EXPECT_EQ(ResultAfter(r.Out, "Exec.Download"), -3);
+  EXPECT_TRUE(r.Out.contains("[box] Download failed: Parts of the program file could not be written."));
 }
 
 INSTANTIATE_TEST_SUITE_P(Backends, DeviceBatch, ::testing::Values(devtest::kSim, devtest::kQemu), devtest::PrintBackend);
