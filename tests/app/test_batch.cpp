@@ -6,11 +6,12 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
-#include <QProcess>
 #include <QRegularExpression>
 #include <QSettings>
 #include <QStringList>
 
+#include "testsupport/files.h"
+#include "testsupport/process.h"
 #include "testsupport/testapp.h"
 
 namespace {
@@ -29,29 +30,18 @@ QString Tmp() {
 
 QString WriteFile(const QString& sName, const QString& sText) {
   const QString p = Tmp() + "/" + sName;
-  QFile f(p);
-  f.open(QIODevice::WriteOnly | QIODevice::Truncate);
-  f.write(sText.toUtf8());
+  WriteAll(p, sText.toUtf8());
   return p;
 }
 
 RUN RunProgram(const QStringList& Args, const QString& sSettingsDir = QString(), const QByteArray& Stdin = QByteArray()) {
-  QProcess p;
   QProcessEnvironment Env = QProcessEnvironment::systemEnvironment();
   Env.remove("DISPLAY");
   Env.remove("QT_QPA_PLATFORM");  // batch mode picks the offscreen platform itself
   Env.insert("TAVIT_SETTINGS_DIR", sSettingsDir.isEmpty() ? Tmp() + "/settings" : sSettingsDir);
-  p.setProcessEnvironment(Env);
-  p.start(qEnvironmentVariable("TAVIT_BUILD_DIR") + "/tavit", Args);
-  EXPECT_TRUE(p.waitForStarted(10000));
-  if (!Stdin.isEmpty()) p.write(Stdin);
-  p.closeWriteChannel();
-  EXPECT_TRUE(p.waitForFinished(60000));
-  RUN r;
-  r.Out = QString::fromUtf8(p.readAllStandardOutput()).split('\n');
+  const testsupport::RUN p = testsupport::RunProcess(testsupport::BuiltProgram("tavit"), Args, {{}, Env, Stdin});
+  RUN r{p.Out.split('\n'), p.Err, p.Exit};
   if (!r.Out.isEmpty() && r.Out.last().isEmpty()) r.Out.removeLast();
-  r.sErr = QString::fromUtf8(p.readAllStandardError());
-  r.Exit = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
   return r;
 }
 

@@ -2,9 +2,11 @@
 // library by its four exports, serves memory from real ELF files and registers
 // from an array (the probe's register operations are exported by this test
 // program), and checks the results against objdump and readelf.
-#include "objdump_oracle.h"
+#include "inst_normalize.h"
 #include "plugin_host.h"
+#include "testsupport/objdump_oracle.h"
 #include "testsupport/readelf_oracle.h"
+#include "testsupport/tools.h"
 
 #include <gtest/gtest.h>
 
@@ -76,7 +78,7 @@ struct Expected {
 // Flags that objdump's listing implies, derived from its text alone.
 // The register and target of an ADR in objdump's listing ("add rN, pc, #n
 // @ (adr rN, ADDR ...)", "addw/subw rN, pc, #n"); register -1 if it is none.
-std::pair<int, U64> AdrOf(const ObjdumpInst& I) {
+std::pair<int, U64> AdrOf(const objdump::Inst& I) {
   std::string m = StripWidth(Lower(I.Mnemonic)), o = Lower(I.Operands);
   static const std::regex R(R"(^r(\d+), pc, #(\d+)$)");
   std::smatch sm;
@@ -89,7 +91,7 @@ std::pair<int, U64> AdrOf(const ObjdumpInst& I) {
   return {-1, 0};
 }
 
-Expected ExpectFromObjdump(const ObjdumpInst& I, bool InIT, const std::vector<ObjdumpInst>& Recent) {
+Expected ExpectFromObjdump(const objdump::Inst& I, bool InIT, const std::vector<objdump::Inst>& Recent) {
   Expected E;
   std::string m = StripWidth(Lower(I.Mnemonic));
   std::string o = Lower(I.Operands);
@@ -235,7 +237,7 @@ TEST(CorePluginArm, LoadsThroughExportsAndDescribesTheCore) {
   ASSERT_EQ(P.Api.pfGetRegisterFile(0x0E0000FF, acFile, sizeof acFile), 0);
   fs::path Svd = fs::path(LoadedPlugin::DefaultPath()).parent_path() / acFile;
   ASSERT_TRUE(fs::exists(Svd)) << Svd;
-  std::string Xml = RunCommand("cat '" + Svd.string() + "'");
+  std::string Xml = RunToolOutput("cat '" + Svd.string() + "'");
   EXPECT_NE(Xml.find("<cpu"), std::string::npos);
   for (const char* r : {"R0", "R12", "SP", "LR", "PC", "XPSR", "PRIMASK", "CONTROL"})
     EXPECT_NE(Xml.find(std::string("<name>") + r + "</name>"), std::string::npos) << r;
@@ -299,7 +301,7 @@ TEST(CorePluginArm, MappingSymbolsAndElfHeaders) {
     EXPECT_EQ(I, (Big && !BE8) ? 1u : 0u) << f;
     EXPECT_EQ(P.Api.pfCheckELFFile(52, E.File.data()), 0) << f;
   }
-  std::string Self = RunCommand("head -c 52 /proc/self/exe");
+  std::string Self = RunToolOutput("head -c 52 /proc/self/exe");
   EXPECT_NE(P.Api.pfCheckELFFile(52, Self.data()), 0);
   EXPECT_NE(P.Api.pfGetELFByteOrder(51, Self.data(), nullptr, nullptr), 0);
   char Junk[52] = {};
@@ -453,12 +455,12 @@ TEST(CorePluginArm, AnalysisAndTextAgreeWithObjdump) {
     ASSERT_TRUE(E.Load(f)) << f;
     TestHost::pElf = &E;
     P.SetEndian(E.Big && !(E.Flags & 0x00800000u) ? 1 : 0, E.Big ? 1 : 0);
-    std::map<uint32_t, uint32_t> Words;
-    auto Listing = RunObjdump(f, &Words);
+    std::map<uint32_t, objdump::Inst> Data;
+    auto Listing = objdump::Disassemble(f, &Data);
     ASSERT_FALSE(Listing.empty()) << f;
     int ITLeft = 0;
     uint32_t Prev = 0;
-    std::vector<ObjdumpInst> Recent;
+    std::vector<objdump::Inst> Recent;
     int Failures = 0;
     for (auto& [Addr, I] : Listing) {
       if (Addr != Prev) {  // a gap: a new function or data
@@ -530,9 +532,10 @@ TEST(CorePluginArm, AnalysisAndTextAgreeWithObjdump) {
     }
     EXPECT_EQ(Failures, 0) << f;
     // Data words in code sections read as objdump shows them.
-    for (auto& [Addr, Value] : Words) {
+    for (auto& [Addr, D] : Data) {
       int r = E.RangeAt(Addr);
-      if (r < 0 || E.Ranges[r].Kind != 'd') continue;
+      if (D.Mnemonic != ".word" || D.Size != 4 || r < 0 || E.Ranges[r].Kind != 'd') continue;
+      const uint32_t Value = uint32_t(std::stoul(D.Operands, nullptr, 16));
       char acText[64], acWant[32];
       ASSERT_EQ(P.Api.pfGetDataText(Addr, 4, acText, sizeof acText), 4);
       snprintf(acWant, sizeof acWant, "DC32\t0x%08X", Value);

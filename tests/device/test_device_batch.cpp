@@ -4,52 +4,21 @@
 #include <gtest/gtest.h>
 
 #include "target_support.h"
+#include "testsupport/process.h"
 
 #include <QDir>
-#include <QElapsedTimer>
-#include <QProcess>
 #include <QTemporaryDir>
 
 namespace {
 
 using devtest::BACKEND;
+using testsupport::ResultAfter;
+using testsupport::RUN;
 
-QString Exe() { return qEnvironmentVariable("TAVIT_BUILD_DIR") + "/tavit"; }
-
-struct RUN {
-  QString Out;
-  int Exit = -1;
-  qint64 Ms = 0;
-};
-
-RUN RunBatch(const QTemporaryDir& Dir, const QStringList& Lines, const QStringList& Extra = {}) {
-  const QString sBatch = Dir.filePath("cmds.txt");
-  QFile f(sBatch);
-  f.open(QIODevice::WriteOnly);
-  f.write(Lines.join('\n').toUtf8() + "\n");
-  f.close();
-  QProcess p;
-  QElapsedTimer t;
-  t.start();
-  p.start(Exe(), QStringList{"-logfile", Dir.filePath("app.log")} + Extra + QStringList{"-batch", sBatch});
-  RUN r;
-  if (!p.waitForFinished(120000)) {
-    p.kill();
-    p.waitForFinished();
-  } else {
-    r.Exit = p.exitCode();
-  }
-  r.Ms = t.elapsed();
-  r.Out = QString::fromUtf8(p.readAllStandardOutput());
-  return r;
-}
-
-// The "=> <dec>" line after the first echo of a statement that starts so.
-qint64 ResultAfter(const QString& sOut, const QString& sStatement) {
-  const qsizetype At = sOut.indexOf(sStatement);
-  if (At < 0) return LLONG_MIN;
-  const auto m = QRegularExpression(R"(=> (-?\d+) \(0x)").match(sOut, At);
-  return m.hasMatch() ? m.captured(1).toLongLong() : LLONG_MIN;
+// The batch lines through the application, its log in the directory.
+RUN RunBatch(const QTemporaryDir& Dir, const QStringList& Lines) {
+  return testsupport::RunBatch(Dir.filePath("cmds.txt"), Lines.join('\n').toUtf8() + "\n",
+                               {"-logfile", Dir.filePath("app.log")}, {.TimeoutMs = 120000});
 }
 
 QString Hex(U32 v) { return QStringLiteral("0x%1").arg(v, 8, 16, QLatin1Char('0')); }
@@ -141,7 +110,7 @@ INSTANTIATE_TEST_SUITE_P(Backends, DeviceBatch, ::testing::Values(devtest::kSim,
 
 TEST(DeviceBatchFaults, ClosedPortFailsQuickly) {
   QTemporaryDir Dir;
-  const int Port = gdbtest::FreePort();
+  const int Port = FreePort();
   const RUN r = RunBatch(Dir, {"Project.SetDevice(\"MPS2-AN385\")", QStringLiteral("Project.SetHostIF(\"IP\", \"127.0.0.1:%1\")").arg(Port),
                                "Exec.Connect()", "Util.Log \"after\""});
   SCOPED_TRACE(r.Out.toStdString());

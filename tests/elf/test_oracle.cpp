@@ -5,12 +5,12 @@
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
-#include <QProcess>
 #include <QRegularExpression>
 #include <QString>
 #include <QStringList>
 #include <gtest/gtest.h>
 
+#include "testsupport/process.h"
 #include "testsupport/readelf_oracle.h"
 
 #include <algorithm>
@@ -33,14 +33,12 @@ using U32 = uint32_t;
 QString Env(const char* s) { return QString::fromLocal8Bit(qgetenv(s)); }
 
 QString RunTool(const QString& sProgram, const QStringList& Args, int* pExit = nullptr) {
-  QProcess p;
-  p.start(sProgram, Args);
-  p.waitForFinished(60000);
-  if (pExit) *pExit = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
-  return QString::fromUtf8(p.readAllStandardOutput());
+  const testsupport::RUN r = testsupport::RunProcess(sProgram, Args);
+  if (pExit) *pExit = r.Exit;
+  return r.Out;
 }
 
-QString Dump() { return Env("TAVIT_BUILD_DIR") + "/tavit-dump"; }
+QString Dump() { return testsupport::BuiltProgram("tavit-dump"); }
 
 QStringList CorpusFiles() {
   QStringList files;
@@ -52,97 +50,62 @@ QStringList CorpusFiles() {
 
 U32 Hex(const QString& s) { return U32(s.toULongLong(nullptr, 16)); }
 
-struct Sec {
-  QString Name;
-  U32 Type, Flags, Addr, Off, Size, EntSize, Link, Info, Align;
-  bool FlagsKnown = true;
-};
-struct Seg {
-  U32 Type, Off, VAddr, PAddr, FileSize, MemSize, Flags, Align;
-};
-struct Sym {
-  U32 Value, Size;
-  int Type, Bind, Other, Ndx;
-  QString Name;
-};
-struct ElfInfo {
-  std::map<QString, QString> Header;
-  std::vector<Sec> Sections;
-  std::vector<Seg> Segments;
-  std::vector<Sym> Symbols;
-};
+using Sym = readelf::Symbol;
 
-U32 SectionType(const QString& s) {
-  static const std::map<QString, U32> m = {
+// The ELF numbers of readelf's texts; unknown texts give -1.
+long long Code(const std::map<std::string, long long>& m, const std::string& s) {
+  auto i = m.find(s);
+  return i == m.end() ? -1 : i->second;
+}
+long long SectionType(const std::string& s) {
+  static const std::map<std::string, long long> m = {
       {"NULL", 0}, {"PROGBITS", 1}, {"SYMTAB", 2}, {"STRTAB", 3}, {"RELA", 4}, {"HASH", 5}, {"DYNAMIC", 6},
       {"NOTE", 7}, {"NOBITS", 8}, {"REL", 9}, {"DYNSYM", 11}, {"INIT_ARRAY", 14}, {"FINI_ARRAY", 15},
       {"PREINIT_ARRAY", 16}, {"GROUP", 17}, {"ARM_EXIDX", 0x70000001}, {"ARM_PREEMPTMAP", 0x70000002},
       {"ARM_ATTRIBUTES", 0x70000003}};
-  auto i = m.find(s);
-  return i == m.end() ? 0xFFFFFFFF : i->second;
+  return Code(m, s);
 }
-
-// readelf's tables with its texts turned into the ELF numbers.
-ElfInfo ReadElf(const QString& sFile) {
-  ElfInfo e;
-  const readelf::Listing r = readelf::All(sFile.toStdString());
-  for (const auto& [k, v] : r.Header) e.Header[QString::fromStdString(k)] = QString::fromStdString(v);
-  for (const readelf::Section& x : r.Sections) {
-    Sec s{QString::fromStdString(x.Name), SectionType(QString::fromStdString(x.Type)), 0, x.Addr, x.Offset, x.Size,
-          x.EntSize, x.Link, x.Info, x.Align};
-    for (char c : x.Flags) {
-      static const std::map<char, U32> f = {{'W', 1}, {'A', 2}, {'X', 4}, {'M', 0x10}, {'S', 0x20}, {'I', 0x40},
-                                            {'L', 0x80}, {'O', 0x100}, {'G', 0x200}, {'T', 0x400}, {'C', 0x800},
-                                            {'E', 0x80000000u}, {'y', 0x20000000u}};
-      auto i = f.find(c);
-      if (i == f.end()) s.FlagsKnown = false;
-      else s.Flags |= i->second;
-    }
-    e.Sections.push_back(s);
+long long SectionFlags(const std::string& sLetters) {
+  static const std::map<char, U32> f = {{'W', 1}, {'A', 2}, {'X', 4}, {'M', 0x10}, {'S', 0x20}, {'I', 0x40},
+                                        {'L', 0x80}, {'O', 0x100}, {'G', 0x200}, {'T', 0x400}, {'C', 0x800},
+                                        {'E', 0x80000000u}, {'y', 0x20000000u}};
+  long long Flags = 0;
+  for (char c : sLetters) {
+    if (!f.count(c)) return -1;
+    Flags |= f.at(c);
   }
-  for (const readelf::Segment& x : r.Segments) {
-    static const std::map<std::string, U32> t = {{"NULL", 0}, {"LOAD", 1}, {"DYNAMIC", 2}, {"INTERP", 3},
-                                                 {"NOTE", 4}, {"PHDR", 6}, {"TLS", 7}, {"EXIDX", 0x70000001},
-                                                 {"GNU_STACK", 0x6474E551}};
-    const U32 flags = (x.Flags[0] == 'R' ? 4 : 0) | (x.Flags[1] == 'W' ? 2 : 0) | (x.Flags[2] == 'E' ? 1 : 0);
-    auto ti = t.find(x.Type);
-    e.Segments.push_back({ti == t.end() ? 0xFFFFFFFF : ti->second, x.Offset, x.VAddr, x.PAddr, x.FileSize, x.MemSize,
-                          flags, x.Align});
-  }
-  for (const readelf::Symbol& x : r.Symbols) {
-    static const std::map<std::string, int> types = {{"NOTYPE", 0}, {"OBJECT", 1}, {"FUNC", 2}, {"SECTION", 3},
-                                                     {"FILE", 4}, {"COMMON", 5}, {"TLS", 6}};
-    static const std::map<std::string, int> binds = {{"LOCAL", 0}, {"GLOBAL", 1}, {"WEAK", 2}};
-    static const std::map<std::string, int> vis = {{"DEFAULT", 0}, {"INTERNAL", 1}, {"HIDDEN", 2}, {"PROTECTED", 3}};
-    Sym s;
-    s.Value = x.Value;
-    s.Size = x.Size;
-    s.Type = types.count(x.Type) ? types.at(x.Type) : -1;
-    s.Bind = binds.count(x.Bind) ? binds.at(x.Bind) : -1;
-    s.Other = vis.count(x.Vis) ? vis.at(x.Vis) : -1;
-    s.Ndx = x.Ndx == "ABS" ? 0xFFF1 : x.Ndx == "COM" ? 0xFFF2 : x.InSection() ? x.SectionIndex() : 0;
-    s.Name = QString::fromStdString(x.Name);
-    e.Symbols.push_back(s);
-  }
-  return e;
+  return Flags;
 }
+long long SegmentType(const std::string& s) {
+  static const std::map<std::string, long long> t = {{"NULL", 0}, {"LOAD", 1}, {"DYNAMIC", 2}, {"INTERP", 3},
+                                                     {"NOTE", 4}, {"PHDR", 6}, {"TLS", 7}, {"EXIDX", 0x70000001},
+                                                     {"GNU_STACK", 0x6474E551}};
+  return Code(t, s);
+}
+long long SymbolType(const Sym& s) {
+  return Code({{"NOTYPE", 0}, {"OBJECT", 1}, {"FUNC", 2}, {"SECTION", 3}, {"FILE", 4}, {"COMMON", 5}, {"TLS", 6}},
+              s.Type);
+}
+int SymbolNdx(const Sym& s) { return s.Ndx == "ABS" ? 0xFFF1 : s.Ndx == "COM" ? 0xFFF2 : std::max(s.SectionIndex(), 0); }
+QString Q(const std::string& s) { return QString::fromStdString(s); }
 
 // The sizes that the debugger completes for symbols without one, recomputed
 // from readelf's table with the alignment of 2.
-void CompleteSizes(const ElfInfo& e, std::vector<Sym>& syms) {
+void CompleteSizes(const readelf::Listing& e, std::vector<Sym>& syms) {
   std::vector<int> order(syms.size());
   for (size_t i = 0; i < order.size(); ++i) order[i] = int(i);
   std::stable_sort(order.begin(), order.end(), [&](int a, int b) { return syms[a].Value < syms[b].Value; });
   auto secEnd = [&](const Sym& s, U32* end) {
-    if (s.Ndx <= 0 || size_t(s.Ndx) >= e.Sections.size()) return false;
-    *end = e.Sections[s.Ndx].Addr + e.Sections[s.Ndx].Size;
+    const int n = SymbolNdx(s);
+    if (n <= 0 || size_t(n) >= e.Sections.size()) return false;
+    *end = e.Sections[n].Addr + e.Sections[n].Size;
     return true;
   };
-  auto isFunc = [](const Sym& s) { return s.Type == 2 || s.Type == 13; };
+  auto isFunc = [](const Sym& s) { return s.Type == "FUNC"; };
   auto align = [](U32 a) { return a & ~1u; };
   for (size_t i = 0; i < order.size(); ++i) {
     Sym& s = syms[order[i]];
-    if (s.Size || s.Type != 1) continue;
+    if (s.Size || s.Type != "OBJECT") continue;
     for (size_t j = i + 1; j < order.size() && j <= i + 9; ++j) {
       const U32 v = syms[order[j]].Value;
       if (v <= s.Value) continue;
@@ -174,14 +137,14 @@ QStringList ExpectedFunctions(const std::vector<Sym>& syms) {
   std::vector<int> kept;
   for (int r : order) {
     const Sym& s = syms[r];
-    if ((s.Type != 2 && s.Type != 13) || s.Value < 2 || s.Name.isEmpty() || s.Name[0] == '$' || s.Name[0] == '?')
+    if (s.Type != "FUNC" || s.Value < 2 || s.Name.empty() || s.Name[0] == '$' || s.Name[0] == '?')
       continue;
     if (kept.empty() || syms[kept.back()].Value != s.Value) kept.push_back(r);
     else if (s.Size > syms[kept.back()].Size || (s.Size == syms[kept.back()].Size && r < kept.back())) kept.back() = r;
   }
   QStringList out;
   for (int r : kept)
-    out << QString::asprintf("0x%08X 0x%X %s", syms[r].Value & ~1u, syms[r].Size, syms[r].Name.toUtf8().constData());
+    out << QString::asprintf("0x%08X 0x%X %s", syms[r].Value & ~1u, syms[r].Size, syms[r].Name.c_str());
   return out;
 }
 
@@ -232,7 +195,8 @@ protected:
 TEST_F(ElfOracle, SectionsSegmentsSymbolsAndFunctionsMatchReadelf) {
   for (const QString& file : files) {
     SCOPED_TRACE(file.toStdString());
-    const ElfInfo e = ReadElf(file);
+    const readelf::Listing e = readelf::All(file.toStdString());
+    auto H = [&](const char* k) { return Q(e.Header.at(k)); };
     int rc = 0;
     const QString out = RunTool(Dump(), {"--header", "--sections", "--segments", "--symbols", file}, &rc);
     ASSERT_EQ(rc, 0);
@@ -242,15 +206,15 @@ TEST_F(ElfOracle, SectionsSegmentsSymbolsAndFunctionsMatchReadelf) {
     for (const QString& line : out.split('\n'))
       if (line.startsWith("  ") && line.contains(':') && !line.startsWith("  Nr"))
         h[line.left(line.indexOf(':')).trimmed()] = line.mid(line.indexOf(':') + 1).trimmed();
-    EXPECT_EQ(Num(h["Entry"]), Num(e.Header.at("Entry point address")));
-    EXPECT_EQ(Num(h["Entry PC"]), Num(e.Header.at("Entry point address")) & ~1u);
-    EXPECT_EQ(Num(h["Flags"]), Num(e.Header.at("Flags").section(',', 0, 0)));
-    EXPECT_EQ(h["Data"].startsWith("big"), e.Header.at("Data").contains("big endian"));
-    EXPECT_EQ(Num(h["Program headers at"]), e.Header.at("Start of program headers").section(' ', 0, 0).toUInt());
-    EXPECT_EQ(Num(h["Section headers at"]), e.Header.at("Start of section headers").section(' ', 0, 0).toUInt());
-    EXPECT_EQ(h["Program headers"], e.Header.at("Number of program headers"));
-    EXPECT_EQ(h["Section headers"], e.Header.at("Number of section headers"));
-    EXPECT_EQ(h["Section names index"], e.Header.at("Section header string table index"));
+    EXPECT_EQ(Num(h["Entry"]), Num(H("Entry point address")));
+    EXPECT_EQ(Num(h["Entry PC"]), Num(H("Entry point address")) & ~1u);
+    EXPECT_EQ(Num(h["Flags"]), Num(H("Flags").section(',', 0, 0)));
+    EXPECT_EQ(h["Data"].startsWith("big"), H("Data").contains("big endian"));
+    EXPECT_EQ(Num(h["Program headers at"]), H("Start of program headers").section(' ', 0, 0).toUInt());
+    EXPECT_EQ(Num(h["Section headers at"]), H("Start of section headers").section(' ', 0, 0).toUInt());
+    EXPECT_EQ(h["Program headers"], H("Number of program headers"));
+    EXPECT_EQ(h["Section headers"], H("Number of section headers"));
+    EXPECT_EQ(h["Section names index"], H("Section header string table index"));
     EXPECT_EQ(h["Type"], "2");
     EXPECT_EQ(h["Machine"], "40");
     // Sections.
@@ -258,33 +222,33 @@ TEST_F(ElfOracle, SectionsSegmentsSymbolsAndFunctionsMatchReadelf) {
     ASSERT_EQ(secs.size(), e.Sections.size());
     for (size_t i = 0; i < secs.size(); ++i) {
       const QStringList& c = secs[i];
-      const Sec& s = e.Sections[i];
-      SCOPED_TRACE(s.Name.toStdString());
+      const readelf::Section& s = e.Sections[i];
+      SCOPED_TRACE(s.Name);
       EXPECT_EQ(c[0].toUInt(), i);
-      if (s.Type != 0xFFFFFFFF) {EXPECT_EQ(Num(c[1]), s.Type);}
-      if (s.FlagsKnown) {EXPECT_EQ(Num(c[2]), s.Flags);}
+      if (SectionType(s.Type) >= 0) {EXPECT_EQ(Num(c[1]), SectionType(s.Type));}
+      if (SectionFlags(s.Flags) >= 0) {EXPECT_EQ(Num(c[2]), SectionFlags(s.Flags));}
       EXPECT_EQ(Num(c[3]), s.Addr);
-      EXPECT_EQ(Num(c[4]), s.Off);
+      EXPECT_EQ(Num(c[4]), s.Offset);
       EXPECT_EQ(Num(c[5]), s.Size);
       EXPECT_EQ(Num(c[6]), s.EntSize);
       EXPECT_EQ(c[7].toUInt(), s.Link);
       EXPECT_EQ(c[8].toUInt(), s.Info);
       EXPECT_EQ(c[9].toUInt(), s.Align);
-      EXPECT_EQ(c[10], s.Name);
+      EXPECT_EQ(c[10], Q(s.Name));
     }
     // Segments.
     const auto& segs = t["Segments"];
     ASSERT_EQ(segs.size(), e.Segments.size());
     for (size_t i = 0; i < segs.size(); ++i) {
       const QStringList& c = segs[i];
-      const Seg& s = e.Segments[i];
-      if (s.Type != 0xFFFFFFFF) {EXPECT_EQ(Num(c[1]), s.Type);}
-      EXPECT_EQ(Num(c[2]), s.Off);
+      const readelf::Segment& s = e.Segments[i];
+      if (SegmentType(s.Type) >= 0) {EXPECT_EQ(Num(c[1]), SegmentType(s.Type));}
+      EXPECT_EQ(Num(c[2]), s.Offset);
       EXPECT_EQ(Num(c[3]), s.VAddr);
       EXPECT_EQ(Num(c[4]), s.PAddr);
       EXPECT_EQ(Num(c[5]), s.FileSize);
       EXPECT_EQ(Num(c[6]), s.MemSize);
-      EXPECT_EQ(Num(c[7]), s.Flags);
+      EXPECT_EQ(Num(c[7]), U32((s.Flags[0] == 'R' ? 4 : 0) | (s.Flags[1] == 'W' ? 2 : 0) | (s.Flags[2] == 'E' ? 1 : 0)));
       EXPECT_EQ(Num(c[8]), s.Align);
     }
     // Symbols, with completed sizes.
@@ -295,15 +259,17 @@ TEST_F(ElfOracle, SectionsSegmentsSymbolsAndFunctionsMatchReadelf) {
     for (size_t i = 0; i < rows.size(); ++i) {
       const QStringList& c = rows[i];
       const Sym& s = syms[i];
-      SCOPED_TRACE(s.Name.toStdString());
+      SCOPED_TRACE(s.Name);
       EXPECT_EQ(Num(c[1]), s.Value);
       EXPECT_EQ(Num(c[2]), s.Size);
-      if (s.Type >= 0) {EXPECT_EQ(c[3].toInt(), s.Type);}
-      if (s.Bind >= 0) {EXPECT_EQ(c[4].toInt(), s.Bind);}
-      if (s.Other >= 0) {EXPECT_EQ(Num(c[5]) & 3, U32(s.Other));}
-      EXPECT_EQ(c[6].toInt(), s.Ndx);
+      if (SymbolType(s) >= 0) {EXPECT_EQ(c[3].toInt(), SymbolType(s));}
+      const long long Bind = Code({{"LOCAL", 0}, {"GLOBAL", 1}, {"WEAK", 2}}, s.Bind);
+      if (Bind >= 0) {EXPECT_EQ(c[4].toInt(), Bind);}
+      const long long Vis = Code({{"DEFAULT", 0}, {"INTERNAL", 1}, {"HIDDEN", 2}, {"PROTECTED", 3}}, s.Vis);
+      if (Vis >= 0) {EXPECT_EQ(Num(c[5]) & 3, U32(Vis));}
+      EXPECT_EQ(c[6].toInt(), SymbolNdx(s));
       // readelf shows a section symbol by its section's name.
-      if (s.Type != 3 || !c[7].isEmpty()) {EXPECT_EQ(c[7], s.Name);}
+      if (s.Type != "SECTION" || !c[7].isEmpty()) {EXPECT_EQ(c[7], Q(s.Name));}
     }
     // Function list.
     const QString fout = RunTool(Dump(), {"--functions", file}, &rc);
@@ -454,9 +420,8 @@ TEST_F(ElfOracle, RelocationShiftsAddresses) {
   const QString text = RunTool(Dump(), {"--relocate", ".text:-0x100", "--functions", file});
   const QStringList ft = text.split('\n', Qt::SkipEmptyParts);
   ASSERT_EQ(ft.size(), f0.size());
-  const ElfInfo e = ReadElf(file);
   U32 lo = 0, hi = 0;
-  for (const Sec& s : e.Sections)
+  for (const readelf::Section& s : readelf::Sections(file.toStdString()))
     if (s.Name == ".text") lo = s.Addr, hi = s.Addr + s.Size;
   for (int i = 0; i < f0.size(); ++i) {
     const U32 a = Num(f0[i].section(' ', 0, 0));
@@ -478,17 +443,12 @@ TEST_F(ElfOracle, ExprTokensNeedNoFile) {
 }
 
 TEST_F(ElfOracle, ErrorsGoToStderrWithExitStatus1) {
-  QProcess p;
-  p.start(Dump(), {"--sections", Env("TAVIT_TEST_TMP") + "/missing.elf"});
-  p.waitForFinished(30000);
-  EXPECT_EQ(p.exitCode(), 1);
-  EXPECT_TRUE(p.readAllStandardOutput().isEmpty());
-  EXPECT_EQ(QString::fromUtf8(p.readAllStandardError()).trimmed(),
-            "ELF error (1125): file could not be opened for reading.");
-  p.start(Dump(), {"--sections", Env("TAVIT_SOURCE_DIR") + "/CMakeLists.txt"});
-  p.waitForFinished(30000);
-  EXPECT_EQ(p.exitCode(), 1);
-  EXPECT_EQ(QString::fromUtf8(p.readAllStandardError()).trimmed(),
-            "ELF error (1118): file not tagged with ELF magic number.");
+  testsupport::RUN r = testsupport::RunProcess(Dump(), {"--sections", Env("TAVIT_TEST_TMP") + "/missing.elf"});
+  EXPECT_EQ(r.Exit, 1);
+  EXPECT_TRUE(r.Out.isEmpty());
+  EXPECT_EQ(r.Err.trimmed(), "ELF error (1125): file could not be opened for reading.");
+  r = testsupport::RunProcess(Dump(), {"--sections", Env("TAVIT_SOURCE_DIR") + "/CMakeLists.txt"});
+  EXPECT_EQ(r.Exit, 1);
+  EXPECT_EQ(r.Err.trimmed(), "ELF error (1118): file not tagged with ELF magic number.");
 }
 } // namespace

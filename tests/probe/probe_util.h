@@ -69,25 +69,6 @@ inline ElfImage LoadElf(const std::string& path) {
   return img;
 }
 
-// Addresses of the instructions of a function as the cross objdump lists them.
-inline std::vector<U32> ObjdumpAddrs(const std::string& elf, U32 start, U32 stop) {
-  std::vector<U32> v;
-  char cmd[512];
-  snprintf(cmd, sizeof cmd, "arm-none-eabi-objdump -d --start-address=0x%x --stop-address=0x%x %s", start, stop,
-           elf.c_str());
-  FILE* p = popen(cmd, "r");
-  if (!p) return v;
-  char line[256];
-  while (fgets(line, sizeof line, p)) {
-    unsigned a;
-    char colon;
-    if (sscanf(line, " %x%c", &a, &colon) == 2 && colon == ':' && line[0] == ' ') v.push_back(a);
-  }
-  pclose(p);
-  return v;
-}
-
-
 inline std::string Exec(const std::string& cmd) {
   char out[512] = {};
   VORDENARM_ExecCommand(cmd.c_str(), out, sizeof out);

@@ -14,8 +14,11 @@
 
 #include "device/vorden_api.h"
 #include "probe/gdb/qemu_util.h"
+#include "probe/probe_util.h"
 
 using namespace gdbtest;
+using probetest::Mem32;
+using probetest::Reg;
 using Clock = std::chrono::steady_clock;
 
 namespace {
@@ -55,7 +58,7 @@ class Backends : public ::testing::TestWithParam<BackendParam> {
     elf = SourceDir() + "/firmware/gdb/elf/" + p.sElf;
     ASSERT_TRUE(LoadSegments(elf, segs, entry)) << elf;
     syms = Symbols(elf);
-    dis = Disassembly(elf);
+    dis = objdump::Disassemble(elf);
     for (const char* s : {"main", "Work", "g_watched", "g_counter"}) ASSERT_TRUE(syms.count(s)) << s;
     VORDENARM_Close();
     if (p.sQemuMachine) {
@@ -86,26 +89,7 @@ class Backends : public ::testing::TestWithParam<BackendParam> {
   }
 
   bool IsQemu() const { return GetParam().sQemuMachine != nullptr; }
-  bool WaitHalted(int Ms = 5000) {
-    auto end = Clock::now() + std::chrono::milliseconds(Ms);
-    while (Clock::now() < end) {
-      signed char h = VORDENARM_IsHalted();
-      if (h != 0) return h > 0;
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return false;
-  }
-  U32 Reg(U32 i) {
-    U64 v = 0xDEADBEEF;
-    U8 st = 1;
-    EXPECT_EQ(VORDENARM_ReadRegs(&i, &v, &st, 1), 0) << "register " << i;
-    return (U32)v;
-  }
-  U32 Mem32(U32 a) {
-    U32 v = 0;
-    EXPECT_EQ(VORDENARM_ReadMemEx(a, 4, &v, 4), 4) << std::hex << a;
-    return v;
-  }
+  static bool WaitHalted() { return probetest::WaitHalt(5000); }
   void Download() {
     VORDENARM_BeginDownload(0);
     for (const Segment& s : segs)
@@ -155,7 +139,7 @@ class Backends : public ::testing::TestWithParam<BackendParam> {
   std::vector<Segment> segs;
   U32 entry = 0;
   std::map<std::string, U32> syms;
-  std::map<U32, Insn> dis;
+  std::map<U32, objdump::Inst> dis;
   std::unique_ptr<Qemu> qemu;
 };
 
@@ -202,7 +186,7 @@ TEST_P(Backends, DownloadResetBreakpointAndSteps) {
   for (int i = 0; i < 80; ++i) {
     U32 pc = Reg(VORDENARM_REG_PC);
     ASSERT_TRUE(dis.count(pc)) << std::hex << pc;
-    const Insn in = dis[pc];
+    const objdump::Inst in = dis[pc];
     ASSERT_EQ(VORDENARM_Step(), 0);
     ASSERT_EQ(VORDENARM_IsHalted(), 1);
     U32 npc = Reg(VORDENARM_REG_PC);

@@ -5,6 +5,7 @@
 #include <map>
 
 #include "probe_util.h"
+#include "testsupport/objdump_oracle.h"
 
 using namespace probetest;
 
@@ -113,7 +114,8 @@ TEST_F(ProbeTrace, StatisticsEqualGroundTruthAndCountITSkips) {
   // The IT block: both conditional instructions fetched 100 times, skipped 50.
   std::string elf = FirmwarePath("tests_cortex-m3");
   U32 it = img.Sym("ItBlock");
-  std::vector<U32> insn = ObjdumpAddrs(elf, it, it + 8);
+  std::vector<U32> insn;
+  for (const auto& [a, i] : objdump::Disassemble(elf, nullptr, it, it + 8)) insn.push_back(a);
   ASSERT_GE(insn.size(), 3u);
   ASSERT_EQ(insn[0], it);
   for (int k = 1; k <= 2; ++k) {

@@ -5,17 +5,17 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
-#include <QProcess>
 #include <QRegularExpression>
 #include <QSettings>
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
 
+#include "testsupport/files.h"
+#include "testsupport/process.h"
+
 namespace {
 
-struct RUN {
-  QString Out;
-  int Exit = -1;
+struct RUN : testsupport::RUN {
   QStringList Lines() const { return Out.split('\n'); }
   qsizetype Find(const QString& s) const { return Out.indexOf(s); }
 };
@@ -23,36 +23,14 @@ struct RUN {
 class ProjectBatch : public ::testing::Test {
  protected:
   QTemporaryDir Dir;
-  QString Exe() const { return qEnvironmentVariable("TAVIT_BUILD_DIR") + "/tavit"; }
+  QString Exe() const { return testsupport::BuiltProgram("tavit"); }
   QString Path(const QString& n) const { return Dir.filePath(n); }
-  void Write(const QString& n, const QByteArray& d) {
-    QFile f(Path(n));
-    ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-    f.write(d);
-  }
-  QByteArray Read(const QString& n) {
-    QFile f(Path(n));
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray("<missing>");
-  }
-  RUN Run(QStringList Args, const QByteArray& Batch) {
-    Write("cmds.txt", Batch);
-    Args << "-batch" << Path("cmds.txt");
-    QProcess p;
-    p.setWorkingDirectory(Dir.path());
+  void Write(const QString& n, const QByteArray& d) { WriteAll(Path(n), d); }
+  QByteArray Read(const QString& n) { return ReadAll(Path(n)); }
+  RUN Run(const QStringList& Args, const QByteArray& Batch) {
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert("TAVIT_SETTINGS_DIR", Path("settings"));
-    p.setProcessEnvironment(env);
-    p.setProcessChannelMode(QProcess::SeparateChannels);
-    p.start(Exe(), Args);
-    RUN r;
-    if (!p.waitForFinished(60000)) {
-      p.kill();
-      p.waitForFinished();
-      return r;
-    }
-    r.Out = QString::fromUtf8(p.readAllStandardOutput());
-    r.Exit = p.exitCode();
-    return r;
+    return {testsupport::RunBatch(Path("cmds.txt"), Batch, Args, {Dir.path(), env})};
   }
   void SetUp() override { ASSERT_TRUE(QFileInfo::exists(Exe())) << Exe().toStdString(); }
 };

@@ -3,32 +3,18 @@
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
-#include <QProcess>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
 
+#include "testsupport/process.h"
 #include "testsupport/readelf_oracle.h"
 
 namespace {
 
 QString SourceDir() { return qEnvironmentVariable("TAVIT_SOURCE_DIR"); }
-QString Exe() { return qEnvironmentVariable("TAVIT_BUILD_DIR") + "/tavit"; }
-
-QString RunProcess(const QString& sProgram, const QStringList& Args, int* pExit = nullptr,
-                   const QString& sWorkDir = QString()) {
-  QProcess p;
-  if (!sWorkDir.isEmpty()) p.setWorkingDirectory(sWorkDir);
-  p.start(sProgram, Args);
-  if (!p.waitForFinished(60000)) {
-    p.kill();
-    p.waitForFinished();
-    if (pExit) *pExit = -1;
-    return QString();
-  }
-  if (pExit) *pExit = p.exitCode();
-  return QString::fromUtf8(p.readAllStandardOutput());
-}
+using testsupport::ResultAfter;
+using testsupport::RunBatch;
 
 // What the cross toolchain says about a file: entry point and byte order from
 // readelf, and the lowest load address of a section that is downloaded
@@ -45,9 +31,9 @@ bool ReadElfFacts(const QString& sFile, READELF_FACTS* pFacts) {
   if (!Header.count("Entry point address") || !Header.count("Data")) return false;
   pFacts->Entry = std::stoull(Header.at("Entry point address"), nullptr, 16);
   pFacts->BigEndian = Header.at("Data").find("big endian") != std::string::npos;
-  int Exit = 0;
-  const QString Sections = RunProcess("arm-none-eabi-objdump", {"-h", sFile}, &Exit);
-  if (Exit != 0) return false;
+  const testsupport::RUN Objdump = testsupport::RunProcess("arm-none-eabi-objdump", {"-h", sFile});
+  if (Objdump.Exit != 0) return false;
+  const QString& Sections = Objdump.Out;
   // "  0 .vectors  00000188  08000200  08000200  00000200  2**2" followed by
   // a line of flags.
   const QRegularExpression Row(R"(^\s*\d+\s+\S+\s+([0-9a-f]+)\s+[0-9a-f]+\s+([0-9a-f]+)\s+[0-9a-f]+\s+\S+\n\s+(.*)$)",
@@ -60,16 +46,8 @@ bool ReadElfFacts(const QString& sFile, READELF_FACTS* pFacts) {
   return true;
 }
 
-// The "=> <dec> (0x<hex>)" line that follows an echoed statement.
-qint64 ResultAfter(const QString& sOut, const QString& sStatement) {
-  const qsizetype At = sOut.indexOf(sStatement);
-  if (At < 0) return LLONG_MIN;
-  const auto m = QRegularExpression(R"(=> (-?\d+) \(0x)").match(sOut, At);
-  return m.hasMatch() ? m.captured(1).toLongLong() : LLONG_MIN;
-}
-
 TEST(ProgramBatch, OpenEveryCorpusElfAndAnswerLikeReadelf) {
-  ASSERT_TRUE(QFileInfo::exists(Exe()));
+  ASSERT_TRUE(QFileInfo::exists(testsupport::BuiltProgram("tavit")));
   QStringList Files;
   for (QDirIterator It(SourceDir() + "/firmware", {"*.elf"}, QDir::Files, QDirIterator::Subdirectories); It.hasNext();)
     Files << It.next();
@@ -81,13 +59,12 @@ TEST(ProgramBatch, OpenEveryCorpusElfAndAnswerLikeReadelf) {
     SCOPED_TRACE(sFile.toStdString());
     READELF_FACTS Facts;
     if (!ReadElfFacts(sFile, &Facts)) GTEST_SKIP() << "arm-none-eabi-readelf is not available";
-    QFile Batch(Dir.filePath("cmds.txt"));
-    ASSERT_TRUE(Batch.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    Batch.write(QString("File.Open(\"%1\")\nElf.GetEntryPointPC()\nElf.GetBaseAddr()\nElf.GetEndianess()\n").arg(sFile).toUtf8());
-    Batch.close();
-    int Exit = -1;
-    const QString Out = RunProcess(Exe(), {"-batch", Batch.fileName()}, &Exit, Dir.path());
-    ASSERT_EQ(Exit, 0) << Out.toStdString();
+    const testsupport::RUN r = RunBatch(
+        Dir.filePath("cmds.txt"),
+        QString("File.Open(\"%1\")\nElf.GetEntryPointPC()\nElf.GetBaseAddr()\nElf.GetEndianess()\n").arg(sFile).toUtf8(),
+        {}, {Dir.path()});
+    const QString& Out = r.Out;
+    ASSERT_EQ(r.Exit, 0) << Out.toStdString();
     // The load stages that ran are logged with their times.
     EXPECT_TRUE(Out.contains(QRegularExpression(R"(ELF-API wrapper initialized in \d+:\d{3} ms)"))) << Out.toStdString();
     EXPECT_TRUE(Out.contains(QRegularExpression(R"(File\.Open: completed in \d+ ms)")));
@@ -105,14 +82,13 @@ TEST(ProgramBatch, NoProgramAndBadFiles) {
   ASSERT_TRUE(Junk.open(QIODevice::WriteOnly));
   Junk.write("\x7f" "ELF this is not a program");
   Junk.close();
-  QFile Batch(Dir.filePath("cmds.txt"));
-  ASSERT_TRUE(Batch.open(QIODevice::WriteOnly));
-  Batch.write("Elf.GetBaseAddr()\nElf.GetEndianess()\nFile.Open(\"missing.elf\")\n");
-  Batch.write(QString("File.Open(\"%1\")\nElf.GetEndianess()\n").arg(Junk.fileName()).toUtf8());
-  Batch.close();
-  int Exit = -1;
-  const QString Out = RunProcess(Exe(), {"-batch", Batch.fileName()}, &Exit, Dir.path());
-  EXPECT_EQ(Exit, 1);  // the two failed opens are errors
+  const testsupport::RUN r =
+      RunBatch(Dir.filePath("cmds.txt"),
+               "Elf.GetBaseAddr()\nElf.GetEndianess()\nFile.Open(\"missing.elf\")\n" +
+                   QString("File.Open(\"%1\")\nElf.GetEndianess()\n").arg(Junk.fileName()).toUtf8(),
+               {}, {Dir.path()});
+  const QString& Out = r.Out;
+  EXPECT_EQ(r.Exit, 1);  // the two failed opens are errors
   EXPECT_EQ(ResultAfter(Out, "Elf.GetBaseAddr();"), 0xFFFFFFFFll);
   EXPECT_EQ(ResultAfter(Out, "Elf.GetEndianess();"), -1);
   EXPECT_TRUE(Out.contains("File.Open (\"missing.elf\"): missing.elf: file not found")) << Out.toStdString();
@@ -151,10 +127,9 @@ TEST(ProgramBatch, EachBadFileGetsOneClearMessage) {
   };
   QByteArray Batch;
   for (const CASE& c : Cases) Batch += "File.Open(\"" + c.sPath.toUtf8() + "\")\n";
-  const QString sCmds = Make("cmds.txt", Batch);
-  int Exit = -1;
-  const QString Out = RunProcess(Exe(), {"-batch", sCmds}, &Exit, Dir.path());
-  EXPECT_EQ(Exit, 1);
+  const testsupport::RUN r = RunBatch(Dir.filePath("cmds.txt"), Batch, {}, {Dir.path()});
+  const QString& Out = r.Out;
+  EXPECT_EQ(r.Exit, 1);
   const QStringList Lines = Out.split('\n');
   for (const CASE& c : Cases) {
     SCOPED_TRACE(c.sPath.toStdString());

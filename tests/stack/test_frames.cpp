@@ -16,9 +16,6 @@
 #include "stack/framestore.h"
 #include "testsupport/tools.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <QString>
@@ -40,18 +37,6 @@ std::string TmpDir() {
   return d;
 }
 bool HaveTool(const std::string& sName) { return !RunToolOutput("command -v " + sName).empty(); }
-
-int FreePort() {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  int port = -1;
-  if (bind(fd, (sockaddr*)&a, sizeof a) == 0 && getsockname(fd, (sockaddr*)&a, &len) == 0) port = ntohs(a.sin_port);
-  close(fd);
-  return port;
-}
 
 const char* const kRam = "0x20000000";
 const U32 kRamStart = 0x20000000, kRamSize = 0x10000;

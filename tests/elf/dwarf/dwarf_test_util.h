@@ -14,7 +14,9 @@ inline std::string RunTool(const std::string& cmd) { return RunToolOutput(cmd + 
 // Opens a corpus file with the debug reader; closes it on destruction.
 struct DebugFile {
   ELF_FILE* f = nullptr;
-  explicit DebugFile(const std::string& path) {
+  DebugFile() = default;
+  explicit DebugFile(const std::string& path) { Open(path); }
+  void Open(const std::string& path) {
     DWARF_Install();
     f = ELF_Open(path.c_str(), true);
   }
@@ -23,6 +25,18 @@ struct DebugFile {
   }
   DebugFile(const DebugFile&) = delete;
   DebugFile& operator=(const DebugFile&) = delete;
+};
+
+// A test over corpus files: each one opened with the debug reader.
+class DebugCorpusTest : public ::testing::TestWithParam<std::string> {
+ protected:
+  void SetUp() override {
+    path = CorpusPath(GetParam());
+    df.Open(path);
+    ASSERT_NE(df.f, nullptr) << path;
+  }
+  std::string path;
+  DebugFile df;
 };
 
 // The files with debug information of our own units.

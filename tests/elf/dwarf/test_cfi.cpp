@@ -38,12 +38,9 @@ bool SameCfa(const std::string& theirs, const ELF_SYM_LOC& ours) {
   return p.kind == ELF_LOC_REG_VALUE && p.reg == (U32)std::stoul(m[1]) && p.offset == std::stoi(m[2]);
 }
 
-class CfaVsReadelf : public ::testing::TestWithParam<std::string> {};
+class CfaVsReadelf : public DebugCorpusTest {};
 
 TEST_P(CfaVsReadelf, RowByRow) {
-  const std::string path = CorpusPath(GetParam());
-  DebugFile df(path);
-  ASSERT_NE(df.f, nullptr);
   const int ra = ELF_GetReturnAddressColumn(df.f);
   EXPECT_EQ(ra, 14);
   std::string cieCfa;

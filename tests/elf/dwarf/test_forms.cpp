@@ -16,11 +16,7 @@ namespace {
 
 const char* kFile = "app-dwarf5-forms.elf";
 
-std::string Gdb(const std::vector<std::string>& commands) {
-  std::string cmd = "gdb-multiarch -nx -batch";
-  for (auto& c : commands) cmd += " -ex '" + c + "'";
-  return RunTool(cmd + " " + CorpusPath(kFile));
-}
+std::string Gdb(const std::vector<std::string>& commands) { return RunGdb(CorpusPath(kFile), commands); }
 
 // Symbol table entry (value without the Thumb bit, size) from readelf.
 std::pair<U32, U32> ElfSymbol(const std::string& name) {

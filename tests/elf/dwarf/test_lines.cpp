@@ -13,12 +13,9 @@
 
 namespace {
 
-class LinesVsAddr2line : public ::testing::TestWithParam<std::string> {};
+class LinesVsAddr2line : public DebugCorpusTest {};
 
 TEST_P(LinesVsAddr2line, SourceLineAndFunctionAtAddress) {
-  const std::string path = CorpusPath(GetParam());
-  DebugFile df(path);
-  ASSERT_NE(df.f, nullptr);
   CLineTables t;
   t.Build(df.f);
   const auto& addrs = t.GetProgramAddresses();

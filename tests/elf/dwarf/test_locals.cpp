@@ -57,12 +57,9 @@ bool Check(const std::string& desc, const ELF_SYM_LOC& l, bool* pCompared, std::
   return true;
 }
 
-class LocalsVsGdb : public ::testing::TestWithParam<std::string> {};
+class LocalsVsGdb : public DebugCorpusTest {};
 
 TEST_P(LocalsVsGdb, InfoScope) {
-  const std::string path = CorpusPath(GetParam());
-  DebugFile df(path);
-  ASSERT_NE(df.f, nullptr);
   std::map<std::string, int> nameCount;
   std::vector<ELF_SYM_HANDLE> fns;
   for (int i = 0; i < ELF_GetListCount(df.f, ELF_LIST_FUNCTIONS); ++i) {
@@ -70,15 +67,15 @@ TEST_P(LocalsVsGdb, InfoScope) {
     ++nameCount[ELF_GetName(h)];
     if (ELF_GetLocalCount(h) > 0 && ELF_GetRangeCount(h) > 0) fns.push_back(h);
   }
-  std::string cmd = "gdb-multiarch -nx -batch";
+  std::vector<std::string> cmds;
   std::vector<ELF_SYM_HANDLE> asked;
   for (auto h : fns)
     if (nameCount[ELF_GetName(h)] == 1) {
-      cmd += std::string(" -ex 'info scope ") + ELF_GetName(h) + "'";
+      cmds.push_back(std::string("info scope ") + ELF_GetName(h));
       asked.push_back(h);
     }
   ASSERT_GT(asked.size(), 5u);
-  auto lines = SplitLines(RunTool(cmd + " " + path));
+  auto lines = SplitLines(RunGdb(path, cmds));
   // Group the output: "Scope for F:" then "Symbol X is DESC..., length N."
   int fi = -1, compared = 0;
   std::string sym, desc;

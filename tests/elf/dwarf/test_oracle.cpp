@@ -39,18 +39,14 @@ std::vector<Global> Globals(ELF_FILE* f) {
   return unique;
 }
 
-class GlobalsVsGdb : public ::testing::TestWithParam<std::string> {};
+class GlobalsVsGdb : public DebugCorpusTest {};
 
 TEST_P(GlobalsVsGdb, AddressesAndSizes) {
-  const std::string path = CorpusPath(GetParam());
-  DebugFile df(path);
-  ASSERT_NE(df.f, nullptr);
   auto globals = Globals(df.f);
   ASSERT_GT(globals.size(), 20u);
-  std::string cmd = "gdb-multiarch -nx -batch";
-  for (auto& g : globals) cmd += " -ex 'info address " + g.name + "' -ex 'print sizeof(" + g.name + ")'";
-  cmd += " " + path;
-  auto lines = SplitLines(RunTool(cmd));
+  std::vector<std::string> cmds;
+  for (auto& g : globals) cmds.insert(cmds.end(), {"info address " + g.name, "print sizeof(" + g.name + ")"});
+  auto lines = SplitLines(RunGdb(path, cmds));
   std::regex addrRe(R"re(Symbol "([^"]+)" is static storage at address (0x[0-9a-f]+)\.)re");
   std::regex sizeRe(R"(^\$(\d+) = (\d+)$)");
   std::map<std::string, U32> gdbAddr;
@@ -74,9 +70,6 @@ TEST_P(GlobalsVsGdb, AddressesAndSizes) {
 // significant) of the storage unit, so on a big-endian target the two
 // differ by design: ours = unit bits - size - gdb's.
 TEST_P(GlobalsVsGdb, StructLayouts) {
-  const std::string path = CorpusPath(GetParam());
-  DebugFile df(path);
-  ASSERT_NE(df.f, nullptr);
   struct Item {
     std::string query;
     ELF_SYM_HANDLE h;
@@ -101,10 +94,9 @@ TEST_P(GlobalsVsGdb, StructLayouts) {
     if (seen.insert(q).second) items.push_back({q, agg});
   }
   ASSERT_GT(items.size(), 5u);
-  std::string cmd = "gdb-multiarch -nx -batch";
-  for (auto& it : items) cmd += " -ex 'echo @@" + it.query + "\\n' -ex 'ptype/o " + it.query + "'";
-  cmd += " " + path;
-  auto lines = SplitLines(RunTool(cmd));
+  std::vector<std::string> cmds;
+  for (auto& it : items) cmds.insert(cmds.end(), {"echo @@" + it.query + "\\n", "ptype/o " + it.query});
+  auto lines = SplitLines(RunGdb(path, cmds));
   const bool be = ELF_GetEndian(df.f) == 1;
   // "/*      2: 0   |       4 */    unsigned int irq_mask : 12;" at the first level only.
   std::regex memberRe(R"(^/\*\s+(\d+)(?::\s*(\d+))?\s+\|\s+(\d+) \*/    (\S.*?)\s*(?::\s*(\d+))?(;|\{)$)");
@@ -174,12 +166,9 @@ INSTANTIATE_TEST_SUITE_P(Corpus, GlobalsVsGdb,
 
 // Every row readelf decodes is a row of the reader: same file name, line
 // and address (end-of-sequence rows aside, which carry no line).
-class LinesVsReadelf : public ::testing::TestWithParam<std::string> {};
+class LinesVsReadelf : public DebugCorpusTest {};
 
 TEST_P(LinesVsReadelf, EveryDecodedRowIsRead) {
-  const std::string path = CorpusPath(GetParam());
-  DebugFile df(path);
-  ASSERT_NE(df.f, nullptr);
   std::multiset<std::string> ours;
   for (int i = 0; i < ELF_GetNumLineRows(df.f); ++i) {
     const ELF_LINE_ROW* r = ELF_GetLineRow(df.f, i);
@@ -211,9 +200,6 @@ TEST_P(LinesVsReadelf, EveryDecodedRowIsRead) {
 // rules leave it out: below the lowest function start, outside the address
 // range of its file's units, or a line 0 that took its predecessor's line.
 TEST_P(LinesVsReadelf, CleanedMapKeepsOrExplainsEveryRow) {
-  const std::string path = CorpusPath(GetParam());
-  DebugFile df(path);
-  ASSERT_NE(df.f, nullptr);
   CLineTables t;
   t.Build(df.f);
   std::set<std::pair<U32, std::string>> kept; // (address, "file line")
@@ -260,12 +246,9 @@ INSTANTIATE_TEST_SUITE_P(Corpus, LinesVsReadelf, ::testing::ValuesIn(LineCorpus(
 
 // The function at the start of each debug function, and the inline chain
 // at sampled addresses inside it, as addr2line -f -i reports them.
-class FunctionsVsAddr2line : public ::testing::TestWithParam<std::string> {};
+class FunctionsVsAddr2line : public DebugCorpusTest {};
 
 TEST_P(FunctionsVsAddr2line, NamesAtFunctionStarts) {
-  const std::string path = CorpusPath(GetParam());
-  DebugFile df(path);
-  ASSERT_NE(df.f, nullptr);
   std::vector<std::pair<U32, std::string>> starts;
   struct Odd {
     std::string name;
@@ -315,9 +298,6 @@ TEST_P(FunctionsVsAddr2line, NamesAtFunctionStarts) {
 }
 
 TEST_P(FunctionsVsAddr2line, InlineChains) {
-  const std::string path = CorpusPath(GetParam());
-  DebugFile df(path);
-  ASSERT_NE(df.f, nullptr);
   // For each inlined instance range, its start: addr2line -i lists the
   // inlined function first, then its callers outwards.
   struct Sample {

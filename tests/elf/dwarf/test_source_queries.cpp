@@ -4,6 +4,7 @@
 // analysis taken from objdump's disassembly, checked against the line rows
 // that llvm-dwarfdump decodes from the same file.
 #include "dwarf_test_util.h"
+#include "testsupport/objdump_oracle.h"
 #include "testsupport/readelf_oracle.h"
 #include "elf/dwarf/insn_analysis.h"
 #include "elf/dwarf/target_access.h"
@@ -263,19 +264,10 @@ public:
   std::set<U32> data;       // every 2-byte step of a data item
 
   explicit ObjdumpAnalysis(const std::string& path) {
-    static const std::regex lineRe(R"(^\s*([0-9a-f]+):\t([0-9a-f ]+)\t(\S+))");
-    std::smatch m;
-    for (const std::string& l : SplitLines(RunTool("arm-none-eabi-objdump -d " + path))) {
-      if (!std::regex_search(l, m, lineRe)) continue;
-      const U32 a = (U32)Num(m[1], 16);
-      U32 size = 0;
-      for (char c : m[2].str()) size += isxdigit((unsigned char)c) != 0;
-      size /= 2;
-      if (m[3].str()[0] != '.')
-        insts[a] = size;
-      else
-        for (U32 k = 0; k < size; k += 2) data.insert(a + k);
-    }
+    std::map<U32, objdump::Inst> listed;
+    for (const auto& [a, i] : objdump::Disassemble(path, &listed)) insts[a] = i.Size;
+    for (const auto& [a, d] : listed)
+      for (U32 k = 0; k < d.Size; k += 2) data.insert(a + k);
   }
   bool IsInstructionStart(U32 a) const override { return insts.count(a) && !data.count(a); }
   U32 GetInstructionSize(U32 a) const override { return insts.count(a) ? insts.at(a) : 0; }
@@ -338,14 +330,11 @@ struct WalkOracle {
   }
 };
 
-class SourceWalksVsObjdump : public ::testing::TestWithParam<std::string> {};
+class SourceWalksVsObjdump : public DebugCorpusTest {};
 
 // Statement runs at every row address, line starts at every instruction and
 // data item, and the instructions of whole lines.
 TEST_P(SourceWalksVsObjdump, RunsAndLineStarts) {
-  const std::string path = CorpusPath(GetParam());
-  DebugFile df(path);
-  ASSERT_NE(df.f, nullptr);
   CLineTables t;
   t.Build(df.f);
   ObjdumpAnalysis an(path);
@@ -401,9 +390,6 @@ TEST_P(SourceWalksVsObjdump, RunsAndLineStarts) {
 // line leads; and the blocks of one line cover exactly those addresses.
 // Functions with literal pools split into code ranges at the data.
 TEST_P(SourceWalksVsObjdump, LineBlocksAndCodeRanges) {
-  const std::string path = CorpusPath(GetParam());
-  DebugFile df(path);
-  ASSERT_NE(df.f, nullptr);
   CLineTables t;
   t.Build(df.f);
   ObjdumpAnalysis an(path);

@@ -18,10 +18,10 @@
 //   symbol or its section's end (the ELF layer completes sizes), so it
 //   counts.
 #include "dwarf_test_util.h"
+#include "testsupport/process.h"
 #include "testsupport/readelf_oracle.h"
 
 #include <QFile>
-#include <QProcess>
 #include <QRegularExpression>
 #include <gtest/gtest.h>
 #include <map>
@@ -149,15 +149,12 @@ int ReadelfDwarfVersion(const std::string& path) {
 QString BatchOpenLog(const std::string& path, const std::string& name) {
   const QString dir = QString::fromLocal8Bit(qgetenv("TAVIT_TEST_TMP"));
   const QString logPath = dir + "/tables-counts-" + QString::fromStdString(name) + ".log";
-  const QString script = dir + "/tables-counts-" + QString::fromStdString(name) + ".txt";
   QFile::remove(logPath);
-  QFile sf(script);
-  if (!sf.open(QIODevice::WriteOnly)) return QString();
-  sf.write(QStringLiteral("File.Open(\"%1\")\n").arg(QString::fromStdString(path)).toUtf8());
-  sf.close();
-  QProcess p;
-  p.start(QString::fromLocal8Bit(qgetenv("TAVIT_BUILD_DIR")) + "/tavit", {"-logfile", logPath, "-batch", script});
-  if (!p.waitForFinished(60000) || p.exitCode() != 0) return QString();
+  if (testsupport::RunBatch(dir + "/tables-counts-" + QString::fromStdString(name) + ".txt",
+                            QStringLiteral("File.Open(\"%1\")\n").arg(QString::fromStdString(path)).toUtf8(),
+                            {"-logfile", logPath})
+          .Exit != 0)
+    return QString();
   QFile f(logPath);
   return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
 }

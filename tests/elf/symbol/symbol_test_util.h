@@ -33,15 +33,10 @@ inline bool HaveGdb() { return system("gdb-multiarch --version > /dev/null 2>&1"
 // Runs gdb once over a file with the commands; returns the output of each
 // command in order (split at markers echoed between them).
 inline QStringList RunGdbBatch(const QString& sFile, const QStringList& Commands) {
-  QString Cmd = "gdb-multiarch -nx -batch -ex 'set width 0' -ex 'set print elements 1000' -ex 'set print repeats 1000'";
-  for (const QString& c : Commands) {
-    QString q = c;
-    q.replace("'", "'\\''");
-    Cmd += " -ex 'echo @@@\\n' -ex '" + q + "'";
-  }
-  Cmd += " -ex 'echo @@@\\n' " + sFile;
-  const QString Out = RunOracle(Cmd);
-  QStringList Parts = Out.split("@@@\n");
+  std::vector<std::string> c = {"set width 0", "set print elements 1000", "set print repeats 1000"};
+  for (const QString& q : Commands) c.insert(c.end(), {"echo @@@\\n", q.toStdString()});
+  c.push_back("echo @@@\\n");
+  QStringList Parts = QString::fromStdString(RunGdb(sFile.toStdString(), c)).split("@@@\n");
   Parts.removeFirst();
   return Parts;
 }

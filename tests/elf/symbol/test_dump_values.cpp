@@ -1,21 +1,14 @@
 // tavit-dump --symbol and --expr: the same children tree and value block for a
 // program and its big-endian twin, and a clear error for a bad expression.
-#include <QProcess>
+#include "testsupport/process.h"
 #include <gtest/gtest.h>
 
 namespace {
 
 QString Dump(const QStringList& Args, int* pExit) {
-  QProcess p;
-  p.start(qEnvironmentVariable("TAVIT_BUILD_DIR") + "/tavit-dump", Args);
-  if (!p.waitForFinished(60000)) {
-    p.kill();
-    p.waitForFinished();
-    *pExit = -1;
-    return QString();
-  }
-  *pExit = p.exitCode();
-  return QString::fromUtf8(p.readAllStandardOutput() + p.readAllStandardError());
+  const testsupport::RUN r = testsupport::RunProcess(testsupport::BuiltProgram("tavit-dump"), Args);
+  *pExit = r.Exit;
+  return r.Out + r.Err;
 }
 
 QString Corpus(const char* sName) { return qEnvironmentVariable("TAVIT_SOURCE_DIR") + "/firmware/corpus/" + sName; }

@@ -1,6 +1,7 @@
 // Elf.GetExprValue in batch mode: the application prints the value block of
 // an expression over the program image exactly, and the two failure texts.
 #include "elf/symbol/symbol_test_util.h"
+#include "testsupport/process.h"
 
 #include <QDir>
 #include <QFile>
@@ -10,14 +11,13 @@ TEST(ExprBatch, GetExprValuePrintsTheBlock) {
   const QString Build = qEnvironmentVariable("TAVIT_BUILD_DIR");
   const QString Tavit = Build + "/tavit";
   ASSERT_TRUE(QFile::exists(Tavit)) << "build the tavit target first";
-  const QString Script = qEnvironmentVariable("TAVIT_TEST_TMP", QDir::tempPath()) + "/expr_batch.txt";
-  QFile f(Script);
-  ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-  f.write(QString("File.Open(\"%1\")\n").arg(SymCorpusPath("app-dwarf4-O0.elf")).toUtf8());
-  f.write("Elf.GetExprValue(\"recs[1].name\")\nElf.GetExprValue(\"recs[1].(\")\nElf.GetExprValue(\"*g_nodes[3].left\")\n"
-          "Elf.GetExprValue(\"g_root->left->left->left->value\")\n");
-  f.close();
-  const QString Out = RunOracle("cd '" + Build + "' && '" + Tavit + "' -batch '" + Script + "'");
+  const testsupport::RUN r = testsupport::RunBatch(
+      qEnvironmentVariable("TAVIT_TEST_TMP", QDir::tempPath()) + "/expr_batch.txt",
+      QString("File.Open(\"%1\")\n").arg(SymCorpusPath("app-dwarf4-O0.elf")).toUtf8() +
+          "Elf.GetExprValue(\"recs[1].name\")\nElf.GetExprValue(\"recs[1].(\")\nElf.GetExprValue(\"*g_nodes[3].left\")\n"
+          "Elf.GetExprValue(\"g_root->left->left->left->value\")\n",
+      {}, {Build});
+  const QString Out = r.Out + r.Err;
   const QString Dashes(40, '-');
   const QStringList Block = {
     Dashes, "recs[1].name", Dashes,

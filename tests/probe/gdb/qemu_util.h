@@ -1,16 +1,13 @@
 // Helpers for tests and benchmarks that run firmware on the emulator's MPS2
 // machines behind its GDB server: start and stop the emulator, load an ELF
-// file's program segments, and read symbols and instruction lengths from the
-// cross tools' own output.
+// file's program segments, and read symbols from the cross tools' own output.
 #pragma once
 #include "testsupport/elf_file.h"
+#include "testsupport/objdump_oracle.h"
 #include "testsupport/tools.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -34,19 +31,6 @@ namespace gdbtest {
 inline std::string SourceDir() {
   const char* s = getenv("TAVIT_SOURCE_DIR");
   return s ? s : TAVIT_SOURCE_DIR_FALLBACK;
-}
-
-inline int FreePort() {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  a.sin_port = 0;
-  socklen_t len = sizeof a;
-  int port = -1;
-  if (bind(fd, (sockaddr*)&a, sizeof a) == 0 && getsockname(fd, (sockaddr*)&a, &len) == 0) port = ntohs(a.sin_port);
-  close(fd);
-  return port;
 }
 
 // The emulator with its GDB server on a free loopback port: stopped at reset
@@ -144,28 +128,16 @@ inline std::map<std::string, U32> Symbols(const std::string& sElf) {
   return m;
 }
 
-struct Insn {
-  U32 Size;
-  std::string Mnemonic, Operands;
+// A machine of the emulator with the device it models and its firmware.
+struct Machine {
+  const char* sQemu;
+  const char* sDevice;
+  const char* sElf;
 };
-
-// Instructions as the cross tool's disassembler lists them.
-inline std::map<U32, Insn> Disassembly(const std::string& sElf) {
-  std::map<U32, Insn> m;
-  std::istringstream in(RunTool("arm-none-eabi-objdump -d " + sElf));
-  std::string line;
-  static const std::regex re(R"(^\s*([0-9a-f]+):\s+([0-9a-f]{4})(?: ([0-9a-f]{4}))?\s+(\S+)\s*([^;<]*))");
-  while (std::getline(in, line)) {
-    std::smatch mm;
-    if (!std::regex_search(line, mm, re)) continue;
-    Insn i;
-    i.Size = mm[3].matched ? 4 : 2;
-    i.Mnemonic = mm[4];
-    i.Operands = mm[5];
-    while (!i.Operands.empty() && isspace((unsigned char)i.Operands.back())) i.Operands.pop_back();
-    m[(U32)strtoul(mm[1].str().c_str(), nullptr, 16)] = i;
-  }
-  return m;
-}
+inline void PrintTo(const Machine& m, std::ostream* os) { *os << m.sQemu; }
+// The two machines the GDB tests run on, and a test's name for each.
+inline const Machine kMps2Machines[] = {{"mps2-an385", "MPS2-AN385", "gdbtest_an385.elf"},
+                                        {"mps2-an386", "MPS2-AN386", "gdbtest_an386.elf"}};
+inline std::string MachineName(const Machine& m) { return std::string(m.sDevice).substr(5); }
 
 }  // namespace gdbtest

@@ -6,37 +6,16 @@
 #include <thread>
 
 #include "device/vorden_api.h"
+#include "probe/probe_util.h"
 #include "qemu_util.h"
 
 using namespace gdbtest;
+using probetest::Reg;
 using Clock = std::chrono::steady_clock;
 
 namespace {
 
-bool WaitHalted(int Ms = 3000) {
-  auto end = Clock::now() + std::chrono::milliseconds(Ms);
-  while (Clock::now() < end) {
-    char h = VORDENARM_IsHalted();
-    if (h != 0) return h > 0;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return false;
-}
-
-U32 Reg(U32 i) {
-  U64 v = 0;
-  U8 st = 1;
-  EXPECT_EQ(VORDENARM_ReadRegs(&i, &v, &st, 1), 0);
-  return (U32)v;
-}
-
-struct Machine {
-  const char* sQemu;
-  const char* sDevice;
-  const char* sElf;
-};
-
-void PrintTo(const Machine& m, std::ostream* os) { *os << m.sQemu; }
+bool WaitHalted() { return probetest::WaitHalt(3000); }
 
 class GdbApi : public ::testing::TestWithParam<Machine> {};
 
@@ -133,8 +112,4 @@ TEST_P(GdbApi, SessionOnTheEmulatorThroughTheCFunctions) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Mps2, GdbApi,
-                         ::testing::Values(Machine{"mps2-an385", "MPS2-AN385", "gdbtest_an385.elf"},
-                                           Machine{"mps2-an386", "MPS2-AN386", "gdbtest_an386.elf"}),
-                         [](const ::testing::TestParamInfo<Machine>& i) {
-                           return std::string(i.param.sDevice).substr(5);
-                         });
+                         ::testing::ValuesIn(kMps2Machines), [](const auto& i) { return MachineName(i.param); });

@@ -10,12 +10,11 @@
 #include <map>
 #include <set>
 #include <thread>
-#include <arpa/inet.h>
-#include <netinet/in.h>
 
 #include "fake_gdb_server.h"
 #include "gdb/gdb_backend.h"
 #include "gdb/rsp.h"
+#include "testsupport/tools.h"
 
 using namespace vorden;
 using gdbtest::FakeServer;
@@ -437,15 +436,8 @@ TEST(GdbFakeServer, HostAndPortParsing) {
   EXPECT_NE(err.find("port"), std::string::npos);
   EXPECT_FALSE(CreateGdbBackend("[::1", 0, nullptr, err));
   // Nothing listens on a port just freed.
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  ASSERT_EQ(bind(fd, (sockaddr*)&a, sizeof a), 0);
-  getsockname(fd, (sockaddr*)&a, &len);
-  int port = ntohs(a.sin_port);
-  close(fd);
+  const int port = FreePort();
+  ASSERT_GT(port, 0);
   err.clear();
   EXPECT_FALSE(CreateGdbBackend("127.0.0.1:" + std::to_string(port), 0, nullptr, err));
   EXPECT_NE(err.find("cannot connect"), std::string::npos) << err;

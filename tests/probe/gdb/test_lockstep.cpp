@@ -15,14 +15,6 @@ using namespace gdbtest;
 
 namespace {
 
-struct Machine {
-  const char* sQemu;
-  const char* sDevice;
-  const char* sElf;
-};
-
-void PrintTo(const Machine& m, std::ostream* os) { *os << m.sQemu; }
-
 class GdbLockstep : public ::testing::TestWithParam<Machine> {};
 
 TEST_P(GdbLockstep, SimulatorAndEmulatorAgreeAfterEveryStep) {
@@ -31,7 +23,7 @@ TEST_P(GdbLockstep, SimulatorAndEmulatorAgreeAfterEveryStep) {
   std::vector<Segment> segs;
   U32 entry;
   ASSERT_TRUE(LoadSegments(elf, segs, entry));
-  auto dis = Disassembly(elf);
+  auto dis = objdump::Disassemble(elf);
   int dev = FindDevice(GetParam().sDevice);
   ASSERT_GT(dev, 0);
 
@@ -93,10 +85,6 @@ TEST_P(GdbLockstep, SimulatorAndEmulatorAgreeAfterEveryStep) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Mps2, GdbLockstep,
-                         ::testing::Values(Machine{"mps2-an385", "MPS2-AN385", "gdbtest_an385.elf"},
-                                           Machine{"mps2-an386", "MPS2-AN386", "gdbtest_an386.elf"}),
-                         [](const ::testing::TestParamInfo<Machine>& i) {
-                           return std::string(i.param.sDevice).substr(5);
-                         });
+                         ::testing::ValuesIn(kMps2Machines), [](const auto& i) { return MachineName(i.param); });
 
 }  // namespace

@@ -21,14 +21,6 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-struct Machine {
-  const char* sQemu;
-  const char* sDevice;
-  const char* sElf;
-};
-
-void PrintTo(const Machine& m, std::ostream* os) { *os << m.sQemu; }
-
 class GdbQemu : public ::testing::TestWithParam<Machine> {
  protected:
   void SetUp() override {
@@ -263,7 +255,7 @@ TEST_P(GdbQemu, PendingInterruptsWaitForTheStepOverABreakpoint) {
     // A user's step with SysTick pending: the instruction at the PC.
     stepThrough(kStore, ICSR, PENDSTSET);
     EXPECT_EQ(Mem32(ICSR) & PENDSTSET, PENDSTSET);
-    auto dis = Disassembly(elf);
+    auto dis = objdump::Disassemble(elf);
     U32 sp = Reg(13);
     ASSERT_EQ(t->Step(), 0);
     EXPECT_EQ(Reg(15), work + dis[work].Size);
@@ -423,10 +415,6 @@ TEST_P(GdbQemu, KillEndsTheEmulator) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Mps2, GdbQemu,
-                         ::testing::Values(Machine{"mps2-an385", "MPS2-AN385", "gdbtest_an385.elf"},
-                                           Machine{"mps2-an386", "MPS2-AN386", "gdbtest_an386.elf"}),
-                         [](const ::testing::TestParamInfo<Machine>& i) {
-                           return std::string(i.param.sDevice).substr(5);
-                         });
+                         ::testing::ValuesIn(kMps2Machines), [](const auto& i) { return MachineName(i.param); });
 
 }  // namespace

@@ -1,6 +1,5 @@
-// Runs arm-none-eabi-objdump -d over an ELF file and turns its listing into
-// records, plus the text normalisation under which the plug-in's instruction
-// text must equal objdump's.
+// The text normalisation under which the plug-in's instruction text must
+// equal objdump's.
 //
 // Normalisation (applied to both texts):
 //   - lower case; objdump's comment ("@ ...") and the plug-in's ("; ...") dropped;
@@ -21,58 +20,11 @@
 //   - the immediate of a floating-point vmov is not compared (objdump shows the
 //     encoded 8-bit value, the plug-in the number).
 #pragma once
-#include "testsupport/tools.h"
-#include <array>
 #include <cctype>
-#include <cstdio>
+#include <cstdint>
 #include <cstring>
-#include <map>
-#include <memory>
 #include <regex>
 #include <string>
-#include <vector>
-
-struct ObjdumpInst {
-  uint32_t Addr = 0;
-  uint32_t Size = 0;
-  std::string Mnemonic, Operands, Comment;
-};
-
-inline std::string RunCommand(const std::string& sCmd) { return RunToolOutput(sCmd); }
-
-
-// Instructions by address; objdump's ".word" data lines go to pWords.
-inline std::map<uint32_t, ObjdumpInst> RunObjdump(const std::string& sElf,
-                                                  std::map<uint32_t, uint32_t>* pWords = nullptr) {
-  std::map<uint32_t, ObjdumpInst> M;
-  std::string s = RunCommand("arm-none-eabi-objdump -d '" + sElf + "' 2>/dev/null");
-  static const std::regex Line(R"(^\s*([0-9a-f]+):\t([0-9a-f]{4}(?: [0-9a-f]{4})?|[0-9a-f]{8}) *\t([^\t]+?)(?:\t(.*))?$)");
-  for (const std::string& L : SplitLines(s)) {
-    std::smatch m;
-    if (!std::regex_match(L, m, Line)) continue;
-    ObjdumpInst I;
-    I.Addr = uint32_t(std::stoul(m[1].str(), nullptr, 16));
-    std::string Raw = m[2].str();
-    I.Size = Raw.size() == 9 ? 4 : Raw.size() == 4 ? 2 : 4;
-    I.Mnemonic = m[3].str();
-    std::string Ops = m[4].str();
-    size_t At = Ops.find("\t@");
-    if (At == std::string::npos) At = Ops.find("@ ");
-    if (At != std::string::npos) {
-      I.Comment = Ops.substr(At);
-      Ops = Ops.substr(0, At);
-    }
-    while (!Ops.empty() && std::isspace((unsigned char)Ops.back())) Ops.pop_back();
-    I.Operands = Ops;
-    if (Raw.size() == 8) {  // a .word: data in objdump's view
-      if (pWords && I.Mnemonic == ".word") (*pWords)[I.Addr] = uint32_t(std::stoul(Ops, nullptr, 16));
-      continue;
-    }
-    if (!I.Mnemonic.empty() && I.Mnemonic[0] == '.') continue;
-    M[I.Addr] = I;
-  }
-  return M;
-}
 
 inline std::string Lower(std::string s) {
   for (char& c : s) c = char(std::tolower((unsigned char)c));
