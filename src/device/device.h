@@ -5,6 +5,7 @@
 // the report as a device event (device/events.h).
 #pragma once
 #include "common/types.h"
+#include "device/bptypes.h"
 #include "device/devconfig.h"
 #include "device/job.h"
 #include "device/listener.h"
@@ -15,6 +16,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <vector>
 
 constexpr U32 DEVICE_RING_SIZE = 10000;
 constexpr U32 DEVICE_NUM_QUEUES = 3;
@@ -87,6 +89,26 @@ class CDevice : public QThread {
   int PostWriteReg(U32 Idx, U64 Value);
   int PostReadRegs(U32 Cnt, const U32* paIdx);
   int PostReadLocs(U32 Cnt, const ELF_SYM_LOC* paLocs, U64 Context);
+  // Breakpoint jobs. JT_SET_BP: Arg0 Addr, Arg1 State, Arg2 Type. JT_SET_BPS:
+  // Arg0 Cnt, Arg1 State, Arg2 Type, parameter 0 the U32 addresses.
+  // JT_CLEAR_BP: Arg0 Addr. JT_CLEAR_BPS: Arg0 Cnt, parameter 0 the addresses.
+  // JT_CLEAR_ALL_BPS: Arg1 0 clears all; Arg1 1 clears those in State Arg0.
+  // JT_SET_WPS / JT_CLEAR_WPS: Arg0 Cnt, parameter 0 the WP records (State and
+  // ErrCode are written back into it for the report). JT_SET_TPS /
+  // JT_CLEAR_TPS: Arg0 Cnt, parameter 0 the TP records.
+  int PostSetBP(U32 Addr, BP_STATES State, BP_TYPES Type);
+  int PostSetBPs(U32 Cnt, const U32* paAddrs, BP_STATES State, BP_TYPES Type);
+  int PostClearBP(U32 Addr);
+  int PostClearBPs(U32 Cnt, const U32* paAddrs);
+  int PostClearAllBPs();
+  int PostClearAllBPs(BP_STATES State);
+  int PostResetBPs();
+  int PostSetWPs(U32 Cnt, const WP* paWPs);
+  int PostClearWPs(U32 Cnt, const WP* paWPs);
+  int PostClearAllWPs();
+  int PostSetTPs(U32 Cnt, const TP* paTPs);
+  int PostClearTPs(U32 Cnt, const TP* paTPs);
+  int PostClearAllTPs();
 
   // ---- configuration and connection (worker; devconfig.cpp, connect.cpp)
   CDeviceConfig& Config() { return m_Config; }
@@ -164,6 +186,62 @@ class CDevice : public QThread {
   int StepInst();
   int Reset();
 
+  // ---- breakpoint tables (written on the worker, breakpoints.cpp; the GUI
+  // thread reads them without a lock and reads again on each change report)
+  int SetBreakpoint(U32 Addr, BP_STATES State, BP_TYPES Type);
+  int SetBreakpoints(U32 Cnt, const U32* paAddrs, BP_STATES State, BP_TYPES Type);
+  int ClearBreakpoint(U32 Addr);
+  int ClearBreakpoints(U32 Cnt, const U32* paAddrs);
+  int ClearAllBreakpoints();
+  int ClearAllBreakpoints(BP_STATES State);
+  int ResetBreakpoints();
+  int BpListGetInsertPos() const;
+  int BpListInsert(U32 Addr, BP_STATES State, BP_TYPES Type);
+  int BpListRemove(int Idx);
+  bool BpListOccupied(int Idx) const;
+  int BpListFind(U32 Addr) const;
+  int ClearBreakpointsBeforeFlashDL();
+  int RestoreBreakpointsAfterFlashDL();
+  void UpdateBPImplTypes();
+  int SetWatchpoint(WP Wp);
+  int SetWatchpoints(U32 Cnt, WP* paWPs);
+  int ClearWatchpoint(WP Wp);
+  int ClearWatchpoints(U32 Cnt, WP* paWPs);
+  int ClearAllWatchpoints();
+  int ClearAllWatchpoints(BP_STATES State);
+  int WpListGetInsertPos() const;
+  int WpListInsert(const WP& Wp);
+  int WpListFind(const WP& Wp) const;
+  int WpListRemove(int Idx);
+  bool WpListOccupied(int Idx) const;
+  int SetTracepoint(TP Tp);
+  int SetTracepoints(U32 Cnt, TP* paTps);
+  int ClearTracepoint(TP Tp);
+  int ClearTracepoints(U32 Cnt, TP* paTps);
+  int ClearAllTracepoints();
+  int UpdateTraceEventsVorden();
+  int TpListGetInsertPos() const;
+  int TpListInsert(const TP& Tp);
+  int TpListFind(U64 Addr) const;
+  int TpListRemove(int Idx);
+  bool TpListOccupied(int Idx) const;
+  // Readers (any thread).
+  int BpCount() const { return m_NumBPs.load(); }
+  const DEVICE_BP& BpEntry(int Idx) const { return m_aBP[Idx < 0 || Idx >= DEVICE_MAX_BPS ? 0 : Idx]; }
+  // The entry at Addr; the made-up hidden entry; else all zeros.
+  DEVICE_BP GetBreakpoint(U32 Addr) const;
+  int WpCount() const { return m_NumWPs.load(); }
+  int TpCount() const { return m_NumTPs.load(); }
+  // The occupied records in slot order.
+  std::vector<WP> OccupiedWatchpoints() const;
+  std::vector<TP> OccupiedTracepoints() const;
+  U32 HiddenBPAddr() const { return m_HiddenBPAddr.load(); }
+  // The one table field the GUI thread writes.
+  void SetBPHasCondition(U32 Addr, bool On);
+  // Held while the processor support is replaced, so that the worker is
+  // never inside it meanwhile.
+  std::recursive_mutex& DeviceMutex() { return m_DeviceMx; }
+
   // ---- state (any thread)
   bool IsConnected() const { return m_bConnected.load(); }
   bool IsConnectionLost() const { return m_bConnectionLost.load(); }
@@ -226,6 +304,12 @@ class CDevice : public QThread {
   std::atomic<bool> m_bConnected{false}, m_bConnectionLost{false}, m_bHalted{false}, m_bHaltReported{false},
       m_bRunning{false}, m_bSourceStep{false}, m_bReportHalts{false};
   std::atomic<U32> m_PC{0};
+  DEVICE_BP m_aBP[DEVICE_MAX_BPS] = {};
+  WP m_aWP[DEVICE_MAX_WPS] = {};
+  TP m_aTP[DEVICE_MAX_TPS] = {};
+  std::atomic<int> m_NumBPs{0}, m_NumWPs{0}, m_NumTPs{0};
+  std::atomic<U32> m_HiddenBPAddr{~0u};
+  int m_NumBPsBeforeDL = 0;  // worker only: kept between the two halves of a download
   std::atomic<int> m_LastDownloadError{0};
   qint64 m_LastHaltPollMs = 0;
   bool m_bHaltReportDue = false;  // worker only

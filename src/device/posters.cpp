@@ -175,3 +175,75 @@ int CDevice::PostReadLocs(U32 Cnt, const ELF_SYM_LOC* paLocs, U64 Context) {
   }
   return ScheduleJob(&j);
 }
+
+// ---------------------------------------------------------------- breakpoints
+
+namespace {
+
+template <class T>
+int PostRecords(U32 Type, U32 Cnt, const T* paRecs, U64 Arg1 = 0, U32 Arg2 = 0) {
+  DEVICE_JOB j = Make(Type);
+  j.Arg0 = Cnt;
+  j.Arg1 = Arg1;
+  j.Arg2 = Arg2;
+  if (!Cnt || !paRecs || SetJobParam(&j, 0, U32(Cnt * sizeof(T)), paRecs) < 0) {
+    FreeJobParams(&j);
+    return -1;
+  }
+  return Device()->ScheduleJob(&j);
+}
+
+}  // namespace
+
+int CDevice::PostSetBP(U32 Addr, BP_STATES State, BP_TYPES Type) {
+  DEVICE_JOB j = Make(JT_SET_BP);
+  j.Arg0 = Addr;
+  j.Arg1 = State;
+  j.Arg2 = Type;
+  return ScheduleJob(&j);
+}
+
+int CDevice::PostSetBPs(U32 Cnt, const U32* paAddrs, BP_STATES State, BP_TYPES Type) {
+  return PostRecords(JT_SET_BPS, Cnt, paAddrs, State, Type);
+}
+
+int CDevice::PostClearBP(U32 Addr) {
+  DEVICE_JOB j = Make(JT_CLEAR_BP);
+  j.Arg0 = Addr;
+  return ScheduleJob(&j);
+}
+
+int CDevice::PostClearBPs(U32 Cnt, const U32* paAddrs) { return PostRecords(JT_CLEAR_BPS, Cnt, paAddrs); }
+
+int CDevice::PostClearAllBPs() {
+  DEVICE_JOB j = Make(JT_CLEAR_ALL_BPS);
+  return ScheduleJob(&j);
+}
+
+int CDevice::PostClearAllBPs(BP_STATES State) {
+  DEVICE_JOB j = Make(JT_CLEAR_ALL_BPS);
+  j.Arg0 = State;
+  j.Arg1 = 1;
+  return ScheduleJob(&j);
+}
+
+int CDevice::PostResetBPs() {
+  DEVICE_JOB j = Make(JT_RESET_BPS);
+  return ScheduleJob(&j);
+}
+
+int CDevice::PostSetWPs(U32 Cnt, const WP* paWPs) { return PostRecords(JT_SET_WPS, Cnt, paWPs); }
+int CDevice::PostClearWPs(U32 Cnt, const WP* paWPs) { return PostRecords(JT_CLEAR_WPS, Cnt, paWPs); }
+
+int CDevice::PostClearAllWPs() {
+  DEVICE_JOB j = Make(JT_CLEAR_ALL_WPS);
+  return ScheduleJob(&j);
+}
+
+int CDevice::PostSetTPs(U32 Cnt, const TP* paTPs) { return PostRecords(JT_SET_TPS, Cnt, paTPs); }
+int CDevice::PostClearTPs(U32 Cnt, const TP* paTPs) { return PostRecords(JT_CLEAR_TPS, Cnt, paTPs); }
+
+int CDevice::PostClearAllTPs() {
+  DEVICE_JOB j = Make(JT_CLEAR_ALL_TPS);
+  return ScheduleJob(&j);
+}
