@@ -6,12 +6,42 @@
 #include "settings/ids.h"
 #include "settings/sysvars.h"
 
+#include <algorithm>
+#include <atomic>
 #include <cstring>
 
 namespace {
 
 bool Natural(U32 Addr, U32 n) { return (n == 1 || n == 2 || n == 4 || n == 8) && Addr % n == 0; }
 bool HasZone(const char* sZone) { return sZone && *sZone; }
+
+// A range in chunks: each chunk in one call (Chunk(Off, n)), and with
+// MEM_FLAG_ITEM_RETRY what a chunk left over item by item (Items(Off, n)).
+// With Single the caller has just tried the whole range in one call. Ranges
+// above 4000 bytes show progress. Returns the bytes moved.
+template <class ChunkFn, class ItemsFn>
+int ChunkWise(U32 nBytes, U32 ChunkSize, U32 Flags, const char* sProgressMsg, const std::atomic<bool>& Halted,
+              ChunkFn Chunk, ItemsFn Items) {
+  const bool Single = ChunkSize == 0 || ChunkSize >= nBytes;
+  const U32 Size = Single ? nBytes : ChunkSize;
+  const U32 NumChunks = (nBytes + Size - 1) / Size;
+  const bool Progress = nBytes > 4000;
+  if (Progress) {
+    PostDeviceEvent(DEV_EVENT_SET_PROGRESS_MSG, 0, 0, sProgressMsg);
+    if (NumChunks > 1) PostDeviceEvent(DEV_EVENT_START_PROGRESS, 0, NumChunks - 1);
+  }
+  int Sum = 0;
+  for (U32 i = 0; i < NumChunks; ++i) {
+    const U32 Off = i * Size;
+    const U32 n = std::min(Size, nBytes - Off);
+    int Got = Single ? 0 : Chunk(Off, n);
+    if ((Flags & MEM_FLAG_ITEM_RETRY) && Got < int(n)) Got += Items(Off + U32(Got), n - U32(Got));
+    Sum += Got;
+    if (Progress && NumChunks > 1) PostDeviceEvent(DEV_EVENT_SET_PROGRESS_VALUE, i);
+  }
+  if (Progress && Halted.load()) PostDeviceEvent(DEV_EVENT_END_PROGRESS);
+  return Sum;
+}
 
 }  // namespace
 
@@ -85,29 +115,14 @@ int CDevice::ReadMemItemWise(U32 Addr, U32 nBytes, I8 AccessWidth, U32 Flags, co
 
 int CDevice::ReadMemChunkWise(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AccessWidth, U32 Flags, const char* sZone,
                               U8* pData, U8* paStatus) {
-  const bool Single = ChunkSize == 0 || ChunkSize >= nBytes;
-  const U32 Chunk = Single ? nBytes : ChunkSize;
-  const U32 NumChunks = (nBytes + Chunk - 1) / Chunk;
-  const bool Progress = nBytes > 4000;
-  if (Progress) {
-    PostDeviceEvent(DEV_EVENT_SET_PROGRESS_MSG, 0, 0, "Reading Memory...");
-    if (NumChunks > 1) PostDeviceEvent(DEV_EVENT_START_PROGRESS, 0, NumChunks - 1);
-  }
-  int Sum = 0;
-  for (U32 i = 0; i < NumChunks; ++i) {
-    const U32 Off = i * Chunk;
-    const U32 n = std::min(Chunk, nBytes - Off);
-    int Got = 0;
-    // One chunk over the whole range was just tried by the caller.
-    if (!Single) Got = ReadMemSimple(Addr + Off, n, AccessWidth, Flags, sZone, pData + Off, paStatus + Off);
-    if ((Flags & MEM_FLAG_ITEM_RETRY) && Got < int(n))
-      Got = U32(Got) + ReadMemItemWise(Addr + Off + U32(Got), n - U32(Got), AccessWidth, Flags, sZone,
-                                       pData + Off + Got, paStatus + Off + Got);
-    Sum += Got;
-    if (Progress && NumChunks > 1) PostDeviceEvent(DEV_EVENT_SET_PROGRESS_VALUE, i);
-  }
-  if (Progress && m_bHalted.load()) PostDeviceEvent(DEV_EVENT_END_PROGRESS);
-  return Sum;
+  return ChunkWise(
+      nBytes, ChunkSize, Flags, "Reading Memory...", m_bHalted,
+      [&](U32 Off, U32 n) {
+        return ReadMemSimple(Addr + Off, n, AccessWidth, Flags, sZone, pData + Off, paStatus + Off);
+      },
+      [&](U32 Off, U32 n) {
+        return ReadMemItemWise(Addr + Off, n, AccessWidth, Flags, sZone, pData + Off, paStatus + Off);
+      });
 }
 
 int CDevice::ReadMem(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AccessWidth, U32 Flags, const char* sZone, U8* paData,
@@ -166,27 +181,10 @@ int CDevice::WriteMemItemWise(U32 Addr, U32 nBytes, I8 AccessWidth, const char* 
 
 int CDevice::WriteMemChunkWise(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AccessWidth, U32 Flags, const char* sZone,
                                const U8* paData) {
-  const bool Single = ChunkSize == 0 || ChunkSize >= nBytes;
-  const U32 Chunk = Single ? nBytes : ChunkSize;
-  const U32 NumChunks = (nBytes + Chunk - 1) / Chunk;
-  const bool Progress = nBytes > 4000;
-  if (Progress) {
-    PostDeviceEvent(DEV_EVENT_SET_PROGRESS_MSG, 0, 0, "Writing Memory...");
-    if (NumChunks > 1) PostDeviceEvent(DEV_EVENT_START_PROGRESS, 0, NumChunks - 1);
-  }
-  int Sum = 0;
-  for (U32 i = 0; i < NumChunks; ++i) {
-    const U32 Off = i * Chunk;
-    const U32 n = std::min(Chunk, nBytes - Off);
-    int Got = 0;
-    if (!Single) Got = WriteMemSimple(Addr + Off, n, AccessWidth, sZone, paData + Off);
-    if ((Flags & MEM_FLAG_ITEM_RETRY) && Got < int(n))
-      Got += WriteMemItemWise(Addr + Off + U32(Got), n - U32(Got), AccessWidth, sZone, paData + Off + Got);
-    Sum += Got;
-    if (Progress && NumChunks > 1) PostDeviceEvent(DEV_EVENT_SET_PROGRESS_VALUE, i);
-  }
-  if (Progress && m_bHalted.load()) PostDeviceEvent(DEV_EVENT_END_PROGRESS);
-  return Sum;
+  return ChunkWise(
+      nBytes, ChunkSize, Flags, "Writing Memory...", m_bHalted,
+      [&](U32 Off, U32 n) { return WriteMemSimple(Addr + Off, n, AccessWidth, sZone, paData + Off); },
+      [&](U32 Off, U32 n) { return WriteMemItemWise(Addr + Off, n, AccessWidth, sZone, paData + Off); });
 }
 
 int CDevice::WriteMem(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AccessWidth, U32 Flags, const char* sZone,
