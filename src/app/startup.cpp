@@ -16,6 +16,7 @@
 #include "settings/store.h"
 #include "settings/sysvars.h"
 #include "ui/dialogs/projectdialogs.h"
+#include "ui/framework/viewexport.h"
 #include "ui/shell/mainwindow.h"
 
 #include <QApplication>
@@ -48,6 +49,7 @@ void InstallModules() {
   ProjectCommands::Install();
   SessionModule::Install();
   DeviceModule::Install();
+  WIN_InstallExportCommand();
   ProjectModule::SetDeviceSettings(&DeviceModule::ProjectSettings());
   ProjectModule::SetProgramFileLoader(&SessionModule::ProgramFileLoader());
   static CProjectDialogs s_Dialogs;

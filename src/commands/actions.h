@@ -35,13 +35,13 @@ struct ACTION_DESC {
   int VarId;         // system variable set by this command; 84 = none
 };
 
-constexpr int ACTION_COUNT = 353;
+constexpr int ACTION_COUNT = 354;
 constexpr int ACTION_NO_VAR = 84;
 
 // The table: ACTION_COUNT rows plus an empty row behind them.
 extern ACTION_DESC g_aActionTable[ACTION_COUNT + 1];
 
-// Row by id; the empty row 353 for an unknown id.
+// Row by id; the empty row behind the table for an unknown id.
 ACTION_DESC* GetActionDesc(int Id);
 // Id of a linked action, -1 when it is not in the table.
 int GetActionId(const QAction* pAction);

@@ -360,6 +360,7 @@ ACTION_DESC g_aActionTable[ACTION_COUNT + 1] = {
   {350, 0, 0, 0, 0, nullptr, "Alt+5", "", "", "Win set display format char", "Win set display format char", "actionWinSetDisplayFormatChar", nullptr, 84},
   {351, 0, 0, 0, 0, nullptr, "Alt+3", "", "", "Win set display format dec", "Win set display format dec", "actionWinSetDisplayFormatDec", nullptr, 84},
   {352, 0, 0, 0, 0, nullptr, "Alt+2", "", "", "Win set display format hex", "Win set display format hex", "actionWinSetDisplayFormatHex", nullptr, 84},
-  {353, 0, 0, 0, 0, nullptr, "", "", "", "", "", "", nullptr, 84},
+  {353, 1, 1, 0, 0, nullptr, "", "__api__ int Window.Export (const char* sWindow, const char* sFilePath);", "Window, File path", "Exports the rows of a window", "Export", "actionWindowExport", nullptr, 84},
+  {354, 0, 0, 0, 0, nullptr, "", "", "", "", "", "", nullptr, 84},
 };
 // clang-format on

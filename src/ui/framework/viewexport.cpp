@@ -1,0 +1,114 @@
+#include "ui/framework/viewexport.h"
+
+#include "commands/actionids.h"
+#include "commands/actions.h"
+#include "log/log.h"
+
+#include <QAbstractItemModel>
+#include <QSaveFile>
+#include <QVector>
+#include <utility>
+
+namespace {
+
+QVector<std::pair<QString, VIEW_MODEL_PROVIDER>>& Providers() {
+  static QVector<std::pair<QString, VIEW_MODEL_PROVIDER>> v;
+  return v;
+}
+
+int IndexOf(const QString& sWindow) {
+  const auto& v = Providers();
+  for (int i = 0; i < v.size(); ++i)
+    if (v[i].first.compare(sWindow.trimmed(), Qt::CaseInsensitive) == 0) return i;
+  return -1;
+}
+
+QString Cell(const QVariant& v) {
+  QString s = v.toString();
+  for (QChar& c : s)
+    if (c == QLatin1Char('\t') || c == QLatin1Char('\n') || c == QLatin1Char('\r')) c = QLatin1Char(' ');
+  return s;
+}
+
+void AddRows(QAbstractItemModel* pModel, const QModelIndex& Parent, int Depth, QStringList& Lines) {
+  while (pModel->canFetchMore(Parent)) {
+    const int Before = pModel->rowCount(Parent);
+    pModel->fetchMore(Parent);
+    if (pModel->rowCount(Parent) == Before) break;
+  }
+  const int Columns = pModel->columnCount(Parent);
+  for (int r = 0; r < pModel->rowCount(Parent); ++r) {
+    QStringList Cells;
+    for (int c = 0; c < Columns; ++c) Cells << Cell(pModel->data(pModel->index(r, c, Parent), Qt::DisplayRole));
+    if (!Cells.isEmpty()) Cells[0].prepend(QString(2 * Depth, QLatin1Char(' ')));
+    Lines << Cells.join(QLatin1Char('\t'));
+    const QModelIndex Child = pModel->index(r, 0, Parent);
+    if (pModel->hasChildren(Child)) AddRows(pModel, Child, Depth + 1, Lines);
+  }
+}
+
+void OnWindowExport(int Id) {
+  if (!CheckArgCount(Id)) return;
+  const QStringList Args = GetActionArgs(Id);
+  QString sError;
+  if (WIN_Export(Args.value(0), Args.value(1), &sError) < 0) {
+    SetActionError(Id, sError);
+    SetActionResult(Id, -1);
+    return;
+  }
+  SetActionResult(Id, 0);
+}
+
+}  // namespace
+
+void WIN_RegisterViewModel(const QString& sWindow, const VIEW_MODEL_PROVIDER& Provider) {
+  const int i = IndexOf(sWindow);
+  if (i >= 0) Providers()[i].second = Provider;
+  else Providers().append({sWindow, Provider});
+}
+
+void WIN_UnregisterViewModel(const QString& sWindow) {
+  const int i = IndexOf(sWindow);
+  if (i >= 0) Providers().remove(i);
+}
+
+QStringList WIN_ExportableWindows() {
+  QStringList l;
+  for (const auto& p : Providers()) l << p.first;
+  return l;
+}
+
+QStringList WIN_ModelLines(QAbstractItemModel* pModel) {
+  QStringList Lines;
+  if (!pModel) return Lines;
+  QStringList Header;
+  for (int c = 0; c < pModel->columnCount(); ++c) Header << Cell(pModel->headerData(c, Qt::Horizontal));
+  Lines << Header.join(QLatin1Char('\t'));
+  AddRows(pModel, QModelIndex(), 0, Lines);
+  return Lines;
+}
+
+int WIN_Export(const QString& sWindow, const QString& sFilePath, QString* psError) {
+  auto Fail = [&](const QString& s) {
+    if (psError) *psError = s;
+    return -1;
+  };
+  const int i = IndexOf(sWindow);
+  if (i < 0) return Fail(QStringLiteral("invalid parameter: ") + sWindow);
+  if (sFilePath.isEmpty()) return Fail(QStringLiteral("invalid parameter: no file path"));
+  QAbstractItemModel* pModel = Providers()[i].second ? Providers()[i].second() : nullptr;
+  if (!pModel) return Fail(QStringLiteral("Window \"%1\" has no data to export").arg(Providers()[i].first));
+  const QStringList Lines = WIN_ModelLines(pModel);
+  if (sFilePath == QLatin1String("-")) {
+    ConsolePrintLines(Lines);
+    return 0;
+  }
+  QSaveFile f(sFilePath);
+  if (!f.open(QIODevice::WriteOnly | QIODevice::Text))
+    return Fail(QStringLiteral("Cannot write %1: %2").arg(sFilePath, f.errorString()));
+  f.write((Lines.join(QLatin1Char('\n')) + QLatin1Char('\n')).toUtf8());
+  if (!f.commit()) return Fail(QStringLiteral("Cannot write %1: %2").arg(sFilePath, f.errorString()));
+  return 0;
+}
+
+void WIN_InstallExportCommand() { SetCommandSlot(AID_WINDOW_EXPORT, OnWindowExport); }
