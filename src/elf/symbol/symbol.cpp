@@ -1231,8 +1231,12 @@ QString CSymbol::GetValueText(int Format, bool WithText) {
   if (!HasValue()) return QString();
   if (!IsArray()) {
     bool ok;
-    const U64 v = ReadUnsigned(&ok, true);
-    return ok ? FormatValue(v, Format, WithText) : QString();
+    U64 v = ReadUnsigned(&ok, true);
+    if (!ok) return QString();
+    // A signed bit-field shows as a value of its declared type: its field,
+    // sign-extended.
+    if (bitSize && bitSize < 64 && isSigned && ((v >> (bitSize - 1)) & 1)) v |= ~(U64)0 << bitSize;
+    return FormatValue(v, Format, WithText);
   }
   return WithText ? GetQuotedText() : QString();
 }

@@ -9,6 +9,9 @@
 #include "elf/symbol/symbol_test_util.h"
 
 #include <gtest/gtest.h>
+
+#include <QRegularExpression>
+#include <iterator>
 #include <cmath>
 
 namespace {
@@ -225,9 +228,21 @@ TEST_P(BitFields, OperatorsSeeTheFieldValueLikeGdb) {
   ASSERT_TRUE(LoadProgram(GetParam()));
   QStringList Commands;
   for (const char* t : kBitFieldExprs) Commands << QString("print/d (long long)(%1)").arg(t);
+  // The display texts of a signed and an unsigned field.
+  const char* const Shown[] = {"g_ctrl.bits.trim", "g_ctrl.bits.mode"};
+  for (const char* t : Shown) Commands << QString("print/d %1").arg(t) << QString("print/x %1").arg(t);
   const QStringList Out = RunGdbBatch(SymCorpusPath(GetParam()), Commands);
   ASSERT_GE(Out.size(), Commands.size());
-  for (int i = 0; i < (int)Commands.size(); ++i) {
+  for (int i = 0; i < 2; ++i) {
+    CExpression e(QString::fromUtf8(Shown[i]));
+    ASSERT_GE(Evaluate(e), 0);
+    const int At = (int)std::size(kBitFieldExprs) + 2 * i;
+    EXPECT_EQ(GetResult(e)->GetValueText(DISPLAY_FORMAT_DEC, false), Out[At].section(" = ", 1).trimmed()) << Shown[i];
+    EXPECT_EQ(GetResult(e)->GetValueText(DISPLAY_FORMAT_HEX, false).toLower().simplified().remove(' ').remove(QRegularExpression("^0x0*")),
+              Out[At + 1].section(" = ", 1).trimmed().remove(QRegularExpression("^0x0*")))
+        << Shown[i];
+  }
+  for (int i = 0; i < (int)std::size(kBitFieldExprs); ++i) {
     SCOPED_TRACE(kBitFieldExprs[i]);
     CExpression e(QString::fromUtf8(kBitFieldExprs[i]));
     ASSERT_GE(Evaluate(e), 0) << e.GetError().toStdString();
