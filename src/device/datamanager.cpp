@@ -157,12 +157,12 @@ QByteArray CDeviceDataManager::ResolveZone(const char* sZone) {
 // ---------------------------------------------------------------- memory cache
 
 CDeviceDataManager::ZONE_CACHE* CDeviceDataManager::Zone(const QByteArray& sZone, bool Create) {
-  const QByteArray sName = sZone.left(126);
+  const QByteArrayView sName = QByteArrayView(sZone).first(std::min<qsizetype>(sZone.size(), 126));
   for (auto& z : m_Zones)
-    if (sName == z->acName) return z.get();
+    if (sName == QByteArrayView(z->acName)) return z.get();
   if (!Create || int(m_Zones.size()) >= DM_MAX_ZONES) return nullptr;
   auto z = std::make_unique<ZONE_CACHE>();
-  memcpy(z->acName, sName.constData(), size_t(sName.size()));
+  memcpy(z->acName, sName.data(), size_t(sName.size()));
   m_Zones.push_back(std::move(z));
   return m_Zones.back().get();
 }
@@ -184,8 +184,11 @@ U8 CDeviceDataManager::RangeStatus(ZONE_CACHE* z, U32 Addr, U32 nBytes, U8* pDat
     } else {
       if (pData) memcpy(pData + Out, p + Off, n);
       if (pStatus) memcpy(pStatus + Out, p + kPageSize + Off, n);
+      // Over the values 0..3 merging is taking the largest.
       const U8* s = p + kPageSize + Off;
-      for (U32 i = 0; i < n; ++i) Merged = Merged == 0xFF ? s[i] : MergeStatus(Merged, s[i]);
+      U8 Max = 0;
+      for (U32 i = 0; i < n; ++i) Max = s[i] > Max ? s[i] : Max;
+      Merged = Merged == 0xFF ? Max : MergeStatus(Merged, Max);
     }
     Pos += n;
     Out += n;
@@ -260,7 +263,7 @@ int CDeviceDataManager::ReadUncached(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AW,
   const U64 End = U64(Addr) + nBytes;
   auto Schedule = [&](U64 Start, U64 Len) {
     SetRangeStatus(z, U32(Start), U32(Len), CACHE_PENDING);
-    if (d->PostReadMem(U32(Start), U32(Len), ChunkSize, AW, Flags, ZoneArg(sZone)) == 0) return true;
+    if (d->PostReadMem(U32(Start), U32(Len), ChunkSize, AW, Flags, ZoneArg(sZone)) == 0) return m_BytesScheduled += Len, true;
     SetRangeStatus(z, U32(Start), U32(Len), CACHE_INVALID);
     return false;
   };
@@ -295,28 +298,37 @@ int CDeviceDataManager::ReadMemAsync(CDeviceEventListener* pListener, U32 Addr, 
   const QByteArray Zn = ResolveZone(sZone);
   ZONE_CACHE* z = Zone(Zn, true);
   if (!z) return 1;  // a zone beyond the sixteenth has nowhere to keep the answer
-  std::vector<U8> Data(nBytes), St(nBytes, CACHE_UNREADABLE);
+  // Small answers (values, watch items) need no allocation.
+  U8 aSmall[2][64];
+  std::vector<U8> Big[2];
+  U8* pData = aSmall[0];
+  U8* pSt = aSmall[1];
+  if (nBytes > sizeof aSmall[0]) {
+    Big[0].resize(nBytes), Big[1].resize(nBytes);
+    pData = Big[0].data(), pSt = Big[1].data();
+  }
   if (U64(Addr) + nBytes > k4GiB) {
     // A range over the end of the address space is refused: unreadable.
-    pListener->OnDeviceReadMemDone(Addr, nBytes, Zn.constData(), Data.data(), St.data());
+    memset(pData, 0, nBytes);
+    memset(pSt, CACHE_UNREADABLE, nBytes);
+    pListener->OnDeviceReadMemDone(Addr, nBytes, Zn.constData(), pData, pSt);
     return 0;
   }
-  const QByteArray Payload = MemPayload(Addr, nBytes, Zn);
   if (d->HaltReported() && !(Flags & DM_FLAG_BYPASS_CACHE)) {
-    U8 s = RangeStatus(z, Addr, nBytes, Data.data(), St.data());
-    if (m_bBigEndian && IsValueSize(nBytes)) std::reverse(Data.begin(), Data.end());
+    U8 s = RangeStatus(z, Addr, nBytes, pData, pSt);
+    if (m_bBigEndian && IsValueSize(nBytes)) std::reverse(pData, pData + nBytes);
     if (s <= CACHE_UNREADABLE) {
-      pListener->OnDeviceReadMemDone(Addr, nBytes, Zn.constData(), Data.data(), St.data());
+      pListener->OnDeviceReadMemDone(Addr, nBytes, Zn.constData(), pData, pSt);
       return 0;
     }
     if (s == CACHE_PENDING) {
-      AddRequest(0, Payload, pListener);
+      AddRequest(0, MemPayload(Addr, nBytes, Zn), pListener);
       return 2;
     }
   } else {
     SetRangeStatus(z, Addr, nBytes, CACHE_INVALID);
   }
-  const bool Added = AddRequest(0, Payload, pListener);
+  const bool Added = AddRequest(0, MemPayload(Addr, nBytes, Zn), pListener);
   if (ReadUncached(Addr, nBytes, ChunkSize, AW, Flags, Zn) < 0) {
     if (Added) m_Pending.pop_back();
     return 1;
@@ -385,10 +397,7 @@ int CDeviceDataManager::ReadMemSync(U32 Addr, U32 nBytes, const char* sZone, U8*
     if (m_bBigEndian && IsValueSize(nBytes)) std::reverse(paData, paData + nBytes);
   }
   U8 Merged = 0;
-  for (U32 i = 0; i < nBytes; ++i) {
-    paStatus[i] = paStatus[i] ? 1 : 0;
-    Merged |= paStatus[i];
-  }
+  for (U32 i = 0; i < nBytes; ++i) Merged |= paStatus[i] = paStatus[i] ? 1 : 0;
   return Merged;
 }
 

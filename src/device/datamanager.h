@@ -101,6 +101,8 @@ class CDeviceDataManager : public CDeviceEventListener {
   U32 NumCachedRegs();
   int NumPending() const { return int(m_Pending.size()); }
   int NumZones() const { return int(m_Zones.size()); }
+  // Bytes of the memory reads scheduled so far.
+  U64 BytesScheduled() const { return m_BytesScheduled; }
   // Forgets every cached item (memory pages stay, with status 3).
   void ClearCaches();
   // The zone a read goes to: a named zone stands; without one, the
@@ -194,4 +196,5 @@ class CDeviceDataManager : public CDeviceEventListener {
   std::vector<REQUEST>* m_pWalk = nullptr;
   U32 m_aSharedRegIdxs[DM_MAX_SHARED_REG_IDXS] = {};
   ITaskRegisterSource* m_pTaskRegs = nullptr;
+  U64 m_BytesScheduled = 0;
 };
