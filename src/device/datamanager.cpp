@@ -162,7 +162,7 @@ CDeviceDataManager::ZONE_CACHE* CDeviceDataManager::Zone(const QByteArray& sZone
     if (sName == QByteArrayView(z->acName)) return z.get();
   if (!Create || int(m_Zones.size()) >= DM_MAX_ZONES) return nullptr;
   auto z = std::make_unique<ZONE_CACHE>();
-  memcpy(z->acName, sName.data(), size_t(sName.size()));
+  if (!sName.isEmpty()) memcpy(z->acName, sName.data(), size_t(sName.size()));
   m_Zones.push_back(std::move(z));
   return m_Zones.back().get();
 }

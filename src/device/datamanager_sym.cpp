@@ -117,7 +117,7 @@ int CDeviceDataManager::ReadSymDataCached(CDeviceEventListener* pListener, const
 
 int CDeviceDataManager::ReadSymDataAsync(CDeviceEventListener* pListener, const ELF_SYM_LOC& Loc, U32 nBytes,
                                          const char* sZone) {
-  if (nBytes > 8 || !pListener) return 1;
+  if (nBytes > 8 || !pListener || !Loc.count) return 1;
   const QByteArray Zn = ResolveZone(sZone);
   if (IsConstant(Loc)) return ReadSymDataCached(pListener, Loc, nBytes, Zn, nullptr), 0;
   CDevice* d = CDevice::InstanceIfCreated();

@@ -13,6 +13,7 @@
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <gtest/gtest.h>
+#include <random>
 #include <vector>
 
 namespace {
@@ -92,7 +93,7 @@ class DataCache : public ::testing::Test {
   }
   int Reads() const { return fakeprobe::S().ReadCalls.load(); }
   void Idle() { ASSERT_EQ(d->WaitIdle(5000), 0); }
-  int Ask(CAsker& a, U32 Addr, U32 n, U32 Chunk = 0, U32 Flags = 0) {
+  int Ask(CDeviceEventListener& a, U32 Addr, U32 n, U32 Chunk = 0, U32 Flags = 0) {
     return dm->ReadMemAsync(&a, Addr, n, nullptr, Chunk, AW_ANY, Flags);
   }
   // Holds the worker so that what is scheduled stays pending.
@@ -273,6 +274,44 @@ TEST_F(DataCache, SymbolDataPiecesLimitsAndErrorTexts) {
   EXPECT_EQ(dm->MemStatus(kRAM + 4, 4, nullptr), CACHE_INVALID);
   EXPECT_EQ(dm->ReadSymData(Mem, 4, nullptr, Out), 0);
   EXPECT_EQ(memcmp(Out, New, 4), 0);
+}
+
+// Random requests near page borders, the end of RAM and the end of the
+// address space, with cancelling between them: every answer that says valid
+// holds the probe's bytes, nothing outside RAM says valid, and every request
+// is answered or dropped. Built with ASan/UBSan as datacache_san.
+TEST_F(DataCache, RandomRequestsAreAnsweredConsistently) {
+  struct CChecker : CDeviceEventListener {
+    int Bad = 0, Done = 0;
+    void OnDeviceReadMemDone(U32 a, U32 n, const char*, U8* d, U8* s) override {
+      ++Done;
+      for (U32 i = 0; i < n; ++i) {
+        const U64 x = U64(a) + i;
+        const bool InRam = x >= kRAM && x < kRAM + sizeof fakeprobe::S().aRAM;
+        if (s[i] > 1 || (s[i] == 0 && (!InRam || d[i] != fakeprobe::S().aRAM[x - kRAM]))) ++Bad;
+      }
+    }
+  } Win[4];
+  CLogCapture Quiet(MSG_ERROR);
+  std::mt19937 Rng(1234);
+  const U32 Bases[] = {kRAM - 0x40, kRAM + 0xFC0, 0xFFFFFF80u, 0x1FFFFFF0u, kRAM + 0x7F0};
+  for (int Round = 0; Round < 40; ++Round) {
+    for (int i = 0; i < 12; ++i) {
+      const U32 Addr = Bases[Rng() % 5] + Rng() % 0x80, n = 1 + Rng() % 300;
+      const int r = Ask(Win[Rng() % 4], Addr, n, Rng() % 2 ? 0 : 4, Rng() % 3 ? 0 : MEM_FLAG_ITEM_RETRY);
+      EXPECT_TRUE(r == 0 || r == 1 || r == 2);
+      ELF_SYM_LOC l = Loc(Rng() % 17, Addr, Rng() % 3 ? 0 : Rng() % 17, Addr + 4, Rng() % 12);
+      l.count = Rng() % 3;
+      dm->ReadSymDataAsync(&Win[0], l, Rng() % 10, nullptr);
+    }
+    if (Round % 5 == 1) dm->CancelRequests(&Win[Rng() % 4]);
+    if (Round % 7 == 3) dm->CancelMemReads();
+    Idle();
+  }
+  EXPECT_GT(Win[1].Done, 20);
+  EXPECT_EQ(Win[0].Bad + Win[1].Bad + Win[2].Bad + Win[3].Bad, 0);
+  EXPECT_EQ(dm->NumPending(), 0);
+  Quiet.Discard();
 }
 
 }  // namespace
