@@ -510,6 +510,24 @@ int CDeviceDataManager::ReadRegSync(CDeviceEventListener* pListener, U32 RegIdx,
   return s;
 }
 
+int CDeviceDataManager::ReadRegNow(U32 RegIdx, U64* pValue) {
+  *pValue = 0;
+  if (!HaltedTarget()) return 1;
+  const U8 s = RegStatus(RegIdx, pValue);
+  if (s <= CACHE_UNREADABLE) return s;
+  if (RegIdx >= m_aRegStatus.size()) return 1;
+  CDevice* d = ConnectedDevice();
+  int r;
+  {
+    std::lock_guard<std::recursive_mutex> g(d->DeviceMutex());
+    r = d->ReadReg(RegIdx, pValue);
+  }
+  // A read of the same register already under way will store the same value.
+  StoreReg(RegIdx, *pValue, r == 0 ? CACHE_VALID : CACHE_UNREADABLE);
+  if (r != 0) *pValue = 0;
+  return r == 0 ? 0 : 1;
+}
+
 int CDeviceDataManager::WriteRegAsync(U32 RegIdx, U64 Value) {
   CDevice* d = ConnectedDevice();
   return d ? d->PostWriteReg(RegIdx, Value) : -1;

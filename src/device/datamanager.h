@@ -70,6 +70,10 @@ class CDeviceDataManager : public CDeviceEventListener {
   // Waits up to 150 ms for the register: 0 value valid, 1 unreadable, not
   // halted or timed out.
   int ReadRegSync(CDeviceEventListener* pListener, U32 RegIdx, U64* pValue);
+  // For synchronous readers inside an evaluation (the debug layer): from the
+  // cache, else read at once on this thread and kept; no events are
+  // delivered meanwhile. 0 valid, 1 unreadable or not halted.
+  int ReadRegNow(U32 RegIdx, U64* pValue);
   int WriteRegAsync(U32 RegIdx, U64 Value);
   int WriteMemAsync(U32 Addr, U32 nBytes, const U8* pData, U32 ChunkSize, I8 AW, U32 Flags, const char* sZone);
   int WriteMemMultipleAsync(U32 Cnt, const U32* paAddrRanges, U32 NumBytes, const U8* pData, U32 ChunkSize, I8 AW,

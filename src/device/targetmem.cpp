@@ -60,7 +60,7 @@ bool CTargetSymbolMemory::ReadRegister(int Stack, int Index, U32 Register, U64& 
   const ICoreSupport* cs = DEV_GetCoreSupport();
   if (Stack == 0 && Index == 0 && cs && d && d->IsConnected() && d->HaltReported()) {
     const int Idx = cs->GetRegIndex(Register);
-    if (Idx >= 0) return CDeviceDataManager::Instance().ReadRegSync(nullptr, U32(Idx), &Value) == 0;
+    if (Idx >= 0) return CDeviceDataManager::Instance().ReadRegNow(U32(Idx), &Value) == 0;
   }
   return ITargetAccess::ReadRegister(Stack, Index, Register, Value);
 }

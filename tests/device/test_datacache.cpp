@@ -206,6 +206,9 @@ TEST_F(DataCache, RegistersSyncBeyondTheCacheAndCoprocessorRing) {
   EXPECT_EQ(dm->RegStatus(7), CACHE_VALID);
   EXPECT_EQ(dm->RegStatus(kRegs), CACHE_UNREADABLE);
   EXPECT_EQ(dm->ReadRegSync(nullptr, kRegs + 5, &v), 1);
+  EXPECT_EQ(dm->ReadRegNow(9, &v), 0);
+  EXPECT_EQ(v, 9u);
+  EXPECT_EQ(dm->RegStatus(9), CACHE_VALID);
   EXPECT_EQ(CDeviceDataManager::NameHash(nullptr), 0u);
   EXPECT_EQ(CDeviceDataManager::NameHash("a"), 5381u * 33 + 'a');
   // A coprocessor register the worker cannot read settles as unreadable.
@@ -231,6 +234,13 @@ TEST_F(DataCache, CancellingMakesPendingBytesInvalid) {
   EXPECT_EQ(dm->NumPending(), 1);
   dm->CancelMemReads();
   EXPECT_EQ(dm->MemStatus(kRAM + 64, 8, nullptr), CACHE_INVALID);
+  // A register whose read cannot run: the wait ends after 150 ms.
+  CLogCapture Errors(MSG_ERROR);
+  U64 v = 1;
+  EXPECT_EQ(dm->ReadRegSync(nullptr, 11, &v), 1);
+  EXPECT_EQ(v, 0u);
+  EXPECT_EQ(Errors.Texts(), QStringList{"Timeout while waiting for register data arrival. VordenRegIdx = 11"});
+  Errors.Discard();
   EXPECT_EQ(dm->NumPending(), 0);
   fakeprobe::OpenGate();
   Idle();
