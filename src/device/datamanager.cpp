@@ -581,7 +581,8 @@ int CDeviceDataManager::ReadCPRegAsync(CDeviceEventListener* pListener, const ch
 bool CDeviceDataManager::AddRequest(U32 Kind, const QByteArray& Payload, CDeviceEventListener* pListener) {
   auto Same = [&](const REQUEST& r) { return r.pListener == pListener && r.Kind == Kind && r.Payload == Payload; };
   if (std::any_of(m_Pending.begin(), m_Pending.end(), Same)) return false;
-  if (m_pWalk && std::any_of(m_pWalk->begin(), m_pWalk->end(), Same)) return false;
+  for (const std::vector<REQUEST>* w : m_Walks)
+    if (std::any_of(w->begin(), w->end(), Same)) return false;
   m_Pending.push_back({Kind, Payload, pListener});
   return true;
 }
@@ -641,15 +642,14 @@ void CDeviceDataManager::Serve(U32 Kind) {
   // or cancel them (CancelRequests also reaches the list being walked).
   std::vector<REQUEST> Walk;
   Walk.swap(m_Pending);
-  std::vector<REQUEST>* pOuter = m_pWalk;
-  m_pWalk = &Walk;
+  m_Walks.push_back(&Walk);
   for (size_t i = 0; i < Walk.size(); ++i) {
     if (Walk[i].pListener == this) Walk[i].pListener = nullptr;
     if (!Walk[i].pListener || Walk[i].Kind != Kind) continue;
     const REQUEST r = Walk[i];
     if (TryServe(r) && i < Walk.size()) Walk[i].pListener = nullptr;
   }
-  m_pWalk = pOuter;
+  m_Walks.pop_back();
   std::vector<REQUEST> Kept;
   for (REQUEST& r : Walk)
     if (r.pListener) Kept.push_back(std::move(r));
@@ -659,8 +659,8 @@ void CDeviceDataManager::Serve(U32 Kind) {
 
 void CDeviceDataManager::DropPending() {
   m_Pending.clear();
-  if (m_pWalk)
-    for (REQUEST& r : *m_pWalk) r.pListener = nullptr;
+  for (std::vector<REQUEST>* w : m_Walks)
+    for (REQUEST& r : *w) r.pListener = nullptr;
 }
 
 void CDeviceDataManager::InvalidateRequest(const REQUEST& r) {
@@ -690,7 +690,7 @@ void CDeviceDataManager::CancelRequests(CDeviceEventListener* pListener) {
       List.erase(std::remove_if(List.begin(), List.end(), [](const REQUEST& r) { return !r.pListener; }), List.end());
   };
   Drop(m_Pending, true);
-  if (m_pWalk) Drop(*m_pWalk, false);
+  for (std::vector<REQUEST>* w : m_Walks) Drop(*w, false);
 }
 
 void CDeviceDataManager::CancelMemReads() {

@@ -196,8 +196,9 @@ class CDeviceDataManager : public CDeviceEventListener {
   CP_ENTRY m_aCP[DM_CP_RING_SIZE] = {};
   int m_CPFilled = 0, m_CPNext = 0;
   std::vector<REQUEST> m_Pending;
-  // The requests being served: CancelRequests reaches them too.
-  std::vector<REQUEST>* m_pWalk = nullptr;
+  // The lists being served (callbacks may serve again, nested): cancelling
+  // and the duplicate check reach them too.
+  std::vector<std::vector<REQUEST>*> m_Walks;
   U32 m_aSharedRegIdxs[DM_MAX_SHARED_REG_IDXS] = {};
   ITaskRegisterSource* m_pTaskRegs = nullptr;
   U64 m_BytesScheduled = 0;
