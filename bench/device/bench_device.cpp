@@ -10,6 +10,7 @@
 #include "device/module.h"
 #include "log/messagebox.h"
 #include "project/project.h"
+#include "project/projectcommands.h"
 #include "project/vscript.h"
 #include "ui/shell/consolewindow.h"
 #include "ui/shell/mainwindow.h"
@@ -103,7 +104,9 @@ int main(int argc, char** argv) {
   const int Reads = argc > 1 ? atoi(argv[1]) : 20000;
   CMessageBox::SetBatchMode(true);
   ProjectModule::Install();
+  ProjectCommands::Install();
   DeviceModule::Install();
+  ProjectModule::SetDeviceSettings(&DeviceModule::ProjectSettings());
   auto* pMain = new CMainWindow;
   pMain->ConsoleWindow()->SetDrawingEnabled(false);
   Measure(devtest::kSim, Reads, 0x08000000);

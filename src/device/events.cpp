@@ -39,6 +39,7 @@ EVENT_QUEUE& Q() {
 
 std::atomic<Qt::HANDLE> s_GuiThread{nullptr};
 std::atomic<CDeviceEventWorker*> s_pWorker{nullptr};
+CDeviceEventListener* s_pReadReportSink = nullptr;  // GUI thread only
 
 U32 KindOf(DEVICE_EVENT& e) { return std::atomic_ref<U32>(e.Kind).load(std::memory_order_acquire); }
 
@@ -102,7 +103,14 @@ void Dispatch(U32 Kind, U64 P0, U64 P1) {
   char acText[DEVICE_TEXT_MAX + 1];
   switch (Kind) {
     case DEV_EVENT_JOB_DONE:
-      if (CDevice* d = CDevice::InstanceIfCreated()) d->DispatchJobEvent(reinterpret_cast<DEVICE_JOB*>(P0));
+      if (CDevice* d = CDevice::InstanceIfCreated()) {
+        auto* pJob = reinterpret_cast<DEVICE_JOB*>(P0);
+        const bool ToSink = s_pReadReportSink && d->IsValidJob(pJob) &&
+                            (pJob->Type == JT_READ_REG || pJob->Type == JT_READ_REGS || pJob->Type == JT_READ_MEM);
+        if (!ToSink) return d->DispatchJobEvent(pJob);
+        s_pReadReportSink->OnDeviceJobDone(pJob);
+        d->RecycleJob(pJob);
+      }
       return;
     case DEV_EVENT_EVAL_BP_CONDITION: ForEachDeviceListener([&](auto* l) { l->OnDeviceEvalBPCondition(U32(P0)); }); return;
     case DEV_EVENT_CONFIG_PARAM_CHANGED:
@@ -183,6 +191,8 @@ void DeviceLogError(const char* sFmt, ...) {
   LogV(DEV_MSG_ERROR, false, sFmt, a);
   va_end(a);
 }
+
+void DEV_SetReadReportSink(CDeviceEventListener* pSink) { s_pReadReportSink = pSink; }
 
 void SetDeviceGuiThread() { s_GuiThread.store(QThread::currentThreadId()); }
 bool IsDeviceGuiThread() { return s_GuiThread.load() == QThread::currentThreadId(); }

@@ -63,6 +63,11 @@ class CDeviceEventWorker : public QTimer {
 };
 
 struct DEVICE_JOB;
+class CDeviceEventListener;
+// The one receiver of the JT_READ_REG, JT_READ_REGS and JT_READ_MEM reports
+// (the data cache); without one they go to every listener.
+void DEV_SetReadReportSink(CDeviceEventListener* pSink);
+
 // True when one of the next MaxAhead queued events is a job report matching
 // pfMatch (the skip rule of step reports).
 bool PeekQueuedJobEvents(int MaxAhead, bool (*pfMatch)(const DEVICE_JOB*));

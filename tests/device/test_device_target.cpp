@@ -5,8 +5,10 @@
 #include <gtest/gtest.h>
 
 #include "commands/actions.h"
+#include "device/datamanager.h"
 #include "device/device.h"
 #include "device/module.h"
+#include "elf/dwarf/target_access.h"
 #include "log/messagebox.h"
 #include "project/project.h"
 #include "project/projectcommands.h"
@@ -139,6 +141,42 @@ TEST_P(DeviceTarget, ServerThatStopsAnsweringGivesAnErrorInTime) {
   EXPECT_EQ(DeviceModule::WaitUntilIdle(10000), 0);
   EXPECT_LT(t.elapsed(), 10000);
   kill(pRig->Qemu()->pid, SIGCONT);
+}
+
+// The data cache on a halted target: its answer equals the probe's direct
+// read; asked again it does not ask the probe (bytes changed behind its back
+// stay unseen, and no job is made); after a resume nothing is valid.
+TEST_P(DeviceTarget, CacheReadsEachRangeOncePerHalt) {
+  const BACKEND& b = GetParam();
+  ConnectAndDownload(b.sFirmware);
+  ASSERT_EQ(Run(AID_EXEC_RESET), 0) << sConsole.toStdString();
+  ASSERT_TRUE(Device()->HaltReported());
+  const devtest::IMAGE_WORD w = devtest::ImageWord(devtest::SourcePath(b.sFirmware), b.sDataSym, 0);
+  ASSERT_TRUE(w.Found);
+  U8 Direct[64], St[64];
+  ASSERT_EQ(Device()->ReadMem(w.RunAddr, 64, 0, AW_ANY, 0, nullptr, Direct, St), 64);
+  QByteArray Via;
+  ASSERT_EQ(ELF_GetTargetAccess().ReadMemory(w.RunAddr, 64, QString(), Via), TARGET_READ_OK);
+  EXPECT_EQ(Via, QByteArray(reinterpret_cast<const char*>(Direct), 64));
+  const U8 Changed[4] = {U8(~Direct[0]), U8(~Direct[1]), U8(~Direct[2]), U8(~Direct[3])};
+  {
+    std::lock_guard<std::recursive_mutex> g(Device()->DeviceMutex());
+    ASSERT_EQ(Device()->WriteMem(w.RunAddr, 4, 0, AW_ANY, 0, nullptr, Changed), 4);
+  }
+  const U64 Jobs = Device()->Counters().NextJobID;
+  ASSERT_EQ(ELF_GetTargetAccess().ReadMemory(w.RunAddr, 64, QString(), Via), TARGET_READ_OK);
+  EXPECT_EQ(Via, QByteArray(reinterpret_cast<const char*>(Direct), 64));
+  struct : CDeviceEventListener {
+    QByteArray Data;
+    void OnDeviceReadMemDone(U32, U32 n, const char*, U8* p, U8*) override { Data = QByteArray((const char*)p, int(n)); }
+  } Window;
+  CDeviceDataManager& Cache = CDeviceDataManager::Instance();
+  EXPECT_EQ(Cache.ReadMemAsync(&Window, w.RunAddr, 64, nullptr, 0, AW_ANY, 0), 0);
+  EXPECT_EQ(Window.Data, Via);
+  EXPECT_EQ(Device()->Counters().NextJobID, Jobs);
+  ASSERT_EQ(Device()->PostContinue(), 0);
+  ASSERT_EQ(DeviceModule::WaitUntilIdle(10000), 0);
+  EXPECT_EQ(Cache.MemStatus(w.RunAddr, 64, nullptr), CACHE_INVALID);
 }
 
 INSTANTIATE_TEST_SUITE_P(Backends, DeviceTarget, ::testing::Values(devtest::kSim, devtest::kQemu), devtest::PrintBackend);
