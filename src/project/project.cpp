@@ -6,6 +6,7 @@
 #include "log/diag.h"
 #include "log/log.h"
 #include "log/messagebox.h"
+#include "plugins/corehost.h"
 #include "project/projecttext.h"
 #include "project/vscript.h"
 #include "settings/store.h"
@@ -200,6 +201,8 @@ void CProject::Close() {
   m_Warnings.clear();
   SetProgramFile(QString());
   m_SettingsFile.clear();
+  m_CorePluginPath.clear();
+  UnloadCorePlugin();
   m_SvdFiles.clear();
   m_Substitutes.clear();
   m_Dev = PROJECT_DEVICE_SETTINGS();
@@ -436,6 +439,23 @@ void OnProjectFileOpened(const QString& sPath) {
 
 // ---------------------------------------------------------------- module
 
+namespace {
+
+// The project side of the core plug-in host: the path a project names and
+// the file dialog of a run that may show dialogs.
+class CProjectCorePlugin : public ICorePluginProject {
+ public:
+  QString CorePluginPath() const override { return Project().CorePluginPath(); }
+  void SetCorePluginPath(const QString& sPath) override { Project().SetCorePluginPath(sPath); }
+  bool DialogsAllowed() const override { return ProjectModule::Dialogs() != nullptr; }
+  QString AskCorePluginFile(const QString& sTitle, const QString& sText, const QString& sDir) override {
+    IProjectDialogs* d = ProjectModule::Dialogs();
+    return d ? d->AskFileWithText(sTitle, sText, sDir) : QString();
+  }
+};
+
+}  // namespace
+
 namespace ProjectModule {
 
 bool IsInstalled() { return g_Installed; }
@@ -443,6 +463,8 @@ bool IsInstalled() { return g_Installed; }
 void Install() {
   if (g_Installed) return;
   g_Installed = true;
+  static CProjectCorePlugin s_CorePlugin;
+  CORE_SetProject(&s_CorePlugin);
   SysVars::SetConstantLookup([](const QString& sName, I64& Value) {
     return FindConstant(sName, &Value) || VScript::FindDefinedConstant(sName, &Value);
   });
