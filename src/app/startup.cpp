@@ -8,6 +8,7 @@
 #include "log/diag.h"
 #include "log/log.h"
 #include "log/messagebox.h"
+#include "plugins/corehost.h"
 #include "project/project.h"
 #include "project/projectcommands.h"
 #include "project/vscript.h"
@@ -59,6 +60,8 @@ void InstallModules() {
   // which writes the user file.
   ShellHooks::AddCloseQuery([] { return ProjectModule::QueryClose(); });
   ShellHooks::AddShutDownStep(6, [] { Project().Close(); });
+  // Step 9 lets go of the core plug-in that a device without a project loaded.
+  ShellHooks::AddShutDownStep(9, [] { UnloadCorePlugin(); });
 }
 
 // The main window and the project learn about each other.

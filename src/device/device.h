@@ -172,6 +172,8 @@ class CDevice : public QThread {
   int ReadReg(U32 VordenRegIdx, U64* pOutRegVal);
   int WriteReg(U32 VordenRegIdx, U64 RegValue);
   int ReadRegs(U32 Cnt, const U32* paVordenRegIdxs, U64* paOutRegVals, U8* pOutRegStatus);
+  int ReadCPReg(const char* sReg, U64* pOutValue);
+  int WriteCPReg(const char* sReg, U64 Value);
   int HaltBeforeMemoryIO();
   int ResumeAfterMemoryIO();
   int BeginDownload();

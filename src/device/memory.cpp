@@ -1,5 +1,6 @@
 // Memory and register access of CDevice: validation, the read and write
 // families (one call, then chunks, then items), registers and downloads.
+#include "device/coresupport.h"
 #include "device/device.h"
 
 #include "device/events.h"
@@ -318,7 +319,17 @@ int CDevice::ReadLocs(U32 Cnt, const ELF_SYM_LOC* paDataLocs, U64* paOutVals, U8
   return Good;
 }
 
-// ---- registers (through the probe until the core plug-in host takes over)
+// ---- registers: through the core plug-in while one is installed, else
+// straight to the probe
+
+namespace {
+// One probe register through the plug-in or the probe; 0 on success.
+int ReadOneReg(const VORDEN_FUNCS& Probe, U32 Idx, U64* pValue) {
+  if (ICoreSupport* c = DEV_GetCoreSupport()) return c->ReadReg(Idx, pValue);
+  U8 St = 1;
+  return Probe.VORDENARM_ReadRegs(&Idx, pValue, &St, 1) < 0 || St != 0 ? -1 : 0;
+}
+}  // namespace
 
 int CDevice::ReadReg(U32 Idx, U64* pOut) {
   *pOut = 0;
@@ -326,8 +337,7 @@ int CDevice::ReadReg(U32 Idx, U64* pOut) {
   if (!m_bHalted.load()) return DeviceLogWarning("ReadReg: not halted"), -1;
   if (Idx == 0xFFFFFFFFu) return DeviceLogWarning("ReadReg: invalid register index"), -1;
   U64 v = 0;
-  U8 St = 1;
-  if (m_Probe.VORDENARM_ReadRegs(&Idx, &v, &St, 1) < 0 || St != 0) return DeviceLogWarning("ReadReg: VORDEN API call failed"), -1;
+  if (ReadOneReg(m_Probe, Idx, &v) != 0) return DeviceLogWarning("ReadReg: VORDEN API call failed"), -1;
   if (Idx == VORDENARM_REG_PC && v < 0xFFFFFFFFull) v = U32(v) - U32(v) % 2;
   *pOut = v;
   return 0;
@@ -337,7 +347,9 @@ int CDevice::WriteReg(U32 Idx, U64 Value) {
   if (!m_bConnected.load()) return DeviceLogWarning("WriteReg: Not connected"), -1;
   if (!m_bHalted.load()) return DeviceLogWarning("WriteReg: Not halted"), -1;
   if (Idx == 0xFFFFFFFFu) return DeviceLogWarning("WriteReg: invalid register index"), -1;
-  if (m_Probe.VORDENARM_WriteReg(Idx, Value) != 0) return DeviceLogWarning("WriteReg: VORDEN API call failed"), -1;
+  ICoreSupport* c = DEV_GetCoreSupport();
+  const int r = c ? c->WriteReg(Idx, Value) : m_Probe.VORDENARM_WriteReg(Idx, Value);
+  if (r != 0) return DeviceLogWarning("WriteReg: VORDEN API call failed"), -1;
   if (Idx == VORDENARM_REG_PC) m_PC.store(U32(Value));
   return 0;
 }
@@ -352,7 +364,8 @@ int CDevice::ReadRegs(U32 Cnt, const U32* paIdx, U64* paVals, U8* paStatus) {
   if (h != 1) return DeviceLogWarning("ReadRegs: not halted"), -1;
   memset(paStatus, 0xFF, Cnt);
   memset(paVals, 0, Cnt * sizeof(U64));
-  const int r = m_Probe.VORDENARM_ReadRegs(paIdx, paVals, paStatus, Cnt);
+  ICoreSupport* c = DEV_GetCoreSupport();
+  const int r = c ? c->ReadRegs(Cnt, paIdx, paVals, paStatus) : m_Probe.VORDENARM_ReadRegs(paIdx, paVals, paStatus, Cnt);
   for (U32 i = 0; i < Cnt; ++i) {
     if (paStatus[i]) {
       paStatus[i] = 1;
@@ -362,6 +375,29 @@ int CDevice::ReadRegs(U32 Cnt, const U32* paIdx, U64* paVals, U8* paStatus) {
     }
   }
   if (r < 0) return DeviceLogWarning("ReadRegs: VORDEN API call failed"), -1;
+  return 0;
+}
+
+// Co-processor registers by name exist only through the plug-in; without
+// one there is nothing to read and the value stays 0.
+int CDevice::ReadCPReg(const char* sReg, U64* pOut) {
+  *pOut = 0;
+  if (!sReg) return DeviceLogWarning("ReadCPReg: invalid register identifier"), -1;
+  if (!m_bConnected.load()) return DeviceLogWarning("ReadCPReg: not connected"), -1;
+  if (!m_bHalted.load()) return DeviceLogWarning("ReadCPReg: not halted"), -1;
+  ICoreSupport* c = DEV_GetCoreSupport();
+  if (c && c->ReadCPReg(sReg, pOut) != 0) {
+    *pOut = U64(-1);
+    return DeviceLogWarning("ReadCPReg: VORDEN API call failed"), -1;
+  }
+  return 0;
+}
+
+int CDevice::WriteCPReg(const char* sReg, U64 Value) {
+  if (!m_bConnected.load()) return DeviceLogWarning("WriteCPReg: not connected"), -1;
+  if (!m_bHalted.load()) return DeviceLogWarning("WriteCPReg: not halted"), -1;
+  ICoreSupport* c = DEV_GetCoreSupport();
+  if (c && (!sReg || c->WriteCPReg(sReg, Value) != 0)) return DeviceLogWarning("WriteCPReg: VORDEN API call failed"), -1;
   return 0;
 }
 

@@ -6,6 +6,7 @@
 #include "log/diag.h"
 #include "log/log.h"
 #include "log/messagebox.h"
+#include "plugins/corehost.h"
 #include "project/projecttext.h"
 #include "project/vscript.h"
 #include "settings/store.h"
@@ -200,6 +201,8 @@ void CProject::Close() {
   m_Warnings.clear();
   SetProgramFile(QString());
   m_SettingsFile.clear();
+  m_CorePluginPath.clear();
+  UnloadCorePlugin();
   m_SvdFiles.clear();
   m_Substitutes.clear();
   m_Dev = PROJECT_DEVICE_SETTINGS();
@@ -314,6 +317,10 @@ QStringList CProject::GetWarnings() const {
   for (const QString& s : m_SvdFiles)
     if (!QFileInfo::exists(s)) l.append(DiagText(69, s));
   if (!m_SettingsFile.isEmpty() && !QFileInfo::exists(m_SettingsFile)) l.append(DiagText(69, m_SettingsFile));
+  // A device with a core whose support plug-in could not be loaded.
+  if (!m_Dev.Device.isEmpty() && ProjectModule::DeviceSettingsSink() && !IsCorePluginLoaded() &&
+      CORE_CoreOfDevice(m_Dev.Device) != 0)
+    l.append(DiagText(68, m_Dev.Device));
   for (const auto& src : WarningSources()) l += src.second();
   for (const QString& d : ProjectText::FindDuplicateCommands(VScript::ScriptText()))
     l.append(DiagText(74, d));
@@ -436,6 +443,23 @@ void OnProjectFileOpened(const QString& sPath) {
 
 // ---------------------------------------------------------------- module
 
+namespace {
+
+// The project side of the core plug-in host: the path a project names and
+// the file dialog of a run that may show dialogs.
+class CProjectCorePlugin : public ICorePluginProject {
+ public:
+  QString CorePluginPath() const override { return Project().CorePluginPath(); }
+  void SetCorePluginPath(const QString& sPath) override { Project().SetCorePluginPath(sPath); }
+  bool DialogsAllowed() const override { return ProjectModule::Dialogs() != nullptr; }
+  QString AskCorePluginFile(const QString& sTitle, const QString& sText, const QString& sDir) override {
+    IProjectDialogs* d = ProjectModule::Dialogs();
+    return d ? d->AskFileWithText(sTitle, sText, sDir) : QString();
+  }
+};
+
+}  // namespace
+
 namespace ProjectModule {
 
 bool IsInstalled() { return g_Installed; }
@@ -443,6 +467,8 @@ bool IsInstalled() { return g_Installed; }
 void Install() {
   if (g_Installed) return;
   g_Installed = true;
+  static CProjectCorePlugin s_CorePlugin;
+  CORE_SetProject(&s_CorePlugin);
   SysVars::SetConstantLookup([](const QString& sName, I64& Value) {
     return FindConstant(sName, &Value) || VScript::FindDefinedConstant(sName, &Value);
   });

@@ -74,6 +74,11 @@ class IProjectDialogs {
   // File choosers; empty when cancelled.
   virtual QString AskOpenFile(const QString& sDir) = 0;
   virtual QString AskSaveProjectFile(const QString& sDir) = 0;
+  // A file chooser with its own title and text (the core plug-in file the
+  // host could not find); the plain chooser unless the interface shows them.
+  virtual QString AskFileWithText(const QString& sTitle, const QString& sText, const QString& sDir) {
+    return AskOpenFile(sDir);
+  }
 };
 
 class CProject : public QObject {
@@ -89,6 +94,10 @@ class CProject : public QObject {
   const QStringList& SvdFiles() const { return m_SvdFiles; }
   QString ProgramFilePath() const { return m_ProgramFilePath; }
   void SetProgramFile(const QString& sPath);
+  // The core plug-in file the project names (Project.SetCorePlugin); empty
+  // for the default of the device's core.
+  QString CorePluginPath() const { return m_CorePluginPath; }
+  void SetCorePluginPath(const QString& sPath) { m_CorePluginPath = sPath; }
   QString SettingsFile() const { return m_SettingsFile; }
   void SetSettingsFile(const QString& sPath) { m_SettingsFile = sPath; }
   const PROJECT_DEVICE_SETTINGS& DeviceSettings() const { return m_Dev; }
@@ -157,6 +166,7 @@ class CProject : public QObject {
   QString m_ProgramFilePath;
   QDateTime m_ProgramFileTime;
   QString m_SettingsFile;
+  QString m_CorePluginPath;
   PROJECT_DEVICE_SETTINGS m_Dev;
   QStringList m_UserLines;  // records as read, for the keys nobody owns
   QString m_UserPath;       // user file the records belong to

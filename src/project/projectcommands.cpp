@@ -9,6 +9,7 @@
 #include "cmdline/cmdline.h"
 #include "log/log.h"
 #include "log/messagebox.h"
+#include "plugins/corehost.h"
 #include "project/project.h"
 #include "project/projecttext.h"
 #include "project/vscript.h"
@@ -115,6 +116,19 @@ bool SetVar(int Id, int VarId, const QString& sValue) {
 }
 
 
+// Whether the program suits the core plug-in in force; a misfit becomes a
+// project warning (the host logs a header it cannot read).
+void CheckProgramAgainstCore(const QString& sProgram) {
+  U32 DataEndian = 0, InstEndian = 0;
+  const int r = CORE_CheckProgramFile(sProgram, &DataEndian, &InstEndian);
+  if (r == -1)
+    Project().AddWarning(QStringLiteral("program file %1 does not suit the target core (refused by the core plugin)")
+                             .arg(QFileInfo(sProgram).fileName()));
+  if (r == 0 && (DataEndian | InstEndian) != 0)
+    LogInfo(QStringLiteral("Program file byte order: data %1, instructions %2")
+                .arg(QLatin1String(DataEndian ? "big" : "little"), QLatin1String(InstEndian ? "big" : "little")));
+}
+
 void OnFileOpen(int Id) {
   if (!CheckArgCount(Id, 0)) return;
   QStringList Args = GetActionArgs(Id);
@@ -152,7 +166,10 @@ void OnFileOpen(int Id) {
   if (IProgramFileLoader* pLoader = ProjectModule::ProgramFileLoader()) {
     const int r = pLoader->OpenProgramFile(sProgram, Id);
     // The project remembers its program, so that a saved project opens it.
-    if (r == 0) Project().SetProgramFile(QFileInfo(sProgram).absoluteFilePath());
+    if (r == 0) {
+      Project().SetProgramFile(QFileInfo(sProgram).absoluteFilePath());
+      CheckProgramAgainstCore(sProgram);
+    }
     SetActionResult(Id, r);
     return;
   }
@@ -324,7 +341,39 @@ void OnSetDevice(int Id) {
     return;
   }
   Project().DeviceSettings().Device = s;
-  if (auto* d = ProjectModule::DeviceSettingsSink()) d->SetDevice(s);
+  if (auto* d = ProjectModule::DeviceSettingsSink()) {
+    d->SetDevice(s);
+    // The core plug-in follows the device; refusals are logged by the host.
+    LoadCorePlugin(CORE_CoreOfDevice(s));
+  }
+  SetActionResult(Id, 0);
+}
+
+// A plug-in file: as given (project and install directory expanded), else
+// below the core plug-in directory, with or without the library extension.
+QString FindCorePluginFile(const QString& sArg) {
+  const QString s = ResolvePath(sArg);
+  if (QFileInfo(s).isFile()) return QFileInfo(s).absoluteFilePath();
+  for (const QString& sName : {sArg, sArg + QStringLiteral(".so")}) {
+    const QString p = CORE_PluginDir() + sName;
+    if (!sArg.isEmpty() && QFileInfo(p).isFile()) return p;
+  }
+  return QString();
+}
+
+void OnSetCorePlugin(int Id) {
+  if (!CheckArgCount(Id)) return;
+  const QString sPath = FindCorePluginFile(GetActionArgs(Id).at(0).trimmed());
+  if (sPath.isEmpty()) {
+    FailAction(Id, QStringLiteral("file not found"));
+    return;
+  }
+  Project().SetCorePluginPath(sPath);
+  const QString sDevice = Project().DeviceSettings().Device;
+  if (ProjectModule::DeviceSettingsSink() && !sDevice.isEmpty() && LoadCorePlugin(CORE_CoreOfDevice(sDevice)) < 0) {
+    FailAction(Id, QStringLiteral("could not load core plugin: ") + sPath);
+    return;
+  }
   SetActionResult(Id, 0);
 }
 
@@ -584,6 +633,7 @@ void RegisterSlots() {
   SetCommandSlot(AID_TOOLS_PREFERENCES, [](int Id) { OnToolsSettings(Id, false); });
   SetCommandSlot(AID_TOOLS_SYS_VARS, [](int Id) { OnToolsSettings(Id, true); });
   SetCommandSlot(AID_PROJECT_SET_DEVICE, OnSetDevice);
+  SetCommandSlot(AID_PROJECT_SET_CORE_PLUGIN, OnSetCorePlugin);
   SetCommandSlot(AID_PROJECT_SET_HOST_IF, OnSetHostIF);
   SetCommandSlot(AID_PROJECT_SET_TARGET_IF, OnSetTargetIF);
   SetCommandSlot(AID_PROJECT_SET_TIF_SPEED, OnSetTIFSpeed);

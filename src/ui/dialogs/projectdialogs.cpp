@@ -14,11 +14,13 @@
 #include <QFileDialog>
 #include <QFileInfo>
 #include <QFormLayout>
+#include <QGridLayout>
 #include <QHeaderView>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
 #include <QPushButton>
+#include <QStyle>
 #include <QTableWidget>
 #include <QUrl>
 #include <QVBoxLayout>
@@ -151,6 +153,20 @@ QStringList CProjectDialogs::RunProjectWizard(QString* pProjectPath) {
 
 QString CProjectDialogs::AskOpenFile(const QString& sDir) {
   return QFileDialog::getOpenFileName(nullptr, QStringLiteral("Open File"), sDir);
+}
+
+// The text with the exclamation icon above the chooser, both with the title.
+QString CProjectDialogs::AskFileWithText(const QString& sTitle, const QString& sText, const QString& sDir) {
+  QFileDialog Dialog(nullptr, sTitle, sDir);
+  Dialog.setFileMode(QFileDialog::ExistingFile);
+  Dialog.setOption(QFileDialog::DontUseNativeDialog);
+  if (auto* pGrid = qobject_cast<QGridLayout*>(Dialog.layout())) {
+    auto* pIcon = new QLabel(&Dialog);
+    pIcon->setPixmap(Dialog.style()->standardIcon(QStyle::SP_MessageBoxWarning).pixmap(32, 32));
+    pGrid->addWidget(pIcon, pGrid->rowCount(), 0);
+    pGrid->addWidget(new QLabel(sText, &Dialog), pGrid->rowCount() - 1, 1, 1, -1);
+  }
+  return Dialog.exec() == QDialog::Accepted && !Dialog.selectedFiles().isEmpty() ? Dialog.selectedFiles().first() : QString();
 }
 
 QString CProjectDialogs::AskSaveProjectFile(const QString& sDir) {

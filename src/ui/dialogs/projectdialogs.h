@@ -18,4 +18,5 @@ class CProjectDialogs : public IProjectDialogs {
   QStringList RunProjectWizard(QString* pProjectPath) override;
   QString AskOpenFile(const QString& sDir) override;
   QString AskSaveProjectFile(const QString& sDir) override;
+  QString AskFileWithText(const QString& sTitle, const QString& sText, const QString& sDir) override;
 };
