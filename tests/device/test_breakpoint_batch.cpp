@@ -1,0 +1,175 @@
+// The Break.* and Trace.* commands in batch files on both back ends: their
+// error words, a source breakpoint made before connecting that reaches the
+// probe after the download, data breakpoints beyond the comparators, and the
+// breakpoints of a project kept in its user file.
+#include <gtest/gtest.h>
+
+#include "target_support.h"
+#include "testsupport/process.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QTemporaryDir>
+
+namespace {
+
+using devtest::BACKEND;
+using testsupport::RUN;
+
+QString Hex(U32 v) { return QStringLiteral("0x%1").arg(v, 8, 16, QLatin1Char('0')); }
+
+// The error printed after a statement of the batch output, up to the next
+// result line.
+QString OutputOf(const QString& sOut, const QString& sStatement) {
+  const qsizetype At = sOut.indexOf(sStatement);
+  if (At < 0) return QString();
+  const qsizetype End = sOut.indexOf("=> ", At);
+  return sOut.mid(At, End < 0 ? -1 : End - At);
+}
+
+// "file.c:line" of a function's first address, and that address, from nm
+// and addr2line.
+struct FUNC_LOC {
+  QString sLoc;
+  U32 Addr = 0;
+};
+FUNC_LOC FuncLoc(const QString& sElf, const char* sFunc) {
+  FUNC_LOC f;
+  const QString Nm = QString::fromStdString(RunToolOutput("arm-none-eabi-nm " + sElf.toStdString()));
+  const auto m = QRegularExpression(QStringLiteral("^([0-9a-f]+) T %1$").arg(sFunc), QRegularExpression::MultilineOption).match(Nm);
+  if (!m.hasMatch()) return f;
+  f.Addr = m.captured(1).toUInt(nullptr, 16) & ~1u;
+  const QString Line = QString::fromStdString(RunToolOutput("arm-none-eabi-addr2line -e " + sElf.toStdString() + " " +
+                                                            Hex(f.Addr).toStdString())).trimmed();
+  f.sLoc = QFileInfo(Line.section(' ', 0, 0)).fileName();
+  return f;
+}
+
+class BreakpointBatch : public ::testing::TestWithParam<BACKEND> {
+ protected:
+  void SetUp() override {
+    if (QString(GetParam().sHostIF) == "IP" && !devtest::CTargetRig::HaveQemu()) GTEST_SKIP() << "no qemu-system-arm";
+  }
+  QStringList Setup(const devtest::CTargetRig& Rig) const {
+    const BACKEND& b = GetParam();
+    return {QStringLiteral("Project.SetDevice(\"%1\")").arg(b.sDevice),
+            QStringLiteral("Project.SetHostIF(\"%1\", \"%2\")").arg(b.sHostIF, Rig.Ident()),
+            QStringLiteral("Project.SetTargetIF(\"SWD\")"),
+            QStringLiteral("Project.SetVordenLogFile(\"%1\")").arg(Dir.filePath("calls.log"))};
+  }
+  RUN Run(const QStringList& Lines, const QStringList& Args = {}) {
+    return testsupport::RunBatch(Dir.filePath("cmds.txt"), Lines.join('\n').toUtf8() + "\n",
+                                 Args + QStringList{"-logfile", Dir.filePath("app.log")}, {.TimeoutMs = 120000});
+  }
+  QTemporaryDir Dir;
+};
+
+TEST_P(BreakpointBatch, ErrorWordsAndASourceBreakpointAppliedAfterTheDownload) {
+  const BACKEND& b = GetParam();
+  devtest::CTargetRig Rig(b);
+  const QString sElf = devtest::SourcePath(b.sFirmware);
+  const FUNC_LOC Main = FuncLoc(sElf, "main");
+  ASSERT_FALSE(Main.sLoc.isEmpty());
+  QStringList Lines = Setup(Rig);
+  Lines << QStringLiteral("File.Open(\"%1\")").arg(sElf) << QStringLiteral("Break.SetOnSrc(\"%1\")").arg(Main.sLoc)
+        << QStringLiteral("Break.SetOnSrc(\"%1\")").arg(Main.sLoc) << "Break.SetOnSrc(\"nosuchfile.c:3\")"
+        << "Exec.Connect()" << QStringLiteral("Exec.Download(\"%1\")").arg(sElf) << QStringLiteral("Break.Set(%1)").arg(Hex(Main.Addr + 8))
+        << QStringLiteral("Break.Set(%1)").arg(Hex(Main.Addr + 8)) << QStringLiteral("Break.Clear(%1)").arg(Hex(Main.Addr + 12))
+        << QStringLiteral("Break.Enable(%1)").arg(Hex(Main.Addr + 8)) << QStringLiteral("Break.Disable(%1)").arg(Hex(Main.Addr + 8))
+        << QStringLiteral("Break.Disable(%1)").arg(Hex(Main.Addr + 8)) << QStringLiteral("Break.Clear(%1)").arg(Hex(Main.Addr + 8))
+        << QStringLiteral("Trace.SetPoint(0, %1)").arg(Hex(Main.Addr)) << QStringLiteral("Trace.SetPoint(0, %1)").arg(Hex(Main.Addr))
+        << QStringLiteral("Trace.ClearPoint(%1)").arg(Hex(Main.Addr + 4));
+  const RUN r = Run(Lines);
+  SCOPED_TRACE(r.Out.toStdString());
+  const QString sSrc = QStringLiteral("Break.SetOnSrc (\"%1\")").arg(Main.sLoc);
+  const qsizetype Second = r.Out.indexOf(sSrc, r.Out.indexOf(sSrc) + 1);
+  EXPECT_TRUE(r.Out.mid(Second).section("=>", 0, 0).contains("Breakpoint already set"));
+  EXPECT_TRUE(OutputOf(r.Out, "Break.SetOnSrc (\"nosuchfile.c:3\")").contains("invalid parameter"));
+  const QString sSet = QStringLiteral("Break.Set (%1)").arg(Hex(Main.Addr + 8));
+  EXPECT_TRUE(r.Out.mid(r.Out.indexOf(sSet, r.Out.indexOf(sSet) + 1)).section("=>", 0, 0).contains("Breakpoint already set"));
+  EXPECT_TRUE(OutputOf(r.Out, QStringLiteral("Break.Clear (%1)").arg(Hex(Main.Addr + 12))).contains("Breakpoint not set"));
+  EXPECT_TRUE(OutputOf(r.Out, QStringLiteral("Break.Enable (%1)").arg(Hex(Main.Addr + 8))).contains("Breakpoint not disabled"));
+  const QString sDis = QStringLiteral("Break.Disable (%1)").arg(Hex(Main.Addr + 8));
+  EXPECT_FALSE(OutputOf(r.Out, sDis).contains("Breakpoint not set"));
+  EXPECT_TRUE(r.Out.mid(r.Out.indexOf(sDis, r.Out.indexOf(sDis) + 1)).section("=>", 0, 0).contains("Breakpoint not set"));
+  const QString sTp = QStringLiteral("Trace.SetPoint (0, %1)").arg(Hex(Main.Addr));
+  EXPECT_TRUE(r.Out.mid(r.Out.indexOf(sTp, r.Out.indexOf(sTp) + 1)).section("=>", 0, 0).contains("Tracepoint already set"));
+  EXPECT_TRUE(OutputOf(r.Out, QStringLiteral("Trace.ClearPoint (%1)").arg(Hex(Main.Addr + 4))).contains("Tracepoint not set"));
+  // The probe sees the source breakpoint once the download has ended.
+  const QString Calls = QString::fromUtf8(devtest::ReadFileText(Dir.filePath("calls.log")));
+  const qsizetype End = Calls.indexOf("VORDENARM_EndDownload");
+  ASSERT_GE(End, 0) << Calls.toStdString();
+  EXPECT_GT(Calls.indexOf(QStringLiteral("VORDENARM_SetBPEx(%1").arg(Hex(Main.Addr).toUpper().replace("0X", "0x")), End), End)
+      << Calls.toStdString();
+}
+
+TEST_P(BreakpointBatch, OneDataBreakpointMoreThanTheComparators) {
+  const BACKEND& b = GetParam();
+  devtest::CTargetRig Rig(b);
+  const U32 Base = b.RAMEnd - 0x100;
+  QStringList Lines = Setup(Rig);
+  Lines << "Exec.Connect()";
+  // Cortex-M3 and M4 have four address comparators.
+  for (int i = 0; i < 5; ++i) Lines << QStringLiteral("Break.SetOnData(%1, 0, 1, 4)").arg(Hex(Base + 16 * U32(i)));
+  Lines << "Break.SetOnData()" << QStringLiteral("Break.ClearOnData(%1)").arg(Hex(Base + 0x80))
+        << QStringLiteral("Break.DisableOnData(%1)").arg(Hex(Base));
+  const RUN r = Run(Lines);
+  SCOPED_TRACE(r.Out.toStdString());
+  for (int i = 0; i < 4; ++i)
+    EXPECT_EQ(testsupport::ResultAfter(r.Out, QStringLiteral("Break.SetOnData (%1").arg(Hex(Base + 16 * U32(i)))), 0) << i;
+  EXPECT_TRUE(r.Out.contains(QStringLiteral("Error setting data breakpoint @ %1: no more ").arg(Hex(Base + 64))));
+  EXPECT_TRUE(OutputOf(r.Out, "Break.SetOnData ()").contains("wrong parameter count"));
+  EXPECT_TRUE(OutputOf(r.Out, QStringLiteral("Break.ClearOnData (%1)").arg(Hex(Base + 0x80)))
+                  .contains("No breakpoint matches the given parameters."));
+  EXPECT_EQ(testsupport::ResultAfter(r.Out, QStringLiteral("Break.DisableOnData (%1)").arg(Hex(Base))), 0);
+}
+
+// A project's breakpoints with their conditions and skip counts outlive the
+// session in its user file; a malformed field there costs nothing else.
+TEST_P(BreakpointBatch, BreakpointsSurviveCloseAndReopenThroughTheUserFile) {
+  const BACKEND& b = GetParam();
+  devtest::CTargetRig Rig(b);
+  const QString sElf = devtest::SourcePath(b.sFirmware);
+  const FUNC_LOC Main = FuncLoc(sElf, "main");
+  QString sProject = "void OnProjectLoad (void) {\n";
+  for (const QString& l : Setup(Rig)) sProject += "  " + l + ";\n";
+  sProject += QStringLiteral("  File.Open(\"%1\");\n}\n").arg(sElf);
+  const QString sProj = Dir.filePath("p.vdebug");
+  QFile f(sProj);
+  ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+  f.write(sProject.toUtf8());
+  f.close();
+  RUN r = Run({QStringLiteral("Break.SetOnSrc(\"%1\")").arg(Main.sLoc),
+               QStringLiteral("Break.Edit(\"%1\", \"g_counter > 2\", 0, 3, \"\", \"reached main\", \"\")").arg(Main.sLoc),
+               QStringLiteral("Break.Set(%1)").arg(Hex(Main.Addr + 8)),
+               QStringLiteral("Break.SetCmdOnAddr(%1, \"OnHit\")").arg(Hex(Main.Addr + 8)),
+               QStringLiteral("Break.SetOnData(%1, 0, 2)").arg(Hex(b.RAMEnd - 0x40))},
+              {sProj});
+  ASSERT_EQ(r.Exit, 0) << r.Out.toStdString();
+  const QString sUser = sProj + ".user";
+  const QString First = QString::fromUtf8(devtest::ReadFileText(sUser));
+  EXPECT_TRUE(First.contains(QStringLiteral("Breakpoint=%1, State=BP_STATE_ON, Condition=\"g_counter > 2\", SkipCount=3, "
+                                            "ConsoleMsg=\"reached main\"").arg(Main.sLoc)))
+      << First.toStdString();
+  EXPECT_TRUE(First.contains(QStringLiteral("ScriptCallback=OnHit")));
+  EXPECT_TRUE(First.contains(QStringLiteral("DataBreakpoint=%1, AccessType=AT_READ_WRITE").arg(Hex(b.RAMEnd - 0x40).toUpper().replace("0X", "0x"))))
+      << First.toStdString();
+
+  // Reopened: the same records come back, and the breakpoint stands again.
+  QFile u(sUser);
+  ASSERT_TRUE(u.open(QIODevice::Append));
+  u.write("\nBreakpoint=0x100, State=BP_STATE_ON, broken\nOpenDocument=keep.c\n");
+  u.close();
+  r = Run({QStringLiteral("Break.SetOnSrc(\"%1\")").arg(Main.sLoc)}, {sProj});
+  SCOPED_TRACE(r.Out.toStdString());
+  EXPECT_TRUE(r.Out.contains("Syntax error in user preference file (.vdebug.user): broken"));
+  EXPECT_TRUE(OutputOf(r.Out, "Break.SetOnSrc").contains("Breakpoint already set"));
+  const QString Second = QString::fromUtf8(devtest::ReadFileText(sUser));
+  for (const QString& l : First.split('\n', Qt::SkipEmptyParts)) EXPECT_TRUE(Second.contains(l)) << l.toStdString();
+  EXPECT_TRUE(Second.contains("Breakpoint=0x00000100, State=BP_STATE_ON") || Second.contains("Breakpoint=0x100, State=BP_STATE_ON"));
+  EXPECT_TRUE(Second.contains("OpenDocument=keep.c")) << "records of others stay";
+}
+
+INSTANTIATE_TEST_SUITE_P(Backends, BreakpointBatch, ::testing::Values(devtest::kSim, devtest::kQemu), devtest::PrintBackend);
+
+}  // namespace
