@@ -8,6 +8,7 @@
 #include <QDateTime>
 #include <QElapsedTimer>
 #include <QtDebug>
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 
@@ -347,6 +348,16 @@ void CDevice::RunJob(DEVICE_JOB* p) {
   }
 }
 
+namespace {
+
+// The record count of a breakpoint job, never more than its parameter holds.
+template <class T>
+U32 Records(const DEVICE_JOB* p) {
+  return p->apDynParam[0] ? std::min<U32>(U32(p->Arg0), U32(p->aDynParamSize[0] / sizeof(T))) : 0;
+}
+
+}  // namespace
+
 I64 CDevice::ExecuteJob(DEVICE_JOB* p) {
   auto Str = [&](int i) { return static_cast<const char*>(p->apDynParam[i]); };
   auto Bytes = [&](int i) { return static_cast<U8*>(p->apDynParam[i]); };
@@ -393,6 +404,23 @@ I64 CDevice::ExecuteJob(DEVICE_JOB* p) {
       p->Out0 = Info().CoreId;
       return r;
     }
+    case JT_SET_BP: case JT_SET_BPS: case JT_CLEAR_BP: case JT_CLEAR_BPS: {
+      int r;
+      if (p->Type == JT_SET_BP) r = SetBreakpoint(U32(p->Arg0), BP_STATES(p->Arg1), BP_TYPES(p->Arg2));
+      else if (p->Type == JT_CLEAR_BP) r = ClearBreakpoint(U32(p->Arg0));
+      else if (p->Type == JT_SET_BPS) r = SetBreakpoints(Records<U32>(p), (const U32*)p->apDynParam[0], BP_STATES(p->Arg1), BP_TYPES(p->Arg2));
+      else r = ClearBreakpoints(Records<U32>(p), (const U32*)p->apDynParam[0]);
+      UpdateBPImplTypes();
+      return r;
+    }
+    case JT_CLEAR_ALL_BPS: return p->Arg1 ? ClearAllBreakpoints(BP_STATES(p->Arg0)) : ClearAllBreakpoints();
+    case JT_RESET_BPS: return ResetBreakpoints();
+    case JT_SET_WPS: return SetWatchpoints(Records<WP>(p), (WP*)p->apDynParam[0]);
+    case JT_CLEAR_WPS: return ClearWatchpoints(Records<WP>(p), (WP*)p->apDynParam[0]);
+    case JT_CLEAR_ALL_WPS: return ClearAllWatchpoints();
+    case JT_SET_TPS: return SetTracepoints(Records<TP>(p), (TP*)p->apDynParam[0]);
+    case JT_CLEAR_TPS: return ClearTracepoints(Records<TP>(p), (TP*)p->apDynParam[0]);
+    case JT_CLEAR_ALL_TPS: return ClearAllTracepoints();
     default: return p->Type > JT_SET_SH_INPUT_TEXT ? -1 : -1;
   }
 }

@@ -99,7 +99,7 @@ void CDeviceEventListener::OnDeviceJobDone(DEVICE_JOB* j) {
       if (d && d->IsTargetHalted() && d->CurrentPC() == PC) OnDeviceHaltDone(PC, HALT_REASON_RESET);
       break;
     case JT_STEP_INST: case JT_STEP_INTO: case JT_STEP_OVER: case JT_STEP_OUT: OnDeviceStepped(PC); break;
-    case JT_SET_BP: case JT_SET_BPS: case JT_CLEAR_BP: case JT_CLEAR_BPS: case JT_CLEAR_ALL_BPS: OnDeviceBPStateChanged(); break;
+    case JT_SET_BP: case JT_SET_BPS: case JT_CLEAR_BP: case JT_CLEAR_BPS: case JT_CLEAR_ALL_BPS: case JT_RESET_BPS: OnDeviceBPStateChanged(); break;
     case JT_SET_WPS: case JT_CLEAR_WPS: case JT_CLEAR_ALL_WPS: OnDeviceWPStateChanged(); break;
     case JT_SET_TPS: case JT_CLEAR_TPS: case JT_CLEAR_ALL_TPS: OnDeviceTPStateChanged(); break;
     case JT_WRITE_REG:

@@ -383,6 +383,7 @@ int CDevice::ResumeAfterMemoryIO() {
 
 int CDevice::BeginDownload() {
   if (!m_bConnected.load()) return DeviceLogWarning("BeginDL: not connected"), -1;
+  ClearBreakpointsBeforeFlashDL();
   m_Probe.VORDENARM_BeginDownload(0);
   return 0;
 }
@@ -398,6 +399,7 @@ int CDevice::EndDownload(bool DoHalt) {
   PostDeviceEvent(DEV_EVENT_START_PROGRESS, 0, 0);
   const int r = m_Probe.VORDENARM_EndDownload();
   PostDeviceEvent(DEV_EVENT_END_PROGRESS);
+  RestoreBreakpointsAfterFlashDL();
   if (Resume) m_Probe.VORDENARM_GoEx(0, 1);
   if (m_bConnected.load()) {
     const int h = m_Probe.VORDENARM_IsHalted();

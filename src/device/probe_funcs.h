@@ -21,7 +21,9 @@
   X(VORDENARM_ReadMemU64) X(VORDEN_ReadMemZonedEx) X(VORDEN_ReadMemZonedU16) X(VORDEN_ReadMemZonedU32)      \
   X(VORDENARM_WriteU8) X(VORDENARM_WriteU16) X(VORDENARM_WriteU32) X(VORDENARM_WriteU64)                    \
   X(VORDENARM_WriteMemEx) X(VORDEN_WriteZonedU16) X(VORDEN_WriteZonedU32) X(VORDEN_WriteMemZonedEx)         \
-  X(VORDENARM_BeginDownload) X(VORDENARM_EndDownload) X(VORDENARM_ClrBPEx) X(VORDENARM_ClrDataEvent)
+  X(VORDENARM_BeginDownload) X(VORDENARM_EndDownload) X(VORDENARM_ClrBPEx) X(VORDENARM_ClrDataEvent)         \
+  X(VORDENARM_SetBPEx) X(VORDENARM_FindBP) X(VORDENARM_GetBPInfoEx) X(VORDENARM_SetDataEvent)               \
+  X(VORDENARM_GetWPInfoEx) X(VORDEN_STRACE_Control)
 
 struct VORDEN_FUNCS {
 #define VORDEN_FUNC_FIELD(n) decltype(&::n) n = nullptr;
