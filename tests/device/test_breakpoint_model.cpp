@@ -8,6 +8,7 @@
 #include "elf/dwarf/debuginfo.h"
 #include "elf/elfapi.h"
 #include "target_support.h"
+#include "testsupport/randomtext.h"
 #include "testsupport/testapp.h"
 #include "ui/breakpoints/bpwindow.h"
 
@@ -167,13 +168,24 @@ TEST_F(BreakpointModel, InlinedLineGivesOneDerivedBreakpointPerPlace) {
   for (const CBreakpointInfo& b : Model.AddressMap()) EXPECT_EQ(b.Derived, 1);
   EXPECT_EQ(Model.FindSource(Loc)->State, BP_STATE_ON);
   EXPECT_TRUE(Model.AddressMap().first().SourceText.contains("v * 2654435761u")) << "the line's text, simplified";
-  // Two requests for the same line with other columns are one entry.
   Model.SetSourceBP(CSrcLoc(Loc.file, Loc.line, 5), BP_STATE_ON, BP_TYPE_ANY);
-  EXPECT_EQ(Model.SourceMap().size(), 1);
+  EXPECT_EQ(Model.SourceMap().size(), 1) << "the column takes no part in the key";
   ASSERT_EQ(Model.ClearSourceBP(Loc), 0);
   Model.Refresh();
   EXPECT_TRUE(Model.AddressMap().isEmpty());
   EXPECT_TRUE(Model.SourceMap().isEmpty());
+}
+
+TEST_F(BreakpointModel, RandomLocationTextsResolveOrFailCleanly) {
+  testsupport::RandomText Gen({"inline3.c", "startup.c", ":", "0x", "main", "first", "\"", "8", "99999999999", "-1", "/"},
+                              {"inline3.c:8", "inline3.c:8:5", "first", "0xa8"}, 5);
+  for (int i = 0; i < 3000; ++i) {
+    const QString s = QString::fromStdString(Gen.Text(1, 6, 3, testsupport::RandomText::Character));
+    CSrcLoc l;
+    U64 a = 0;
+    if (Model.Prog().ParseLocation(s, &l)) EXPECT_FALSE(l.IsNull()) << s.toStdString();
+    Model.Prog().ParseAddress(s, &a);
+  }
 }
 
 TEST_F(BreakpointModel, RefreshMixesStatesAndTypesOfDerivedEntries) {
@@ -250,6 +262,27 @@ TEST_F(BreakpointModel, ConnectAppliesAtOnceOrAfterTheProgramDownload) {
   Dev.Log.clear();
   for (int m : {0, 3, 5, 2}) Model.OnDeviceResetDone(0, RESET_MODES(m));
   EXPECT_EQ(Dev.Log, (QStringList{"ResetBPs", "ResetBPs"}));
+}
+
+TEST_F(BreakpointModel, StopActionsRunInOrderOnlyAtAnEnabledBreakpoint) {
+  QStringList Calls;
+  Model.SetStopHooks({[&](const QString& f) { Calls << "call " + f; },
+                      [&](const QString& t, const QString& m) { Calls << t + ": " + m; }});
+  Model.SetBP(0x300, BP_STATE_ON, BP_TYPE_ANY);
+  Model.Refresh();
+  CBreakpointInfo e;
+  e.Addr = 0x300;
+  e.ScriptCallback = "OnHit";
+  e.PopupMsg = "stopped";
+  ASSERT_TRUE(Model.Edit(e));
+  EXPECT_FALSE(Dev.Cond[0x300]) << "actions alone need no evaluation";
+  Model.OnDeviceHaltDone(0x300, HALT_REASON_BREAKPOINT);
+  Model.RunStopActions(0x304);
+  EXPECT_EQ(Calls, (QStringList{"call OnHit", "Breakpoint: stopped"}));
+  Model.SetBP(0x300, BP_STATE_DISABLED, BP_TYPE_ANY);
+  Model.Refresh();
+  Model.RunStopActions(0x300);
+  EXPECT_EQ(Calls.size(), 2);
 }
 
 TEST(BreakpointModelLimits, At256DerivedAddressesAndOneMore) {
