@@ -57,8 +57,8 @@ class CFakeDevice : public IBreakpointDevice {
   }
   int PostClearAllBPs() override { Bps.clear(); Log << "ClearAll"; return 0; }
   int PostResetBPs() override { Log << "ResetBPs"; return 0; }
-  int PostSetWPs(const std::vector<WP>&) override { return 0; }
-  int PostClearWPs(const std::vector<WP>&) override { return 0; }
+  int PostSetWPs(const std::vector<WP>&) override { return 0; }  // data breakpoints and tracepoints:
+  int PostClearWPs(const std::vector<WP>&) override { return 0; }  // the batch tests on both back ends
   int PostClearAllWPs() override { return 0; }
   int PostSetTPs(const std::vector<TP>&) override { return 0; }
   int PostClearTPs(const std::vector<TP>&) override { return 0; }
@@ -82,8 +82,7 @@ class CFakeDevice : public IBreakpointDevice {
 };
 
 // A program whose every line has N code addresses.
-class CWideLines : public IBreakpointProgram {
- public:
+struct CWideLines : IBreakpointProgram {
   int N = 0;
   QList<U32> LocAddresses(const CSrcLoc&) override {
     QList<U32> v;
@@ -92,7 +91,7 @@ class CWideLines : public IBreakpointProgram {
   }
   CSrcLoc NextLocWithCode(const CSrcLoc& l) override { return l; }
   CSrcLoc LocOfAddr(U32) override { return {}; }
-  QString LocText(const CSrcLoc& l) override { return QStringLiteral("f.c:%1").arg(l.line); }
+  QString LocText(const CSrcLoc&) override { return {}; }
   QString SourceText(U32) override { return {}; }
   bool ParseLocation(const QString&, CSrcLoc*) override { return false; }
   bool ParseAddress(const QString&, U64*) override { return false; }
@@ -166,14 +165,12 @@ TEST_F(BreakpointModel, InlinedLineGivesOneDerivedBreakpointPerPlace) {
   Model.Refresh();
   ASSERT_EQ(Model.AddressMap().size(), 3);
   for (const CBreakpointInfo& b : Model.AddressMap()) EXPECT_EQ(b.Derived, 1);
-  EXPECT_EQ(Model.FindSource(Loc)->State, BP_STATE_ON);
   EXPECT_TRUE(Model.AddressMap().first().SourceText.contains("v * 2654435761u")) << "the line's text, simplified";
   Model.SetSourceBP(CSrcLoc(Loc.file, Loc.line, 5), BP_STATE_ON, BP_TYPE_ANY);
   EXPECT_EQ(Model.SourceMap().size(), 1) << "the column takes no part in the key";
   ASSERT_EQ(Model.ClearSourceBP(Loc), 0);
   Model.Refresh();
-  EXPECT_TRUE(Model.AddressMap().isEmpty());
-  EXPECT_TRUE(Model.SourceMap().isEmpty());
+  EXPECT_TRUE(Model.AddressMap().isEmpty() && Model.SourceMap().isEmpty());
 }
 
 TEST_F(BreakpointModel, RandomLocationTextsResolveOrFailCleanly) {
@@ -206,10 +203,9 @@ TEST_F(BreakpointModel, RefreshMixesStatesAndTypesOfDerivedEntries) {
   EXPECT_EQ(Dev.Log.size(), 3);
   EXPECT_EQ(Dev.Bps[a[2]].State, BP_STATE_DISABLED);
   EXPECT_EQ(Dev.Bps[a[0]].State, BP_STATE_ON);
-  // An entry the device dropped leaves the window.
   Dev.Bps.erase(a[0]);
   Model.Refresh();
-  EXPECT_EQ(Model.AddressMap().size(), 2);
+  EXPECT_EQ(Model.AddressMap().size(), 2) << "an entry the device dropped leaves the window";
 }
 
 TEST_F(BreakpointModel, EditSetsTheConditionFlagOnlyForWhatTheHaltMustEvaluate) {
@@ -234,7 +230,6 @@ TEST_F(BreakpointModel, EditSetsTheConditionFlagOnlyForWhatTheHaltMustEvaluate) 
   Model.Refresh();
   EXPECT_EQ(Model.FindSource(Loc)->ConsoleMsg, "hit");
   CBreakpointInfo None;
-  None.Addr = 0x1234;
   QString sErr;
   EXPECT_FALSE(Model.Edit(None, &sErr));
   EXPECT_EQ(sErr, "cannot edit breakpoint: breakpoint is not set");
@@ -247,13 +242,12 @@ TEST_F(BreakpointModel, ConnectAppliesAtOnceOrAfterTheProgramDownload) {
   Dev.Log.clear();
   Model.OnDeviceConnectDone(CM_DOWNLOAD_RESET);
   EXPECT_TRUE(Dev.Log.isEmpty()) << "waits for the download";
-  Model.OnDataFileDownloaded(QString());
-  EXPECT_TRUE(Dev.Log.isEmpty());
   Model.OnDataFileDownloaded("prog.elf");
   EXPECT_EQ(Dev.Log, QStringList{"SetBP 100 1"});
   Model.OnDataFileDownloaded("prog.elf");
   EXPECT_EQ(Dev.Log.size(), 1) << "once per connect";
-  for (CONNECT_MODES m : {CM_ATTACH, CM_ATTACH_HALT}) {
+  HasFile = false;
+  for (CONNECT_MODES m : {CM_ATTACH, CM_ATTACH_HALT, CM_DOWNLOAD_RESET}) {
     Dev.Log.clear();
     Model.OnDeviceConnectDone(m);
     EXPECT_EQ(Dev.Log, QStringList{"SetBP 100 1"});
