@@ -44,16 +44,14 @@ class CFakeDevice : public IBreakpointDevice {
     Set(Addr, State, Type);
     return 0;
   }
-  int PostSetBPs(const std::vector<U32>& a, BP_STATES State, BP_TYPES Type) override {
-    Log << QStringLiteral("SetBPs %1").arg(a.size());
-    for (U32 x : a) Set(x, State, Type);
-    return 0;
+  int PostSetBPs(const std::vector<U32>& a, BP_STATES St, BP_TYPES Ty) override {
+    for (U32 x : a) Set(x, St, Ty);
+    return Log << QStringLiteral("SetBPs %1").arg(a.size()), 0;
   }
   int PostClearBP(U32 Addr) override { Log << QStringLiteral("ClearBP %1").arg(Addr, 0, 16); Bps.erase(Addr); return 0; }
   int PostClearBPs(const std::vector<U32>& a) override {
-    Log << QStringLiteral("ClearBPs %1").arg(a.size());
     for (U32 x : a) Bps.erase(x);
-    return 0;
+    return Log << QStringLiteral("ClearBPs %1").arg(a.size()), 0;
   }
   int PostClearAllBPs() override { Bps.clear(); Log << "ClearAll"; return 0; }
   int PostResetBPs() override { Log << "ResetBPs"; return 0; }
@@ -67,11 +65,8 @@ class CFakeDevice : public IBreakpointDevice {
 
  private:
   void Set(U32 Addr, BP_STATES State, BP_TYPES Type) {
-    if (State == BP_STATE_OFF) {
-      Bps.erase(Addr);
-      return;
-    }
-    if (Addr == 0) return;
+    if (State == BP_STATE_OFF) Bps.erase(Addr);
+    if (State == BP_STATE_OFF || Addr == 0) return;
     DEVICE_BP& b = Bps[Addr];
     b.Addr = Addr;
     b.State = State;
@@ -326,17 +321,11 @@ TEST(BreakpointTexts, ExtrasAndDataBreakpoints) {
   b.ActualImpl = BP_TYPE_HARD;
   EXPECT_EQ(CBreakpointsDataModel::JoinParts(Model.ExtrasParts(b)), "show message, i++;");
 
-  WP w;
-  w.Addr = 0x20000010;
-  w.ErrCode = I32(0x80000002u | 0x80000004u);
+  WP w{.Addr = 0x20000010, .AddrMask = 0xF, .MatchValue = 0x1234, .ValueMask = 0xFFFF0000u, .ErrCode = I32(0x80000006u),
+       .AccessType = AT_READ_WRITE, .AccessSize = 4};
   EXPECT_EQ(BP_DataBreakpointError(w), "Error setting data breakpoint @ 0x20000010: no more address comparision units");
   w.ErrCode = I32(0x80000100u);
   EXPECT_EQ(BP_DataBreakpointError(w), "") << "an unknown code gives no message";
-  w.AccessType = AT_READ_WRITE;
-  w.AccessSize = 4;
-  w.AddrMask = 0xF;
-  w.ValueMask = 0xFFFF0000u;
-  w.MatchValue = 0x1234;
   EXPECT_EQ(CBreakpointsDataModel::DataBreakpointText(w),
             "Read/Write, Word, Addr = 0x20000010 - 0x2000001F, Value & 0x0000FFFF = 0x00001234");
 }
