@@ -657,6 +657,12 @@ class CProgramLocator : public IBreakpointProgram {
     return 0xFFFFFFFFu;
   }
   QString ReadLine(const QString& sPath, U32 Line) {
+    // Another program (or the same one rebuilt) may name other texts.
+    const U64 Id = SYM_GetProgramIdentity();
+    if (Id != m_ProgramId) {
+      m_Files.clear();
+      m_ProgramId = Id;
+    }
     auto It = m_Files.find(sPath);
     if (It == m_Files.end()) {
       QStringList Lines;
@@ -667,6 +673,7 @@ class CProgramLocator : public IBreakpointProgram {
     return Line >= 1 && int(Line) <= It->size() ? It->at(int(Line) - 1) : QString();
   }
   QHash<QString, QStringList> m_Files;
+  U64 m_ProgramId = 0;
 };
 
 }  // namespace

@@ -1,7 +1,6 @@
-// The Break.* and Trace.* commands in batch files on both back ends: their
-// error words, a source breakpoint made before connecting that reaches the
-// probe after the download, data breakpoints beyond the comparators, and the
-// breakpoints of a project kept in its user file.
+// Break.* and Trace.* in batch files on both back ends: error words, a source
+// breakpoint made before connecting that reaches the probe after the download,
+// data breakpoints beyond the comparators, breakpoints kept in the user file.
 #include <gtest/gtest.h>
 
 #include "target_support.h"
