@@ -1,14 +1,14 @@
-// The breakpoint tables of the device: their rules without a target (fake
-// probe), then breakpoints, data breakpoints and tracepoints on real firmware
-// on both back ends, judged by where the target halts, by the probe's own
-// look-ups and by its call log.
+// The breakpoint tables: their rules without a target, then real firmware on
+// both back ends, judged by where it halts, the probe's look-ups and call log.
 #include <gtest/gtest.h>
 
 #include "device/device.h"
 #include "device/loadimage.h"
 #include "device/module.h"
+#include "device/projectsettings.h"
 #include "fake_probe.h"
 #include "target_support.h"
+#include "testsupport/readelf_oracle.h"
 #include "testsupport/testapp.h"
 
 #include <QCoreApplication>
@@ -18,12 +18,6 @@
 namespace {
 
 void App() { static QCoreApplication* p = NewTestApp<QCoreApplication>(); (void)p; }
-
-WP MakeWP(U32 Addr, BP_STATES State, U32 Size = AW_ANY) {
-  WP w;
-  w.Addr = Addr, w.State = State, w.AccessSize = Size;
-  return w;
-}
 
 TEST(DeviceBpTables, TableRulesWithoutATarget) {
   App();
@@ -37,11 +31,11 @@ TEST(DeviceBpTables, TableRulesWithoutATarget) {
   for (U32 a = 0; d->BpCount() < DEVICE_MAX_BPS; a += 2) d->SetBreakpoint(0x1000 + a, BP_STATE_DISABLED, BP_TYPE_ANY);
   EXPECT_EQ(d->SetBreakpoint(0x8000, BP_STATE_ON, BP_TYPE_ANY), -1) << "a full table";
   // Data breakpoints keep their slots; State is not part of the identity.
-  for (U32 a : {0x20000000u, 0x20000004u, 0x20000008u}) d->SetWatchpoint(MakeWP(a, BP_STATE_ON));
-  ASSERT_EQ(d->ClearWatchpoint(MakeWP(0x20000004, BP_STATE_ON)), 0);
+  for (U32 a : {0x20000000u, 0x20000004u, 0x20000008u}) d->SetWatchpoint(WP{.Addr = a, .State = BP_STATE_ON});
+  ASSERT_EQ(d->ClearWatchpoint(WP{.Addr = 0x20000004}), 0);
   EXPECT_FALSE(d->WpListOccupied(1));
-  EXPECT_EQ(d->WpListInsert(MakeWP(0x2000000C, BP_STATE_ON)), 1);
-  EXPECT_EQ(d->WpListInsert(MakeWP(0x20000000, BP_STATE_DISABLED)), 0);
+  EXPECT_EQ(d->WpListInsert(WP{.Addr = 0x2000000C, .State = BP_STATE_ON}), 1);
+  EXPECT_EQ(d->WpListInsert(WP{.Addr = 0x20000000, .State = BP_STATE_DISABLED}), 0);
   EXPECT_EQ(d->WpCount(), 3);
   CDevice::Destroy();
 }
@@ -53,12 +47,10 @@ struct CRecorder : CDeviceEventListener {
   void OnDeviceSetWPsDone(U32 n, WP* p) override { WPsDone.assign(p, p + n); }
 };
 
-// An address (and size) from the firmware's symbol table.
-U32 Sym(const devtest::BACKEND& b, const char* s, U32* pSize = nullptr) {
-  const QString Nm = QString::fromStdString(RunToolOutput("arm-none-eabi-nm -S " + devtest::SourcePath(b.sFirmware).toStdString()));
-  const auto m = QRegularExpression(QStringLiteral("^(\\w+) (\\w+) \\w %1$").arg(s), QRegularExpression::MultilineOption).match(Nm);
-  if (pSize) *pSize = m.captured(2).toUInt(nullptr, 16);
-  return m.captured(1).toUInt(nullptr, 16);
+readelf::Symbol Sym(const devtest::BACKEND& b, const char* s) {
+  for (const readelf::Symbol& x : readelf::Symbols(devtest::SourcePath(b.sFirmware).toStdString()))
+    if (x.Name == s) return readelf::Symbol{x.Value & ~1u, x.Size};
+  return {};
 }
 
 class DeviceBreakpoints : public ::testing::TestWithParam<devtest::BACKEND> {
@@ -71,14 +63,9 @@ class DeviceBreakpoints : public ::testing::TestWithParam<devtest::BACKEND> {
     Rig = std::make_unique<devtest::CTargetRig>(b);
     // A function the main loop calls and a word it writes.
     const bool Sim = QString(b.sName) == "sim";
-    Func = Sym(b, Sim ? "mix_state" : "Mix"), Var = Sym(b, Sim ? "g_bss_word" : "g_watched");
-    ASSERT_TRUE(Func && Var);
-    CDevice* d = Device();
-    d->PostSetConfigParam(DEV_CFG_DEVICE_NAME, b.sDevice);
-    d->PostSetConfigParam(DEV_CFG_HOST_IF, Sim ? DEV_HOST_IF_USB : DEV_HOST_IF_IP);
-    d->PostSetConfigParam(DEV_CFG_TARGET_IF, 1);
-    d->PostSetConfigParam(DEV_CFG_HOST_NAME, Rig->Ident().toUtf8().constData());
-    d->PostSetConfigParam(DEV_CFG_LOG_FILE, Dir.filePath("calls.log").toUtf8().constData());
+    Func = Sym(b, Sim ? "mix_state" : "Mix").Value, Var = Sym(b, Sim ? "g_bss_word" : "g_watched").Value;
+    IDeviceProjectSettings& p = DeviceModule::ProjectSettings();
+    p.SetDevice(b.sDevice), p.SetHostIF(b.sHostIF, Rig->Ident()), p.SetTargetIF("SWD"), p.SetLogFile(Dir.filePath("calls.log"));
     Idle();
   }
   void TearDown() override {
@@ -93,12 +80,11 @@ class DeviceBreakpoints : public ::testing::TestWithParam<devtest::BACKEND> {
     ASSERT_TRUE(Device()->IsConnected());
     std::vector<DEV_LOAD_BLOCK> Blocks;
     ASSERT_TRUE(DEV_ReadLoadSegments(devtest::SourcePath(GetParam().sFirmware), &Blocks, nullptr));
-    std::vector<U32> Ranges;
-    QByteArray Data;
-    for (const DEV_LOAD_BLOCK& b : Blocks) Ranges.push_back(b.LoadAddr), Ranges.push_back(b.LoadAddr + U32(b.Data.size())), Data += b.Data;
     Device()->PostHalt();
-    Device()->PostWriteMemMultiple(U32(Blocks.size()), Ranges.data(), U32(Data.size()), (const U8*)Data.constData(), 0, AW_ANY,
-                                   MEM_FLAG_BEGIN_DOWNLOAD);
+    for (const DEV_LOAD_BLOCK& b : Blocks) {
+      const U32 r[2] = {b.LoadAddr, b.LoadAddr + U32(b.Data.size())};
+      Device()->PostWriteMemMultiple(1, r, r[1] - r[0], (const U8*)b.Data.constData(), 0, AW_ANY, MEM_FLAG_BEGIN_DOWNLOAD);
+    }
     Device()->PostEndDownload("fw", 0), Device()->PostReset();
     Idle();
   }
@@ -109,9 +95,7 @@ class DeviceBreakpoints : public ::testing::TestWithParam<devtest::BACKEND> {
     QElapsedTimer t;
     for (t.start(); !Device()->HaltReported() && t.elapsed() < Ms;) DeviceModule::WaitUntilIdle(200);
     if (Device()->HaltReported()) return Device()->CurrentPC();
-    Device()->PostHalt();
-    Idle();
-    return 0;
+    return Device()->PostHalt(), Idle(), 0u;
   }
   void SetBP(U32 a, BP_STATES s, BP_TYPES t) { Device()->PostSetBP(a, s, t), Idle(); }
   QStringList Calls() const { return QString(devtest::ReadFileText(Dir.filePath("calls.log"))).split('\n'); }
@@ -122,7 +106,7 @@ class DeviceBreakpoints : public ::testing::TestWithParam<devtest::BACKEND> {
   U32 Func = 0, Var = 0;
 };
 
-TEST_P(DeviceBreakpoints, SetBeforeConnectingReachesTheProbeAfterTheDownloadAndHalts) {
+TEST_P(DeviceBreakpoints, BreakpointsAroundADownloadThenRunToThemAndToAWrite) {
   SetBP(Func, BP_STATE_ON, BP_TYPE_ANY);
   ASSERT_EQ(Device()->GetBreakpoint(Func).State, BP_STATE_ON) << "the table fills without a target";
   ConnectAndDownload();
@@ -132,24 +116,32 @@ TEST_P(DeviceBreakpoints, SetBeforeConnectingReachesTheProbeAfterTheDownloadAndH
   EXPECT_TRUE(c[Begin - 1].startsWith("VORDENARM_ClrBPEx(-1)")) << c[Begin - 1].toStdString();
   EXPECT_TRUE(c.mid(Begin, End - Begin).filter("SetBPEx").isEmpty()) << "none inside the download";
   EXPECT_FALSE(c.mid(End).filter("VORDENARM_SetBPEx(0x" + QString("%1").arg(Func, 8, 16, QChar('0')).toUpper()).isEmpty());
-  EXPECT_EQ(Device()->BpCount(), 1);
   EXPECT_EQ(RunToHalt(), Func);
   SetBP(Func, BP_STATE_DISABLED, BP_TYPE_ANY);
   EXPECT_TRUE(ProbeBP(Func) == 0 && Device()->GetBreakpoint(Func).State == BP_STATE_DISABLED);
   EXPECT_EQ(RunToHalt(500), 0u) << "a disabled breakpoint does not stop";
   SetBP(Func, BP_STATE_ON, BP_TYPE_ANY);
   EXPECT_EQ(RunToHalt(), Func);
-  Device()->PostClearBP(Func);
+  Device()->PostClearBP(Func);  // now past the start-up code, which clears the word too
+  const WP w{.Addr = Var, .State = BP_STATE_ON};
+  Device()->PostSetWPs(1, &w);
+  const U32 Pc = RunToHalt();
+  const readelf::Symbol Main = Sym(GetParam(), "main");
+  EXPECT_TRUE(Pc >= Main.Value && Pc < Main.Value + Main.Size + 4) << "stopped in main, where the word is written: " << Pc;
+  SetBP(Func, BP_STATE_DISABLED, BP_TYPE_SOFT);  // a hidden breakpoint over it gives it back
+  SetBP(Func, BP_STATE_ON_HIDDEN, BP_TYPE_ANY);
+  EXPECT_TRUE(Device()->HiddenBPAddr() == Func && ProbeBP(Func) != 0);
+  Device()->PostClearAllBPs(BP_STATE_ON_HIDDEN);
   Idle();
-  EXPECT_TRUE(ProbeBP(Func) == 0 && Device()->BpCount() == 0);
+  const DEVICE_BP b = Device()->GetBreakpoint(Func);
+  EXPECT_TRUE(Device()->HiddenBPAddr() == ~0u && ProbeBP(Func) == 0 && Device()->BpCount() == 1);
+  EXPECT_TRUE(b.State == BP_STATE_DISABLED && b.Type == BP_TYPE_SOFT);
 }
 
-TEST_P(DeviceBreakpoints, ComparatorLimitsAndRefusals) {
+TEST_P(DeviceBreakpoints, ComparatorLimitsRefusalsAndTracepoints) {
   ConnectAndDownload();
-  VORDENARM_DEVICE_INFO Lim{};
-  Lim.SizeOfStruct = sizeof Lim;
+  VORDENARM_DEVICE_INFO Lim{sizeof Lim};
   Device()->Probe().VORDENARM_DEVICE_GetInfo(Device()->Probe().VORDENARM_DEVICE_GetIndex(GetParam().sDevice), &Lim);
-  ASSERT_GT(Lim.NumHWBPs, 0u);
   SetBP(Func, BP_STATE_ON, BP_TYPE_SOFT);
   EXPECT_NE(Device()->GetBreakpoint(Func).ImplType, BP_TYPE_HARD);
   Device()->Probe().VORDENARM_EnableSoftBPs(0);
@@ -159,64 +151,32 @@ TEST_P(DeviceBreakpoints, ComparatorLimitsAndRefusals) {
   Idle();
   EXPECT_EQ(Device()->BpCount(), int(Lim.NumHWBPs) + 1) << "the one too many is not in the table";
   EXPECT_TRUE(Rec.Log.contains("SetBreakpoint: VORDEN API call failed"));
-  // Set again with a type the probe cannot give: kept, disabled.
-  SetBP(Func, BP_STATE_ON, BP_TYPE_HARD);
+  SetBP(Func, BP_STATE_ON, BP_TYPE_HARD);  // a type the probe cannot give: kept, disabled
   const DEVICE_BP b = Device()->GetBreakpoint(Func);
   EXPECT_TRUE(b.State == BP_STATE_DISABLED && b.Type == BP_TYPE_HARD && ProbeBP(Func) == 0);
   Device()->Probe().VORDENARM_EnableSoftBPs(1);
   // Data breakpoints: one more than comparators stands disabled with its code.
   std::vector<WP> Wps;
-  for (U32 i = 0; i <= Lim.NumDataEvents; ++i) Wps.push_back(MakeWP(Var + 4 * i, BP_STATE_ON, AW_WORD));
+  for (U32 i = 0; i <= Lim.NumDataEvents; ++i) Wps.push_back(WP{.Addr = Var + 4 * i, .State = BP_STATE_ON, .AccessSize = AW_WORD});
   Device()->PostSetWPs(U32(Wps.size()), Wps.data());
   Idle();
   ASSERT_EQ(Rec.WPsDone.size(), Wps.size());
   EXPECT_TRUE(Rec.WPsDone.back().State == BP_STATE_DISABLED && Rec.WPsDone.front().ErrCode == 0);
   EXPECT_EQ(U32(Rec.WPsDone.back().ErrCode) & 0x80000002u, 0x80000002u);
   EXPECT_EQ(Device()->WpCount(), int(Wps.size()));
-  // Found again on the probe (whose mask is widened to the word) and taken off.
-  Wps.front().State = BP_STATE_DISABLED;
+  Wps.front().State = BP_STATE_DISABLED;  // found on the probe, whose mask is widened to the word
   Device()->PostSetWPs(1, Wps.data());
   Idle();
-  VORDENARM_WP_INFO Info{};
-  EXPECT_EQ(Device()->Probe().VORDENARM_GetWPInfoEx(-1, &Info), int(Lim.NumDataEvents) - 1);
-}
-
-TEST_P(DeviceBreakpoints, DataBreakpointHaltsOnAWrite) {
-  ConnectAndDownload();
-  U32 MainSize = 0;
-  const U32 Main = Sym(GetParam(), "main", &MainSize);
-  SetBP(Func, BP_STATE_ON, BP_TYPE_ANY);  // past the start-up code, which clears the word too
-  ASSERT_EQ(RunToHalt(), Func);
-  Device()->PostClearBP(Func);
-  Device()->PostSetWPs(1, std::vector<WP>{MakeWP(Var, BP_STATE_ON)}.data());
-  const U32 Pc = RunToHalt();
-  EXPECT_TRUE(Pc >= Main && Pc < Main + MainSize + 4) << "stopped in main, where the word is written: " << Pc;
-}
-
-TEST_P(DeviceBreakpoints, TracepointsRewriteTheEventListAndHiddenBreakpointsRestore) {
-  ConnectAndDownload();
-  TP t[2];
-  t[0].Addr = Func, t[0].State = BP_STATE_ON;
-  t[1].Addr = Func + 8, t[1].State = BP_STATE_DISABLED, t[1].Op = TP_OP_STOP;
+  EXPECT_EQ(Device()->Probe().VORDENARM_GetWPInfoEx(-1, nullptr), int(Lim.NumDataEvents) - 1);
+  // Tracepoints: the probe's event list is rewritten from the table after each record.
+  TP t[2] = {{.Addr = Func, .State = BP_STATE_ON}, {.Op = TP_OP_STOP, .Addr = Func + 8, .State = BP_STATE_DISABLED}};
   const int Before = Calls().size();
   Device()->PostSetTPs(2, t);
   Idle();
   const QStringList c = Calls().mid(Before - 1);
-  EXPECT_EQ(c.filter("VORDEN_STRACE_Control(2)").size(), 2) << "cleared before each record";
-  // Each rewrite that could clear the list adds the enabled tracepoint only.
-  const int Rewrites = c.filter("VORDEN_STRACE_Control(2) = 0").size();
-  EXPECT_EQ(c.filter("VORDEN_STRACE_Control(0)").size(), Rewrites);
-  EXPECT_TRUE(Rewrites == 2 || QString(GetParam().sName) != "sim");
-  EXPECT_EQ(Device()->TpCount(), 2);
-  // A hidden breakpoint over a user's disabled one gives the user's back.
-  SetBP(Func, BP_STATE_DISABLED, BP_TYPE_SOFT);
-  SetBP(Func, BP_STATE_ON_HIDDEN, BP_TYPE_ANY);
-  EXPECT_TRUE(Device()->HiddenBPAddr() == Func && ProbeBP(Func) != 0);
-  Device()->PostClearAllBPs(BP_STATE_ON_HIDDEN);
-  Idle();
-  const DEVICE_BP b = Device()->GetBreakpoint(Func);
-  EXPECT_TRUE(Device()->HiddenBPAddr() == ~0u && ProbeBP(Func) == 0 && Device()->BpCount() == 1);
-  EXPECT_TRUE(b.State == BP_STATE_DISABLED && b.Type == BP_TYPE_SOFT);
+  const int Rewrites = c.filter("VORDEN_STRACE_Control(2) = 0").size();  // each adds the enabled one only
+  EXPECT_TRUE(c.filter("VORDEN_STRACE_Control(2)").size() == 2 && c.filter("VORDEN_STRACE_Control(0)").size() == Rewrites);
+  EXPECT_TRUE(Device()->TpCount() == 2 && (Rewrites == 2 || QString(GetParam().sName) != "sim"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Backends, DeviceBreakpoints, ::testing::Values(devtest::kSim, devtest::kQemu), devtest::PrintBackend);
