@@ -72,6 +72,9 @@ for opt in O0 O2; do
     build frames-$opt $FRAMES -$opt -- ../gdb/startup.c frames_main.c frames_other.c
 done
 
+# Breakpoint derivation: one inline function's line in three callers.
+build inline3 $FRAMES -O2 -- ../gdb/startup.c inline3.c
+
 # Line tables written by the compiler rather than the assembler.
 SHAPES="-mthumb -mcpu=cortex-m4 -O2 -gno-as-loc-support -ffreestanding -nostdlib -nostartfiles -Wl,--entry=main -Wl,-Ttext=0x08000000"
 for v in 5 4; do

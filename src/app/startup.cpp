@@ -3,6 +3,7 @@
 #include "app/batch.h"
 #include "cmdline/cmdline.h"
 #include "commands/actions.h"
+#include "device/bpmodel.h"
 #include "device/module.h"
 #include "log/console.h"
 #include "log/diag.h"
@@ -51,6 +52,26 @@ void InstallModules() {
   SessionModule::Install();
   DeviceModule::Install();
   WIN_InstallExportCommand();
+  BreakpointModule::Install();
+  {
+    CBreakpointsDataModel& Bps = CBreakpointsDataModel::Instance();
+    Bps.SetHasProgramFile([] { return !Project().ProgramFilePath().isEmpty(); });
+    Bps.SetStopHooks({[](const QString& sFunc) { VScript::RunFunctionLogged(sFunc, -1); },
+                      [](const QString& sTitle, const QString& sText) {
+                        CMessageBox::Ask(sTitle, sText, 0, QDialogButtonBox::Ok);
+                      }});
+    for (const char* sKey : {"Breakpoint", "DataBreakpoint", "Tracepoint"}) {
+      const QString Key = QLatin1String(sKey);
+      RegisterUserFileSection({Key, 0,
+                               [Key] {
+                                 QStringList Out;
+                                 for (const QString& l : CBreakpointsDataModel::Instance().WriteUserLines())
+                                   if (l.startsWith(Key + QLatin1Char('='))) Out << l;
+                                 return Out;
+                               },
+                               [](const QStringList& Lines) { CBreakpointsDataModel::Instance().ReadUserLines(Lines); }});
+    }
+  }
   ProjectModule::SetDeviceSettings(&DeviceModule::ProjectSettings());
   ProjectModule::SetProgramFileLoader(&SessionModule::ProgramFileLoader());
   static CProjectDialogs s_Dialogs;
