@@ -4,6 +4,7 @@
 #include "cmdline/cmdline.h"
 #include "commands/actions.h"
 #include "device/module.h"
+#include "files/filecommands.h"
 #include "log/console.h"
 #include "log/diag.h"
 #include "log/log.h"
@@ -48,6 +49,7 @@ void InstallModules() {
   ProjectCommands::Install();
   SessionModule::Install();
   DeviceModule::Install();
+  FilesModule::Install();
   ProjectModule::SetDeviceSettings(&DeviceModule::ProjectSettings());
   ProjectModule::SetProgramFileLoader(&SessionModule::ProgramFileLoader());
   static CProjectDialogs s_Dialogs;

@@ -1,0 +1,222 @@
+// The data file readers against the cross toolchain: objcopy's Intel HEX,
+// S-record and raw binary forms of every committed firmware read back to the
+// bytes of the ELF's load sections; then the record rules, the malformed
+// inputs and the merging, table-driven.
+#include "files/filetypes.h"
+#include "files/fileworker.h"
+#include "files/textrecords.h"
+#include "testsupport/corpus.h"
+#include "testsupport/files.h"
+#include "testsupport/imageforms.h"
+
+#include <QDir>
+#include <numeric>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <gtest/gtest.h>
+
+namespace {
+
+using testsupport::IMAGE_FORMS;
+using VFile::TEXT_FORMAT_IHEX;
+using VFile::TEXT_FORMAT_SREC;
+
+// The bytes of [Addr, Addr + Size) in a block list; empty when not covered.
+QByteArray BytesAt(const CMemBlockList& Blocks, U32 Addr, U32 Size) {
+  for (const CMemBlock& b : Blocks)
+    if (Addr >= b.Addr && U64(Addr) + Size <= U64(b.Addr) + U64(b.Data.size())) return b.Data.mid(Addr - b.Addr, Size);
+  return QByteArray();
+}
+
+std::vector<std::string> Firmware() {
+  const QString sSrc = qEnvironmentVariable("TAVIT_SOURCE_DIR") + "/firmware/";
+  std::vector<std::string> v;
+  for (const QString& sSub : QStringList{"corpus", "sim/elf", "gdb/elf"})
+    for (const QString& s : QDir(sSrc + sSub).entryList({"*.elf"}, QDir::Files, QDir::Name)) v.push_back((sSub + "/" + s).toStdString());
+  return v;
+}
+
+class FileFormsAgainstObjcopy : public ::testing::TestWithParam<std::string> {};
+
+TEST_P(FileFormsAgainstObjcopy, EveryFormGivesTheLoadSectionsBytes) {
+  QTemporaryDir Dir;
+  const IMAGE_FORMS f = testsupport::MakeImageForms(qEnvironmentVariable("TAVIT_SOURCE_DIR") + "/firmware/" +
+                                                        QString::fromStdString(GetParam()), Dir.path());
+  ASSERT_TRUE(f.Ok) << "objcopy/objdump gave no image";
+  VFile::CFileWorker w;
+  const CMemBlockList Elf = w.Read(f.sElf), Hex = w.Read(f.sHex), Srec = w.Read(f.sSrec), Bin = w.Read(f.sBin, f.BinBase);
+  ASSERT_FALSE(Hex.isEmpty());
+  // The text forms are the same list: merged, ascending, sizes from the data.
+  ASSERT_EQ(Hex.size(), Srec.size());
+  for (qsizetype i = 0; i < Hex.size(); ++i) {
+    EXPECT_EQ(Hex[i].Addr, Srec[i].Addr);
+    EXPECT_EQ(Hex[i].Data, Srec[i].Data);
+    EXPECT_EQ(Hex[i].Size, U32(Hex[i].Data.size()));
+    if (i) EXPECT_GT(Hex[i].Addr, Hex[i - 1].Addr + Hex[i - 1].Size) << "touching blocks are merged";
+  }
+  ASSERT_EQ(Bin.size(), 1);
+  EXPECT_EQ(Bin[0].Addr, f.BinBase);
+  EXPECT_EQ(Bin[0].Data, f.Bin);
+  // Every section's bytes, at its load address, in every form.
+  for (const testsupport::LOAD_RANGE& r : f.Ranges) {
+    SCOPED_TRACE(QStringLiteral("range 0x%1 + 0x%2").arg(r.Addr, 8, 16, QLatin1Char('0')).arg(r.Size, 0, 16).toStdString());
+    const QByteArray Want = testsupport::BinBytes(f, r);
+    EXPECT_EQ(BytesAt(Hex, r.Addr, r.Size), Want);
+    EXPECT_EQ(BytesAt(Elf, r.Addr, r.Size), Want);
+  }
+  // The ELF reader leaves the segment heads (ELF headers) out: its data start
+  // where the sections start.
+  U32 LowElf = 0xFFFFFFFF;
+  for (const CMemBlock& b : Elf) LowElf = std::min(LowElf, b.Addr);
+  EXPECT_EQ(LowElf, f.BinBase);
+}
+
+INSTANTIATE_TEST_SUITE_P(Firmware, FileFormsAgainstObjcopy, ::testing::ValuesIn(Firmware()), CorpusParamName);
+
+// ---- the text record rules
+
+VFile::TEXT_READ_RESULT ReadText(const QByteArray& Text, VFile::TEXT_FORMAT Format, int* pBadRecords = nullptr) {
+  qint64 At = 0;
+  VFile::TEXT_READ_HOOKS h;
+  int Bad = 0;
+  h.OnBadRecord = [&](qint64) { ++Bad; };
+  auto r = VFile::ReadTextRecords(
+      [&](char* p, qint64 Max) {
+        const qint64 n = std::min<qint64>(Max, Text.size() - At);
+        memcpy(p, Text.constData() + At, size_t(n));
+        At += n;
+        return n;
+      },
+      Format, h);
+  if (pBadRecords) *pBadRecords = Bad;
+  return r;
+}
+
+struct TEXT_CASE {
+  const char* sName;
+  VFile::TEXT_FORMAT Format;
+  const char* sText;
+  qint64 BadLine;         // -1: valid
+  const char* sProblem;   // part of the problem text, "" for a corrupt record
+  const char* sBlocks;    // valid files: "addr:hexbytes ..." of the merged blocks
+};
+
+// Records with right checksums unless the case is about checksums.
+const TEXT_CASE kTextCases[] = {
+    {"SrecCountRecordGivesNoBlock", TEXT_FORMAT_SREC, "S00600004844521B\nS1050000AABB95\nS5030001FB\nS9030000FC\n", -1, "", "0:aabb"},
+    {"SrecThreeAddressSizes", TEXT_FORMAT_SREC, "S1040010AA41\nS205000100BB3E\nS30720000000CCDD2F\n", -1, "",
+     "10:aa 100:bb 20000000:ccdd"},
+    {"SrecBadChecksum", TEXT_FORMAT_SREC, "S1050000AABB95\nS1050002AABB94\n", 1, "", ""},
+    {"SrecCountDisagreesWithLength", TEXT_FORMAT_SREC, "S1060000AABB95\n", 0, "", ""},
+    {"SrecOddDigitCount", TEXT_FORMAT_SREC, "S1050000AABB095\n", 0, "", ""},
+    {"SrecNotAHexDigit", TEXT_FORMAT_SREC, "S1050000AAGB95\n", 0, "", ""},
+    {"SrecType4IsUnknown", TEXT_FORMAT_SREC, "S1050000AABB95\nS4030000FC\n", 1, "", ""},
+    {"SrecType6IsUnknown", TEXT_FORMAT_SREC, "S6030000FC\n", 0, "", ""},
+    {"SrecShortLine", TEXT_FORMAT_SREC, "S1030000\n", 0, "", ""},
+    {"SrecPast4GiB", TEXT_FORMAT_SREC, "S307FFFFFFFFAABB97\n", 0, "4 GiB", ""},
+    {"SrecOverlap", TEXT_FORMAT_SREC, "S1050000AABB95\nS1050001CCDD50\n", 1, "overlap", ""},
+    {"IhexType4ThenData", TEXT_FORMAT_IHEX, ":020000040800F2\n:020010001122BB\n:00000001FF\n", -1, "", "8000010:1122"},
+    {"IhexType2ShiftsByFour", TEXT_FORMAT_IHEX, ":020000021000EC\n:0100000055AA\n", -1, "", "10000:55"},
+    {"IhexStartAddressesHaveNoEffect", TEXT_FORMAT_IHEX, ":0400000508000111DD\n:0400000300001234B3\n:0100000055AA\n", -1,
+     "", "0:55"},
+    {"IhexType1MustBeEleven", TEXT_FORMAT_IHEX, ":0100000055AA\n:01000001FFFF\n", 1, "", ""},
+    {"IhexExtendedWithNonZeroAddress", TEXT_FORMAT_IHEX, ":020001040800F1\n", 0, "", ""},
+    {"IhexBadChecksum", TEXT_FORMAT_IHEX, ":0100000055AB\n", 0, "", ""},
+    {"IhexTypeUpperDigitNotZero", TEXT_FORMAT_IHEX, ":01000010559A\n", 0, "", ""},
+    {"IhexUnknownType", TEXT_FORMAT_IHEX, ":0100000655A4\n", 0, "", ""},
+    {"IhexOddDigitCount", TEXT_FORMAT_IHEX, ":0100000055AAA\n", 0, "", ""},
+    {"IhexPast4GiB", TEXT_FORMAT_IHEX, ":02000004FFFFFC\n:02FFFF001122CD\n", 1, "4 GiB", ""},
+    {"IhexOverlapInAnyOrder", TEXT_FORMAT_IHEX, ":02001100334476\n:020010001122BB\n", 0, "overlap", ""},
+    {"IhexOverlapAcrossLines", TEXT_FORMAT_IHEX, ":020010001122BB\n:010011005599\n", 1, "overlap", ""},
+    {"IhexAdjacentAndUnorderedMerge", TEXT_FORMAT_IHEX, ":02000200334485\n:020000001122CB\n", -1, "", "0:11223344"},
+    {"CrLfAndCrAloneReadAlike", TEXT_FORMAT_IHEX, ":020000001122CB\r\n\r\n:02000200334485\r:00000001FF\r", -1, "", "0:11223344"},
+    {"BlankLinesCountInLineNumbers", TEXT_FORMAT_IHEX, ":020000001122CB\r\n\r\n\n:0100000055AB\n", 3, "", ""},
+    {"LastLineWithoutLineEnd", TEXT_FORMAT_IHEX, ":020000001122CB", -1, "", "0:1122"},
+    {"EmptyFileHasNoBlocks", TEXT_FORMAT_IHEX, "", -1, "", ""},
+};
+
+class TextRecordCases : public ::testing::TestWithParam<TEXT_CASE> {};
+
+TEST_P(TextRecordCases, ReadAsTheRulesSay) {
+  const TEXT_CASE& c = GetParam();
+  const VFile::TEXT_READ_RESULT r = ReadText(c.sText, c.Format);
+  EXPECT_EQ(r.BadLine, c.BadLine);
+  if (c.BadLine >= 0) {
+    EXPECT_TRUE(r.Blocks.isEmpty()) << "a bad line loads nothing";
+    EXPECT_TRUE(*c.sProblem ? r.sProblem.contains(c.sProblem) : r.sProblem.isEmpty()) << r.sProblem.toStdString();
+    return;
+  }
+  QStringList Got;
+  for (const CMemBlock& b : r.Blocks) Got << QStringLiteral("%1:%2").arg(b.Addr, 0, 16).arg(QString::fromLatin1(b.Data.toHex()));
+  EXPECT_EQ(Got.join(' ').toStdString(), c.sBlocks);
+}
+
+INSTANTIATE_TEST_SUITE_P(Records, TextRecordCases, ::testing::ValuesIn(kTextCases),
+                         [](const auto& i) { return std::string(i.param.sName); });
+
+QByteArray IhexRecord(int Type, U32 Addr16, const QByteArray& Data) {
+  const QByteArray Body = char(Data.size()) + QByteArray(1, char(Addr16 >> 8)) + char(Addr16) + char(Type) + Data;
+  return ":" + (Body + char(-std::accumulate(Body.begin(), Body.end(), 0, [](int s, char c) { return s + U8(c); }))).toHex().toUpper();
+}
+
+// Lines across the 1,000,000-byte slice borders (CR LF pairs split by one
+// too) read whole; a line longer than a slice is corrupt.
+TEST(TextRecordSlices, LinesCrossSliceBordersWhole) {
+  QByteArray Text, Want;
+  for (U32 i = 0, Addr = 0x08000000; Text.size() < 2 * VFile::FILE_SLICE_SIZE + 500; ++i) {
+    if ((Addr & 0xFFFF) == 0) Text += IhexRecord(4, 0, QByteArray(1, char(Addr >> 24)) + char(Addr >> 16)) + "\n";
+    const QByteArray Data = QByteArray::number(i * 7919).leftJustified(int(std::min<U32>(1 + i % 32, 0x10000 - (Addr & 0xFFFF))), '#', true);
+    Text += IhexRecord(0, Addr & 0xFFFF, Data) + (i % 3 ? "\r\n" : "\n");
+    Want += Data;
+    Addr += U32(Data.size());
+  }
+  int Bad = 0;
+  const VFile::TEXT_READ_RESULT r = ReadText(Text, TEXT_FORMAT_IHEX, &Bad);
+  EXPECT_EQ(Bad, 0);
+  ASSERT_EQ(r.Blocks.size(), 1);
+  EXPECT_EQ(r.Blocks[0].Addr, 0x08000000u);
+  EXPECT_EQ(r.Blocks[0].Data, Want);
+  EXPECT_EQ(ReadText(Text.left(Text.indexOf('\n') + 1) + QByteArray(VFile::FILE_SLICE_SIZE, '0'), TEXT_FORMAT_IHEX).BadLine, 1);
+}
+
+// Merging: a later block in address order wins an overlap, neighbours join.
+// Relocation moves the lowest block to the base, run addresses stay.
+TEST(MemBlocks, MergeAndRelocate) {
+  auto B = [](U32 a, const char* s) { CMemBlock b; b.Addr = b.VirtAddr = a; b.Data = s; return b; };
+  CMemBlockList m = VFile::MergeBlocks({B(0x104, "xy"), B(0x100, "abcd"), B(0x102, "QRS"), B(0x200, "z"), B(0x106, "!")});
+  ASSERT_EQ(m.size(), 2);
+  EXPECT_EQ(m[0].Data, QByteArray("abQRxy!"));
+  EXPECT_EQ(m[0].Size, 7u);
+  VFile::CFileWorker::Relocate(m, 0x100);
+  EXPECT_EQ(m[1].Addr, 0x200u);
+  VFile::CFileWorker::Relocate(m, 0xFFFFFF80);
+  EXPECT_EQ(m[1].Addr, 0x00000080u);
+  EXPECT_EQ(m[1].VirtAddr, 0x200u);
+}
+
+// ---- the worker on files: dispatch, corrupt files, saving
+
+TEST(FileWorker, DispatchByTypeAndSave) {
+  QTemporaryDir Dir;
+  WriteAll(Dir.filePath("a.HEX"), ":020000001122CB\n");
+  WriteAll(Dir.filePath("bad.srec"), "S1050000AABB95\nS1050002AABB94\n");
+  WriteAll(Dir.filePath("a.txt"), ":020000001122CB\n");
+  VFile::CFileWorker w;
+  EXPECT_EQ(w.Read(Dir.filePath("a.HEX"), 0x20000000).value(0).Addr, 0x20000000u);
+  for (const char* s : {"bad.srec", "a.txt", "missing.bin", "."}) EXPECT_TRUE(w.Read(Dir.filePath(s)).isEmpty()) << s;
+  EXPECT_EQ(VFile::DataFilesFilter(), "Data Files (*.bin *.mot *.srec *.hex *.elf *.out *.axf);;");
+  // Saving in slices; FileSaved also after a failure; a full disk leaves the device alone.
+  QSignalSpy Saved(&w, &VFile::CFileWorker::FileSaved);
+  const QByteArray Data = QByteArray("0123456789abc").repeated(200000);
+  const U8* p = reinterpret_cast<const U8*>(Data.constData());
+  EXPECT_EQ(w.Save(Dir.filePath("out.bin"), p, U32(Data.size())), 0);
+  EXPECT_EQ(ReadAll(Dir.filePath("out.bin")), Data);
+  EXPECT_EQ(w.Save(Dir.filePath("no/dir.bin"), p, 4), -1);
+  EXPECT_EQ(Saved.size(), 2);
+  if (QFileInfo::exists("/dev/full")) {
+    EXPECT_EQ(w.Save("/dev/full", p, U32(Data.size())), -1);
+    EXPECT_TRUE(QFileInfo::exists("/dev/full"));
+  }
+}
+
+}  // namespace
