@@ -116,7 +116,7 @@ CMemBlockList CFileWorker::ReadTextRecordFile(const QString& sFilePath) {
   Hooks.OnBadRecord = [](qint64) { LogWarning(QStringLiteral("Discarded invalid record in s-record file")); };
   Hooks.OnProgress = [](qint64 Done) { SetProgress(Done); };
   StartProgress(QStringLiteral("Reading File..."), f.size());
-  TEXT_READ_RESULT r = ReadTextRecords([&f](char* p, qint64 Max) { return f.read(p, Max); }, Format, Hooks);
+  TEXT_READ_RESULT r = ReadTextRecords(f, Format, Hooks);
   EndProgress();
   if (r.BadLine >= 0) {
     QString s = QStringLiteral("Could not open file %1: file contains corrupt data record at line %2").arg(sFilePath).arg(r.BadLine);

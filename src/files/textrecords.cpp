@@ -173,8 +173,7 @@ inline bool IsSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == 
 
 }  // namespace
 
-TEXT_READ_RESULT ReadTextRecords(const std::function<qint64(char*, qint64)>& Read, TEXT_FORMAT Format,
-                                 const TEXT_READ_HOOKS& Hooks) {
+TEXT_READ_RESULT ReadTextRecords(QIODevice& In, TEXT_FORMAT Format, const TEXT_READ_HOOKS& Hooks) {
   TEXT_READ_RESULT Result;
   CRecordCollector Records(Format, Hooks, &Result);
   // One buffer for all slices, left uninitialised: only what was read is used.
@@ -183,7 +182,7 @@ TEXT_READ_RESULT ReadTextRecords(const std::function<qint64(char*, qint64)>& Rea
   qint64 Carried = 0, Done = 0, LineNo = 0;
   for (;;) {
     const qint64 Want = FILE_SLICE_SIZE - Carried;
-    qint64 Got = Read(b + Carried, Want);
+    qint64 Got = In.read(b + Carried, Want);
     if (Got < 0) {
       Result.ReadError = true;
       Got = 0;

@@ -5,6 +5,7 @@
 #pragma once
 #include "files/memblock.h"
 
+#include <QIODevice>
 #include <QString>
 #include <functional>
 
@@ -41,12 +42,10 @@ struct TEXT_READ_HOOKS {
   std::function<void(qint64 BytesDone)> OnProgress;  // after each slice
 };
 
-// Reads a file of records through Read(pBuffer, MaxBytes), which returns the
-// number of bytes read (fewer than asked at the end of the file, -1 on error).
-// Lines end in LF or CR; white space between lines is skipped; a line may
-// cross a slice border.
-TEXT_READ_RESULT ReadTextRecords(const std::function<qint64(char*, qint64)>& Read, TEXT_FORMAT Format,
-                                 const TEXT_READ_HOOKS& Hooks = {});
+// Reads a file of records from an open device, slice by slice, until a read
+// returns fewer bytes than asked. Lines end in LF or CR; white space between
+// lines is skipped; a line may cross a slice border.
+TEXT_READ_RESULT ReadTextRecords(QIODevice& In, TEXT_FORMAT Format, const TEXT_READ_HOOKS& Hooks = {});
 
 // Sorts blocks by address and joins those that overlap or touch into one
 // block each; a later block in address order overwrites an overlap. Size is

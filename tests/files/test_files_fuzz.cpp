@@ -7,6 +7,7 @@
 #include "testsupport/imageforms.h"
 #include "testsupport/randomtext.h"
 
+#include <QBuffer>
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
 
@@ -34,10 +35,10 @@ TEST(FilesFuzz, TextRecordReadersSurviveMutationsAndRandomText) {
     int Valid = 0;
     for (int i = 0; i < kIterations; ++i) {
       const std::string In = i % 4 ? r.Mutate(r.Seed(), 6, RandomText::Byte) : r.Text(1, 200, 5, RandomText::Byte);
-      size_t At = 0;
-      const VFile::TEXT_READ_RESULT Out = VFile::ReadTextRecords(
-          [&](char* p, qint64 Max) { const size_t n = std::min(size_t(Max), In.size() - At); memcpy(p, In.data() + At, n); At += n; return qint64(n); },
-          Format);
+      QBuffer Buf;
+      Buf.setData(QByteArray::fromStdString(In));
+      Buf.open(QIODevice::ReadOnly);
+      const VFile::TEXT_READ_RESULT Out = VFile::ReadTextRecords(Buf, Format);
       if (Out.BadLine >= 0) ASSERT_TRUE(Out.Blocks.isEmpty());
       Valid += Out.BadLine < 0;
       for (qsizetype k = 0; k < Out.Blocks.size(); ++k) {

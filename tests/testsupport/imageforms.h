@@ -4,12 +4,10 @@
 #pragma once
 #include "testsupport/tools.h"
 
-#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QList>
 #include <QRegularExpression>
-#include <QString>
 
 namespace testsupport {
 
@@ -27,21 +25,14 @@ struct IMAGE_FORMS {
 
 // Runs objcopy for the three forms into sDir (file names after the ELF's).
 inline IMAGE_FORMS MakeImageForms(const QString& sElf, const QString& sDir) {
-  IMAGE_FORMS f;
-  f.sElf = sElf;
   const QString sBase = sDir + "/" + QFileInfo(sElf).completeBaseName();
-  f.sHex = sBase + ".hex";
-  f.sSrec = sBase + ".srec";
-  f.sBin = sBase + ".bin";
-  const std::string e = sElf.toStdString();
+  IMAGE_FORMS f{sElf, sBase + ".hex", sBase + ".srec", sBase + ".bin", 0xFFFFFFFF, {}, {}, false};
   for (const auto& [sFmt, sOut] : {std::pair{"ihex", f.sHex}, {"srec", f.sSrec}, {"binary", f.sBin}})
-    RunToolOutput("arm-none-eabi-objcopy -O " + std::string(sFmt) + " " + e + " " + sOut.toStdString());
+    RunToolOutput("arm-none-eabi-objcopy -O " + std::string(sFmt) + " " + sElf.toStdString() + " " + sOut.toStdString());
   // "  1 .data  00000090  20000000  08000f90  00010000  2**2" then the flags.
-  const QString Sections = QString::fromStdString(RunToolOutput("arm-none-eabi-objdump -h " + e));
-  static const QRegularExpression Row(
-      R"(^\s*\d+\s+\S+\s+([0-9a-f]+)\s+[0-9a-f]+\s+([0-9a-f]+)\s+[0-9a-f]+\s+\S+\s*\n\s*([^\n]*)$)",
-      QRegularExpression::MultilineOption);
-  for (auto It = Row.globalMatch(Sections); It.hasNext();) {
+  static const QRegularExpression Row(R"(^\s*\d+\s+\S+\s+([0-9a-f]+)\s+[0-9a-f]+\s+([0-9a-f]+)\s+\S+\s+\S+\s*\n([^\n]*))",
+                                      QRegularExpression::MultilineOption);
+  for (auto It = Row.globalMatch(QString::fromStdString(RunToolOutput("arm-none-eabi-objdump -h " + sElf.toStdString()))); It.hasNext();) {
     const auto m = It.next();
     const quint32 Size = m.captured(1).toUInt(nullptr, 16), Lma = m.captured(2).toUInt(nullptr, 16);
     if (!m.captured(3).contains("LOAD") || !m.captured(3).contains("CONTENTS") || Size == 0) continue;
@@ -54,7 +45,6 @@ inline IMAGE_FORMS MakeImageForms(const QString& sElf, const QString& sDir) {
   return f;
 }
 
-// The raw binary's bytes of a load range.
 inline QByteArray BinBytes(const IMAGE_FORMS& f, LOAD_RANGE r) { return f.Bin.mid(qsizetype(r.Addr - f.BinBase), r.Size); }
 
 }  // namespace testsupport
