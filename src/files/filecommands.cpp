@@ -158,7 +158,15 @@ void OnTargetSaveMemory(int Id) {
     s_pSaver->m_Req = SAVE_REQUEST();
     return (void)Fail(Id, QStringLiteral("job not scheduled"));
   }
-  d->WaitAndDeliver(JT_READ_MEM, true);
+  // Other reads may be queued before this one; the report may also still be
+  // on its way once the job is done.
+  while (s_pSaver->m_Req.Id == Id && d->IsJobPending(JT_READ_MEM)) d->WaitAndDeliver(JT_READ_MEM, true);
+  if (s_pSaver->m_Req.Id == Id) d->WaitIdle(30000);
+  // A read dropped by a resume or a lost connection never reports.
+  if (s_pSaver->m_Req.Id == Id) {
+    s_pSaver->m_Req = SAVE_REQUEST();
+    Fail(Id, QStringLiteral("cannot read target memory"), QStringLiteral("the read was cancelled"));
+  }
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "files/fileworker.h"
 
 #include "elf/elfapi.h"
+#include "files/elfblocks.h"
 #include "files/filetypes.h"
 #include "files/textrecords.h"
 #include "log/log.h"

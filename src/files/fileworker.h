@@ -2,7 +2,6 @@
 // hexadecimal, ELF) into a list of memory blocks, and writes raw binary
 // files. It keeps no state between calls.
 #pragma once
-#include "files/elfblocks.h"
 #include "files/memblock.h"
 
 #include <QObject>

@@ -1,8 +1,6 @@
-// Data files into target memory and back through the program in batch mode,
-// on both back ends: File.Load of the ELF, Intel HEX, S-record and raw binary
-// forms, each saved back with Target.SaveMemory and compared with objcopy's
-// raw binary; filled memory read back; the command errors, and a corrupt file
-// that must leave memory as it was.
+// Each form of a firmware loaded by batch on both back ends and saved back,
+// against objcopy's raw binary; fill read back; command errors; a corrupt
+// file leaves memory as it was.
 #include <gtest/gtest.h>
 
 #include "device/target_support.h"
