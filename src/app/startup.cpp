@@ -5,6 +5,7 @@
 #include "commands/actions.h"
 #include "device/bpmodel.h"
 #include "device/module.h"
+#include "files/filecommands.h"
 #include "log/console.h"
 #include "log/diag.h"
 #include "log/log.h"
@@ -72,6 +73,7 @@ void InstallModules() {
                                [](const QStringList& Lines) { CBreakpointsDataModel::Instance().ReadUserLines(Lines); }});
     }
   }
+  FilesModule::Install();
   ProjectModule::SetDeviceSettings(&DeviceModule::ProjectSettings());
   ProjectModule::SetProgramFileLoader(&SessionModule::ProgramFileLoader());
   static CProjectDialogs s_Dialogs;
