@@ -345,7 +345,7 @@ class CGdbBackend : public CBackend {
     if (Ev.AccessMask & ~0x17u) err |= VORDENARM_EVENT_ERR_ACC_MASK;
     // The protocol has no data comparators.
     if (Ev.DataMask != 0xFFFFFFFF) err |= VORDENARM_EVENT_ERR_NO_MORE_DATA_COMP;
-    if ((int)m_des.size() >= m_maxDE) err |= VORDENARM_EVENT_ERR_NO_MORE_EVENTS | VORDENARM_EVENT_ERR_NO_MORE_ADDR_COMP;
+    if ((int)m_des.size() >= m_maxDE) err |= VORDENARM_EVENT_ERR_NO_MORE_ADDR_COMP;
     if (err) return (int)(err | 0x80000000u);
     if (m_client.Lost()) return (int)VORDENARM_EVENT_ERR_UNKNOWN;
     DE d{m_nextDe, Ev, Ev.AddrMask, '2'};
@@ -358,7 +358,7 @@ class CGdbBackend : public CBackend {
     if (m_running && !Pause(paused)) return (int)VORDENARM_EVENT_ERR_UNKNOWN;
     bool ok = m_client.InsertPoint(d.Z, Ev.Addr & ~d.AddrMask, d.AddrMask + 1) == 1;
     if (paused) Resume();
-    if (!ok) return (int)(VORDENARM_EVENT_ERR_NO_MORE_EVENTS | VORDENARM_EVENT_ERR_NO_MORE_ADDR_COMP);
+    if (!ok) return (int)VORDENARM_EVENT_ERR_NO_MORE_ADDR_COMP;
     ++m_nextDe;
     m_des.push_back(d);
     if (pHandle) *pHandle = d.Handle;

@@ -105,7 +105,7 @@ int CSimTarget::SetDataEvent(const VORDENARM_DATA_EVENT& Ev, U32* pHandle) {
   bool dataCmp = dm != 0xFFFFFFFF;
   if (dataCmp && dm != 0 && dm != 0xFFFFFF00 && dm != 0xFFFF0000) err |= VORDENARM_EVENT_ERR_DATA_MASK;
   std::lock_guard<std::mutex> lk(m_bpMx);
-  if ((int)m_des.size() >= m_maxDataEvents) err |= VORDENARM_EVENT_ERR_NO_MORE_EVENTS | VORDENARM_EVENT_ERR_NO_MORE_ADDR_COMP;
+  if ((int)m_des.size() >= m_maxDataEvents) err |= VORDENARM_EVENT_ERR_NO_MORE_ADDR_COMP;
   if (dataCmp) {
     int used = 0;
     for (const DataEvent& d : m_des) used += d.Ev.DataMask != 0xFFFFFFFF;

@@ -4,6 +4,7 @@
 #include "cmdline/cmdline.h"
 #include "commands/actions.h"
 #include "device/bpmodel.h"
+#include "device/device.h"
 #include "device/module.h"
 #include "files/filecommands.h"
 #include "log/console.h"
@@ -18,6 +19,7 @@
 #include "settings/fonts.h"
 #include "settings/store.h"
 #include "settings/sysvars.h"
+#include "ui/breakpoints/bpitemmodel.h"
 #include "ui/dialogs/projectdialogs.h"
 #include "ui/framework/viewexport.h"
 #include "ui/shell/mainwindow.h"
@@ -53,6 +55,12 @@ void InstallModules() {
   SessionModule::Install();
   DeviceModule::Install();
   WIN_InstallExportCommand();
+  // The breakpoint window's rows, also without the window.
+  WIN_RegisterViewModel(QStringLiteral("Breakpoints"), [] {
+    static CBreakpointItemModel* s_pRows = new CBreakpointItemModel(&CBreakpointsDataModel::Instance());
+    s_pRows->Reset();
+    return s_pRows;
+  });
   BreakpointModule::Install();
   {
     CBreakpointsDataModel& Bps = CBreakpointsDataModel::Instance();
@@ -72,6 +80,10 @@ void InstallModules() {
                                },
                                [](const QStringList& Lines) { CBreakpointsDataModel::Instance().ReadUserLines(Lines); }});
     }
+    // The next project starts without the breakpoints of the last one.
+    QObject::connect(&Project(), &CProject::Closed, [] {
+      if (CDevice::InstanceIfCreated()) CBreakpointsDataModel::Instance().Forget();
+    });
   }
   FilesModule::Install();
   ProjectModule::SetDeviceSettings(&DeviceModule::ProjectSettings());

@@ -127,6 +127,17 @@ void CBreakpointsDataModel::ClearAll() {
   m_pDevice->PostClearAllBPs();
 }
 
+void CBreakpointsDataModel::Forget() {
+  m_Src.clear();
+  m_Addr.clear();
+  m_WPs.clear();
+  m_TPs.clear();
+  Changed();
+  m_pDevice->PostClearAllBPs();
+  m_pDevice->PostClearAllWPs();
+  m_pDevice->PostClearAllTPs();
+}
+
 void CBreakpointsDataModel::SetAllType(BP_TYPES Type) {
   const QList<CBreakpointInfo> Src = m_Src.values();
   for (const CBreakpointInfo& b : Src) SetSourceBP(b.Loc, b.State, Type);

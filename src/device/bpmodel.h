@@ -143,6 +143,9 @@ class CBreakpointsDataModel : public CDeviceEventListener {
   int SetSourceBP(const CSrcLoc& Loc, BP_STATES State, BP_TYPES Type);
   int ClearSourceBP(const CSrcLoc& Loc);
   void ClearAll();
+  // Every breakpoint, data breakpoint and tracepoint goes, in the model and
+  // in the device (a project closes; its user file has kept them).
+  void Forget();
   void SetAllType(BP_TYPES Type);
   // Sets every non-derived breakpoint again, then all data breakpoints and
   // tracepoints.

@@ -379,6 +379,13 @@ I64 CDevice::ExecuteJob(DEVICE_JOB* p) {
       return r;
     }
     case JT_WRITE_REG: return WriteReg(U32(p->Arg0), p->Arg1);
+    case JT_READ_CP_REG: {
+      U64 v = 0;
+      const int r = ReadCPReg(Str(0), &v);
+      p->Out0 = v;
+      return r;
+    }
+    case JT_WRITE_CP_REG: return WriteCPReg(Str(0), p->Arg1);
     case JT_READ_REGS:
       return ReadRegs(U32(p->Arg0), (const U32*)p->apDynParam[0], (U64*)p->apDynParam[1], Bytes(2));
     case JT_END_DOWNLOAD: {

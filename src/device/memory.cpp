@@ -379,14 +379,15 @@ int CDevice::ReadRegs(U32 Cnt, const U32* paIdx, U64* paVals, U8* paStatus) {
 }
 
 // Co-processor registers by name exist only through the plug-in; without
-// one there is nothing to read and the value stays 0.
+// one they cannot be read or written.
 int CDevice::ReadCPReg(const char* sReg, U64* pOut) {
   *pOut = 0;
   if (!sReg) return DeviceLogWarning("ReadCPReg: invalid register identifier"), -1;
   if (!m_bConnected.load()) return DeviceLogWarning("ReadCPReg: not connected"), -1;
   if (!m_bHalted.load()) return DeviceLogWarning("ReadCPReg: not halted"), -1;
   ICoreSupport* c = DEV_GetCoreSupport();
-  if (c && c->ReadCPReg(sReg, pOut) != 0) {
+  if (!c) return DeviceLogWarning("ReadCPReg: no target core support plugin"), -1;
+  if (c->ReadCPReg(sReg, pOut) != 0) {
     *pOut = U64(-1);
     return DeviceLogWarning("ReadCPReg: VORDEN API call failed"), -1;
   }
@@ -397,7 +398,8 @@ int CDevice::WriteCPReg(const char* sReg, U64 Value) {
   if (!m_bConnected.load()) return DeviceLogWarning("WriteCPReg: not connected"), -1;
   if (!m_bHalted.load()) return DeviceLogWarning("WriteCPReg: not halted"), -1;
   ICoreSupport* c = DEV_GetCoreSupport();
-  if (c && (!sReg || c->WriteCPReg(sReg, Value) != 0)) return DeviceLogWarning("WriteCPReg: VORDEN API call failed"), -1;
+  if (!c) return DeviceLogWarning("WriteCPReg: no target core support plugin"), -1;
+  if (!sReg || c->WriteCPReg(sReg, Value) != 0) return DeviceLogWarning("WriteCPReg: VORDEN API call failed"), -1;
   return 0;
 }
 

@@ -116,12 +116,11 @@ TEST_P(BreakpointBatch, OneDataBreakpointMoreThanTheComparators) {
   const BACKEND& b = GetParam();
   devtest::CTargetRig Rig(b);
   const U32 Base = b.RAMEnd - 0x100;
-  // Cortex-M3 and M4 have four address comparators. The probe reports "no
-  // more events" together with "no more address comparators"; the first test
-  // of the code table that matches names it.
+  // Cortex-M3 and M4 have four address comparators; a fifth data breakpoint
+  // finds none left.
   std::vector<STEP> Steps = {{"Exec.Connect()", ""}};
   for (U32 i = 0; i < 4; ++i) Steps.push_back({QStringLiteral("Break.SetOnData(%1, 0, 1, 4)").arg(Hex(Base + 16 * i)), ""});
-  const QByteArray sErr = QStringLiteral("Error setting data breakpoint @ %1: no more ").arg(HexUp(Base + 64)).toUtf8();
+  const QByteArray sErr = QStringLiteral("Error setting data breakpoint @ %1: no more address comparision units").arg(HexUp(Base + 64)).toUtf8();
   Steps.insert(Steps.end(), {{QStringLiteral("Break.SetOnData(%1, 0, 1, 4)").arg(Hex(Base + 64)), sErr.constData()},
                              {"Break.SetOnData()", "wrong parameter count"},
                              {"Break.ClearOnData(" + Hex(Base + 0x80) + ")", "No breakpoint matches the given parameters."},
