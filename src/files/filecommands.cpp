@@ -2,6 +2,7 @@
 
 #include "commands/actionids.h"
 #include "commands/actions.h"
+#include "device/datamanager.h"
 #include "device/device.h"
 #include "elf/elfapi.h"
 #include "files/filetypes.h"
@@ -153,10 +154,15 @@ void OnTargetSaveMemory(int Id) {
   CDevice* d = Device();
   if (!d->CanAccessMemory())
     return (void)Fail(Id, QStringLiteral("cannot access target memory: target not halted and background memory access not supported"));
+  // The read of a memory window: through the data cache, which answers at
+  // once for what it holds and reads the rest.
   s_pSaver->m_Req = {Id, sPath, Addr, Size};
-  if (d->PostReadMem(Addr, Size, 0x10000, AW_ANY, MEM_FLAG_ITEM_RETRY, nullptr) < 0) {
+  CDeviceDataManager::Instance().CancelRequests(s_pSaver);
+  const int r = CDeviceDataManager::Instance().ReadMemAsync(s_pSaver, Addr, Size, nullptr, 0x10000, AW_ANY,
+                                                            MEM_FLAG_ITEM_RETRY);
+  if (r == 1 && s_pSaver->m_Req.Id == Id) {
     s_pSaver->m_Req = SAVE_REQUEST();
-    return (void)Fail(Id, QStringLiteral("job not scheduled"));
+    return (void)Fail(Id, QStringLiteral("cannot read target memory"));
   }
   // Other reads may be queued before this one; the report may also still be
   // on its way once the job is done.

@@ -3,6 +3,8 @@
 // data breakpoints beyond the comparators, breakpoints kept in the user file.
 #include <gtest/gtest.h>
 
+#include <QRegularExpression>
+
 #include "target_support.h"
 #include "testsupport/process.h"
 
@@ -124,11 +126,15 @@ TEST_P(BreakpointBatch, OneDataBreakpointMoreThanTheComparators) {
   Steps.insert(Steps.end(), {{QStringLiteral("Break.SetOnData(%1, 0, 1, 4)").arg(Hex(Base + 64)), sErr.constData()},
                              {"Break.SetOnData()", "wrong parameter count"},
                              {"Break.ClearOnData(" + Hex(Base + 0x80) + ")", "No breakpoint matches the given parameters."},
-                             {"Break.DisableOnData(" + Hex(Base) + ")", ""}});
+                             {"Break.DisableOnData(" + Hex(Base) + ")", ""},
+                             {"Window.Export(\"Breakpoints\", \"-\")", ""}});
   const QStringList Setup_ = Setup(Rig);
   const RUN r = Run(LinesOf(Setup_, Steps));
   SCOPED_TRACE(r.Out.toStdString());
   CheckSteps(r.Out, int(Setup_.size()), Steps);
+  // The window's rows without a window: the five data breakpoints.
+  const QString sRows = r.Out.mid(r.Out.indexOf("Type\tLocation\tExtras"));
+  EXPECT_EQ(sRows.count(QRegularExpression("\n  Data\t")), 5) << sRows.toStdString();
 }
 
 // A project's breakpoints with their conditions and skip counts outlive the

@@ -237,7 +237,7 @@ TEST(ProbeRun, DataEventComparatorLimitsAndMasks) {
   ev.Addr = 0x20000100;
   int r = VORDENARM_SetDataEvent(&ev, &h);
   EXPECT_LT(r, 0);
-  EXPECT_EQ((U32)r & 0x80000001u, 0x80000001u);  // "no more events"
+  EXPECT_EQ((U32)r & 0x80000002u, 0x80000002u);  // "no more address comparision units"
   EXPECT_EQ(VORDENARM_ClrDataEvent(0xFFFFFFFF), 0);
   EXPECT_EQ(VORDENARM_GetWPInfoEx(-1, nullptr), 0);
   ev.AddrMask = 0x5;  // not a run of low bits
