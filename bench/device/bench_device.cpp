@@ -7,6 +7,7 @@
 #include "../../tests/device/target_support.h"
 #include "commands/actions.h"
 #include "device/device.h"
+#include "device/headless_app.h"
 #include "device/module.h"
 #include "log/messagebox.h"
 #include "project/project.h"
@@ -102,13 +103,7 @@ int main(int argc, char** argv) {
   qputenv("QT_QPA_PLATFORM", "offscreen");
   QApplication App(argc, argv);
   const int Reads = argc > 1 ? atoi(argv[1]) : 20000;
-  CMessageBox::SetBatchMode(true);
-  ProjectModule::Install();
-  ProjectCommands::Install();
-  DeviceModule::Install();
-  ProjectModule::SetDeviceSettings(&DeviceModule::ProjectSettings());
-  auto* pMain = new CMainWindow;
-  pMain->ConsoleWindow()->SetDrawingEnabled(false);
+  auto* pMain = InstallHeadlessDeviceApp();
   Measure(devtest::kSim, Reads, 0x08000000);
   if (devtest::CTargetRig::HaveQemu()) Measure(devtest::kQemu, Reads, 0x00000000);
   delete pMain;

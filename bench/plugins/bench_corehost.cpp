@@ -9,6 +9,7 @@
 #include "commands/actions.h"
 #include "device/coresupport.h"
 #include "device/device.h"
+#include "device/headless_app.h"
 #include "device/module.h"
 #include "log/messagebox.h"
 #include "plugins/corehost.h"
@@ -81,12 +82,7 @@ int main(int argc, char** argv) {
   qputenv("QT_QPA_PLATFORM", "offscreen");
   QApplication App(argc, argv);
   const int Reads = argc > 1 ? atoi(argv[1]) : 20000;
-  CMessageBox::SetBatchMode(true);
-  ProjectModule::Install();
-  ProjectCommands::Install();
-  DeviceModule::Install();
-  ProjectModule::SetDeviceSettings(&DeviceModule::ProjectSettings());
-  auto* pMain = new CMainWindow;
+  auto* pMain = InstallHeadlessDeviceApp();
   Device();
   MeasureLoad();
   MeasureRegs(devtest::kSim, Reads);

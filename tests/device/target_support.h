@@ -5,10 +5,13 @@
 #include "probe/gdb/qemu_util.h"
 #include "testsupport/tools.h"
 
+#include <gtest/gtest.h>
+
 #include <QFile>
 #include <QRegularExpression>
 #include <QString>
 #include <QStringList>
+#include <QTemporaryDir>
 
 namespace devtest {
 
@@ -100,6 +103,25 @@ inline IMAGE_WORD ImageWord(const QString& sElf, const char* sSym, int Index, in
 }  // namespace devtest
 
 namespace devtest {
+
+// A batch run on one back end: skipped without the emulator; the project
+// lines that choose the back end and log the probe's calls to calls.log in
+// the run's directory.
+class CBackendBatch : public ::testing::TestWithParam<BACKEND> {
+ protected:
+  void SetUp() override {
+    if (QString(GetParam().sHostIF) == "IP" && !CTargetRig::HaveQemu()) GTEST_SKIP() << "no qemu-system-arm";
+  }
+  QStringList Setup(const CTargetRig& Rig) const {
+    const BACKEND& b = GetParam();
+    return {QStringLiteral("Project.SetDevice(\"%1\")").arg(b.sDevice),
+            QStringLiteral("Project.SetHostIF(\"%1\", \"%2\")").arg(b.sHostIF, Rig.Ident()),
+            QStringLiteral("Project.SetTargetIF(\"SWD\")"),
+            QStringLiteral("Project.SetVordenLogFile(\"%1\")").arg(Dir.filePath("calls.log"))};
+  }
+  QTemporaryDir Dir;
+};
+
 inline QByteArray ReadFileText(const QString& sPath) {
   QFile f(sPath);
   return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();

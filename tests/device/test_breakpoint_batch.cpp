@@ -66,25 +66,14 @@ FUNC_LOC FuncLoc(const QString& sElf, const char* sFunc) {
   return f;
 }
 
-class BreakpointBatch : public ::testing::TestWithParam<BACKEND> {
+class BreakpointBatch : public devtest::CBackendBatch {
  protected:
-  void SetUp() override {
-    if (QString(GetParam().sHostIF) == "IP" && !devtest::CTargetRig::HaveQemu()) GTEST_SKIP() << "no qemu-system-arm";
-  }
-  QStringList Setup(const devtest::CTargetRig& Rig) const {
-    const BACKEND& b = GetParam();
-    return {QStringLiteral("Project.SetDevice(\"%1\")").arg(b.sDevice),
-            QStringLiteral("Project.SetHostIF(\"%1\", \"%2\")").arg(b.sHostIF, Rig.Ident()),
-            QStringLiteral("Project.SetTargetIF(\"SWD\")"),
-            QStringLiteral("Project.SetVordenLogFile(\"%1\")").arg(Dir.filePath("calls.log"))};
-  }
   RUN Run(const QStringList& Lines, const QStringList& Args = {}) {
     testsupport::RUN_OPTIONS o;
     o.TimeoutMs = 120000;
     return testsupport::RunBatch(Dir.filePath("cmds.txt"), Lines.join('\n').toUtf8() + "\n",
                                  Args + QStringList{"-logfile", Dir.filePath("app.log")}, o);
   }
-  QTemporaryDir Dir;
 };
 
 TEST_P(BreakpointBatch, ErrorWordsAndASourceBreakpointAppliedAfterTheDownload) {

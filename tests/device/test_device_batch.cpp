@@ -23,20 +23,7 @@ RUN RunBatch(const QTemporaryDir& Dir, const QStringList& Lines) {
 
 QString Hex(U32 v) { return QStringLiteral("0x%1").arg(v, 8, 16, QLatin1Char('0')); }
 
-class DeviceBatch : public ::testing::TestWithParam<BACKEND> {
- protected:
-  void SetUp() override {
-    if (QString(GetParam().sHostIF) == "IP" && !devtest::CTargetRig::HaveQemu()) GTEST_SKIP() << "no qemu-system-arm";
-  }
-  QStringList Setup(const devtest::CTargetRig& Rig) const {
-    const BACKEND& b = GetParam();
-    return {QStringLiteral("Project.SetDevice(\"%1\")").arg(b.sDevice),
-            QStringLiteral("Project.SetHostIF(\"%1\", \"%2\")").arg(b.sHostIF, Rig.Ident()),
-            QStringLiteral("Project.SetTargetIF(\"SWD\")"),
-            QStringLiteral("Project.SetVordenLogFile(\"%1\")").arg(Dir.filePath("calls.log"))};
-  }
-  QTemporaryDir Dir;
-};
+class DeviceBatch : public devtest::CBackendBatch {};
 
 TEST_P(DeviceBatch, ConnectDownloadAndReadBackTheImage) {
   const BACKEND& b = GetParam();

@@ -7,6 +7,7 @@
 #include "commands/actions.h"
 #include "device/datamanager.h"
 #include "device/device.h"
+#include "device/headless_app.h"
 #include "device/module.h"
 #include "elf/dwarf/target_access.h"
 #include "log/messagebox.h"
@@ -29,13 +30,7 @@ class DeviceTarget : public ::testing::TestWithParam<BACKEND> {
  protected:
   static void SetUpTestSuite() {
     NewTestApp<QApplication>();
-    CMessageBox::SetBatchMode(true);
-    ProjectModule::Install();
-    ProjectCommands::Install();
-    DeviceModule::Install();
-    ProjectModule::SetDeviceSettings(&DeviceModule::ProjectSettings());
-    s_pMain = new CMainWindow;
-    s_pMain->ConsoleWindow()->SetDrawingEnabled(false);
+    s_pMain = InstallHeadlessDeviceApp();
   }
   void SetUp() override {
     if (QString(GetParam().sHostIF) == "IP" && !devtest::CTargetRig::HaveQemu()) GTEST_SKIP() << "no qemu-system-arm";

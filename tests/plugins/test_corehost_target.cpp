@@ -6,6 +6,7 @@
 #include "commands/actions.h"
 #include "device/coresupport.h"
 #include "device/device.h"
+#include "device/headless_app.h"
 #include "device/module.h"
 #include "log/messagebox.h"
 #include "plugins/corehost.h"
@@ -27,12 +28,7 @@ class CoreHostTarget : public ::testing::TestWithParam<BACKEND> {
  protected:
   static void SetUpTestSuite() {
     NewTestApp<QApplication>();
-    CMessageBox::SetBatchMode(true);
-    ProjectModule::Install();
-    ProjectCommands::Install();
-    DeviceModule::Install();
-    ProjectModule::SetDeviceSettings(&DeviceModule::ProjectSettings());
-    new CMainWindow;  // the actions behind the commands
+    InstallHeadlessDeviceApp();  // the actions behind the commands
   }
   void TearDown() override {
     Device()->PostDisconnect();
