@@ -25,6 +25,24 @@ CDeviceDataManager* s_pInstance = nullptr;
 
 bool IsValueSize(U32 n) { return n == 2 || n == 4 || n == 8; }
 
+// Calls Fn(Page, Off, n, Done) for each piece of [Addr, Addr + nBytes) that
+// lies in one 64 KiB page, up to 4 GiB; Done counts the bytes before the
+// piece. Returns the bytes walked.
+template <class F>
+U32 ForEachPagePiece(U32 Addr, U32 nBytes, F Fn) {
+  U64 Pos = Addr;
+  const U64 End = std::min<U64>(U64(Addr) + nBytes, k4GiB);
+  U32 Done = 0;
+  while (Pos < End) {
+    const U32 Off = U32(Pos & 0xFFFF);
+    const U32 n = U32(std::min<U64>(End - Pos, kPageSize - Off));
+    Fn(U32(Pos >> 16), Off, n, Done);
+    Pos += n;
+    Done += n;
+  }
+  return Done;
+}
+
 CDevice* ConnectedDevice() {
   CDevice* d = CDevice::InstanceIfCreated();
   return d && d->IsConnected() ? d : nullptr;
@@ -170,29 +188,22 @@ CDeviceDataManager::ZONE_CACHE* CDeviceDataManager::Zone(const QByteArray& sZone
 U8 CDeviceDataManager::RangeStatus(ZONE_CACHE* z, U32 Addr, U32 nBytes, U8* pData, U8* pStatus) {
   if (!nBytes) return CACHE_VALID;
   U8 Merged = 0xFF;
-  U64 Pos = Addr;
-  const U64 End = std::min<U64>(U64(Addr) + nBytes, k4GiB);
-  U32 Out = 0;
-  while (Pos < End) {
-    const U32 Off = U32(Pos & 0xFFFF);
-    const U32 n = U32(std::min<U64>(End - Pos, kPageSize - Off));
-    const U8* p = z ? z->Page(U32(Pos >> 16), false) : nullptr;
+  const U32 Out = ForEachPagePiece(Addr, nBytes, [&](U32 Page, U32 Off, U32 n, U32 Done) {
+    const U8* p = z ? z->Page(Page, false) : nullptr;
     if (!p) {
-      if (pData) memset(pData + Out, 0, n);
-      if (pStatus) memset(pStatus + Out, CACHE_INVALID, n);
+      if (pData) memset(pData + Done, 0, n);
+      if (pStatus) memset(pStatus + Done, CACHE_INVALID, n);
       Merged = Merged == 0xFF ? U8(CACHE_INVALID) : MergeStatus(Merged, CACHE_INVALID);
-    } else {
-      if (pData) memcpy(pData + Out, p + Off, n);
-      if (pStatus) memcpy(pStatus + Out, p + kPageSize + Off, n);
-      // Over the values 0..3 merging is taking the largest.
-      const U8* s = p + kPageSize + Off;
-      U8 Max = 0;
-      for (U32 i = 0; i < n; ++i) Max = s[i] > Max ? s[i] : Max;
-      Merged = Merged == 0xFF ? Max : MergeStatus(Merged, Max);
+      return;
     }
-    Pos += n;
-    Out += n;
-  }
+    if (pData) memcpy(pData + Done, p + Off, n);
+    if (pStatus) memcpy(pStatus + Done, p + kPageSize + Off, n);
+    // Over the values 0..3 merging is taking the largest.
+    const U8* s = p + kPageSize + Off;
+    U8 Max = 0;
+    for (U32 i = 0; i < n; ++i) Max = s[i] > Max ? s[i] : Max;
+    Merged = Merged == 0xFF ? Max : MergeStatus(Merged, Max);
+  });
   if (Out < nBytes) {  // past 4 GiB: nothing there
     if (pData) memset(pData + Out, 0, nBytes - Out);
     if (pStatus) memset(pStatus + Out, CACHE_UNREADABLE, nBytes - Out);
@@ -203,34 +214,22 @@ U8 CDeviceDataManager::RangeStatus(ZONE_CACHE* z, U32 Addr, U32 nBytes, U8* pDat
 
 void CDeviceDataManager::SetRangeStatus(ZONE_CACHE* z, U32 Addr, U32 nBytes, U8 Status) {
   if (!z) return;
-  U64 Pos = Addr;
-  const U64 End = std::min<U64>(U64(Addr) + nBytes, k4GiB);
-  while (Pos < End) {
-    const U32 Off = U32(Pos & 0xFFFF);
-    const U32 n = U32(std::min<U64>(End - Pos, kPageSize - Off));
+  ForEachPagePiece(Addr, nBytes, [&](U32 Page, U32 Off, U32 n, U32) {
     // Making a range invalid needs no page where none is.
-    if (U8* p = z->Page(U32(Pos >> 16), Status != CACHE_INVALID)) memset(p + kPageSize + Off, Status, n);
-    Pos += n;
-  }
+    if (U8* p = z->Page(Page, Status != CACHE_INVALID)) memset(p + kPageSize + Off, Status, n);
+  });
 }
 
 void CDeviceDataManager::StoreRange(ZONE_CACHE* z, U32 Addr, U32 nBytes, const U8* pData, const U8* pStatus) {
   if (!z) return;
-  U64 Pos = Addr;
-  const U64 End = std::min<U64>(U64(Addr) + nBytes, k4GiB);
-  U32 In = 0;
-  while (Pos < End) {
-    const U32 Off = U32(Pos & 0xFFFF);
-    const U32 n = U32(std::min<U64>(End - Pos, kPageSize - Off));
-    U8* p = z->Page(U32(Pos >> 16), true);
+  ForEachPagePiece(Addr, nBytes, [&](U32 Page, U32 Off, U32 n, U32 In) {
+    U8* p = z->Page(Page, true);
     for (U32 i = 0; i < n; ++i) {
       const bool Good = !pStatus || pStatus[In + i] == 0;
       p[Off + i] = Good ? pData[In + i] : 0;
       p[kPageSize + Off + i] = Good ? CACHE_VALID : CACHE_UNREADABLE;
     }
-    Pos += n;
-    In += n;
-  }
+  });
 }
 
 // A read's answer into the cache: 2, 4 and 8 bytes are a value (swapped on
