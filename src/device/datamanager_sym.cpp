@@ -40,6 +40,18 @@ U64 BytesToValue(const U8* p, U32 n) {
 
 void Error(const char* s) { LogError(QString::fromLatin1(s)); }
 
+// Appends a piece's Size bytes at Off of a buffer of Cap bytes; without room
+// the error sNoRoom and status unreadable, else Status.
+U8 AppendPiece(U8* pOut, U32 Cap, U32& Off, const U8* pPiece, U32 Size, U8 Status, const char* sNoRoom) {
+  if (Off + Size > Cap) {
+    Error(sNoRoom);
+    return CACHE_UNREADABLE;
+  }
+  memcpy(pOut + Off, pPiece, Size);
+  Off += Size;
+  return Status;
+}
+
 }  // namespace
 
 QByteArray CDeviceDataManager::SymPayload(const ELF_SYM_LOC& Loc, U32 nBytes, const QByteArray& sZone) {
@@ -83,13 +95,8 @@ U8 CDeviceDataManager::ReadSymDataFromCache(const ELF_SYM_LOC& Loc, U32 nBytes, 
     }
     if (s <= CACHE_UNREADABLE && Size <= 8) {
       if (s == CACHE_UNREADABLE) memset(v, 0, sizeof v);
-      if (Off + Size > BufSize) {
-        Error("CDeviceDataManager::_ReadSymDataFromCache: output buffer has not enough space.");
-        s = CACHE_UNREADABLE;
-      } else {
-        memcpy(pBuf + Off, v, Size);
-        Off += Size;
-      }
+      s = AppendPiece(pBuf, BufSize, Off, v, Size, s,
+                      "CDeviceDataManager::_ReadSymDataFromCache: output buffer has not enough space.");
     }
     Merged = i ? MergeStatus(Merged, s) : s;
   }
@@ -210,13 +217,8 @@ U8 CDeviceDataManager::ReadSymDataFromTarget(const ELF_SYM_LOC& Loc, U32 nBytes,
       }
     }
     if (s != CACHE_VALID) memset(v, 0, sizeof v);
-    if (Off + Size > nBytes) {
-      Error("CDeviceDataManager::_ReadSymDataFromTarget: not all data bytes were read successfully.");
-      s = CACHE_UNREADABLE;
-    } else {
-      memcpy(pOut + Off, v, Size);
-      Off += Size;
-    }
+    s = AppendPiece(pOut, nBytes, Off, v, Size, s,
+                    "CDeviceDataManager::_ReadSymDataFromTarget: not all data bytes were read successfully.");
     Merged = Any ? MergeStatus(Merged, s) : s;
     Any = true;
   }
