@@ -245,6 +245,11 @@ void OnTargetWrite(int Id, U32 Size) {
 
 void OnTargetFill(int Id) {
   if (!CheckArgCount(Id)) return;
+  if (!CDevice::InstanceIfCreated() || !Device()->IsConnected()) {
+    SetActionError(Id, QStringLiteral("not connected"));
+    SetActionResult(Id, -1);
+    return;
+  }
   const QStringList a = GetActionArgs(Id);
   U64 Addr = 0, Size = 0, Value = 0;
   if (!ArgU64(a.value(0), &Addr) || !ArgU64(a.value(1), &Size) || !ArgU64(a.value(2), &Value) || Size == 0 ||

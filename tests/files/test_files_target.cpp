@@ -38,7 +38,8 @@ TEST_P(FilesOnTarget, EachFormLoadsTheImageAndSavesBackByteForByte) {
   };
   QStringList Lines = {QStringLiteral("Project.SetDevice(\"%1\")").arg(b.sDevice),
                        QStringLiteral("Project.SetHostIF(\"%1\", \"%2\")").arg(b.sHostIF, Rig.Ident()),
-                       "Project.SetTargetIF(\"SWD\")", QStringLiteral("Target.LoadMemory(\"%1\", 0)").arg(f.sHex), "Exec.Connect()",
+                       "Project.SetTargetIF(\"SWD\")", QStringLiteral("Target.LoadMemory(\"%1\", 0)").arg(f.sHex),
+                       "Target.FillMemory(0x20000000, 4, 0)", "Exec.Connect()",
                        QStringLiteral("File.Load(\"%1\")").arg(f.sElf), Save("elf.bin", f.BinBase, Size)};
   for (const QString& sForm : {f.sHex, f.sSrec, f.sBin})
     Lines << QStringLiteral("Target.FillMemory(%1, %2, 0xA5)").arg(Hex(kRam)).arg(Size)
@@ -61,7 +62,7 @@ TEST_P(FilesOnTarget, EachFormLoadsTheImageAndSavesBackByteForByte) {
   }
   EXPECT_TRUE(r.Out.contains(QStringLiteral("Could not open file %1: file contains corrupt data record at line 2").arg(sCorrupt)));
   EXPECT_EQ(ReadAll(Dir.filePath("scratch.bin")), QByteArray(256, char(0x5A)));
-  for (const char* s : {"hex\", 0): not connected", "bin\"): Invalid Address Parameter", "missing.hex\"): file not found",
+  for (const char* s : {"hex\", 0): not connected", "Target.FillMemory (0x20000000, 4, 0): not connected", "bin\"): Invalid Address Parameter", "missing.hex\"): file not found",
                         "x.bin\", 0x00000000, 4): invalid filename", ", abc): invalid parameter"})
     EXPECT_TRUE(r.Out.contains(s)) << s;
 }
