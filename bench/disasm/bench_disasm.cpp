@@ -4,6 +4,7 @@
 // Usage: bench_disasm [rounds] (default 20)
 #include "disasm/instcache.h"
 #include "disasm/instinstall.h"
+#include "elf/elf.h"
 #include "elf/elfapi.h"
 #include "plugins/corehost.h"
 #include "plugins/corewrappers.h"
@@ -12,6 +13,7 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFileInfo>
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 
@@ -59,17 +61,31 @@ int main(int argc, char** argv) {
   t.start();
   DisasmModule::Sync(true);
   const double FillMs = t.nsecsElapsed() / 1e6;
-  const U64 Lo = CElfApi::Instance().GetLowestRunAddr(), Hi = CElfApi::Instance().GetHighestRunAddr();
+  // The span of the executable sections.
+  U64 Lo = ~0ull, Hi = 0;
+  {
+    const ELF_FILE* f = CElfApi::Instance().GetFile();
+    for (int i = 0; i < ELF_GetNumSections(f); ++i)
+      if ((ELF_GetSectionFlags(f, i) & 6) == 6 && ELF_GetSectionSize(f, i)) {
+        Lo = std::min<U64>(Lo, ELF_GetSectionAddr(f, i));
+        Hi = std::max<U64>(Hi, U64(ELF_GetSectionAddr(f, i)) + ELF_GetSectionSize(f, i));
+      }
+  }
   const int Insts = CountInsts(Lo, Hi);
   std::printf("program %s: %d instructions in %llu bytes, %d cache pages\n", qPrintable(Largest.fileName()), Insts,
               (unsigned long long)(Hi - Lo), CORE_NumCachePages());
   std::printf("fill after opening: %.1f ms\n", FillMs);
-  const double Cached = PerSecond(Lo, Hi, Rounds, [](U64 a) { return GetInstSize(a) + IsInstruction(a); });
+  const double Cached = PerSecond(Lo, Hi, Rounds, [](U64 a) {
+    CORE_INST_INFO i;
+    return GetCachedInst(&i, U32(a)) == 0 ? U64(i.Size) : 0;
+  });
+  std::printf("is-instruction (mapping range and cache): %.2f M queries/s\n",
+              PerSecond(Lo, Hi, Rounds, [](U64 a) { return U64(IsInstruction(a)); }) / 1e6);
   const double Plugin = PerSecond(Lo, Hi, std::max(1, Rounds / 10), [](U64 a) {
     const CORE_INST_INFO* p = CORE_AnalyzeInst(a);
     return U64(p ? p->Size : 0);
   });
-  std::printf("size + is-instruction: %.2f M queries/s (plug-in per address: %.2f M/s, ratio %.1f)\n", Cached / 1e6,
+  std::printf("cached analysis: %.2f M queries/s (plug-in per address: %.2f M/s, ratio %.1f)\n", Cached / 1e6,
               Plugin / 1e6, Cached / std::max(1.0, Plugin));
   std::printf("previous instruction: %.2f M queries/s\n", PerSecond(Lo, Hi, Rounds, [](U64 a) {
                 U64 p = 0;

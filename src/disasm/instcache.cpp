@@ -86,9 +86,10 @@ int CompareRange(const void* pKey, const void* pElem) {
 int RangeIndexAt(U64 Addr) {
   for (SECTION& s : g_Sections) {
     if (Addr < s.Addr || Addr >= U64(s.Addr) + s.Size) continue;
-    std::lock_guard<std::mutex> Lock(g_RangeMx);
     U32& Slot = s.aRangeAt[(Addr - s.Addr) / 2];
-    if (Slot != kNoRange) return Slot == kNoRange - 1 ? -1 : int(Slot);
+    // After the first hit: one array access, no lock.
+    if (const U32 v = __atomic_load_n(&Slot, __ATOMIC_RELAXED); v != kNoRange) return v == kNoRange - 1 ? -1 : int(v);
+    std::lock_guard<std::mutex> Lock(g_RangeMx);
     U64 Key = AlignDown(Addr);
     g_pBelow = nullptr;
     const void* p = g_Ranges.empty() ? nullptr
@@ -96,7 +97,7 @@ int RangeIndexAt(U64 Addr) {
     const CODE_RANGE* r = p ? static_cast<const CODE_RANGE*>(p) : g_pBelow;
     // A range of another section does not reach into this one.
     const int Idx = r && r->Addr >= s.Addr ? int(r - g_Ranges.data()) : -1;
-    Slot = Idx < 0 ? kNoRange - 1 : U32(Idx);
+    __atomic_store_n(&Slot, Idx < 0 ? kNoRange - 1 : U32(Idx), __ATOMIC_RELAXED);
     return Idx;
   }
   return -1;
