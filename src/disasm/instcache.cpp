@@ -41,7 +41,8 @@ CORE_INST_INFO* Page(U32 Addr, bool Create) {
 }
 
 const CORE_STATIC_INFO& Info() { return CoreStaticInfo(); }
-U32 Align() { return std::max<U32>(1, Info().InstAlign); }
+// Without a plug-in: the ELF layer's default step of 2.
+U32 Align() { return Info().InstAlign ? Info().InstAlign : 2; }
 U32 MinLen() { return std::max<U32>(1, Info().MinInstLen); }
 U32 MaxLen() { return std::max<U32>(MinLen(), Info().MaxInstLen); }
 U64 AlignDown(U64 a) { return a - a % Align(); }
@@ -454,7 +455,7 @@ void ClearCodeRanges() {
 
 void SetupCodeRanges(const ELF_FILE* hELF) {
   ClearCodeRanges();
-  ELF_SetInstAlignment(Align());
+  if (Info().InstAlign) ELF_SetInstAlignment(Info().InstAlign);
   if (!hELF) return;
   const int nSym = ELF_GetNumSymbols(hELF), nSec = ELF_GetNumSections(hELF);
   std::lock_guard<std::mutex> Lock(g_RangeMx);

@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include <iterator>
+#include <random>
 #include <vector>
 
 namespace {
@@ -172,6 +173,22 @@ TEST(DisasmEdges, SafeStartLimitsAndFallback) {
                                         "Cannot add to instruction cache outside 32-bit address range"}));
   }
   EXPECT_EQ(GetInstTextAndLen(0xF0000000u), 2u) << "a gap moves on by the shortest instruction";
+  // Random addresses, the ends of the address space included: answers stay
+  // in their bounds and every walk moves on.
+  std::mt19937 Rng(7);
+  char Buf[128];
+  for (int n = 0; n < 20000; ++n) {
+    const U64 a = n < 4 ? (n < 2 ? U64(n) * 2 : 0xFFFFFFFEull - (n - 2) * 2) : Rng() & ~1u;
+    U64 x = 0;
+    ASSERT_TRUE(!IsInstruction(a) || GetInstSize(a) == 2 || GetInstSize(a) == 4) << a;
+    ASSERT_LE(GetDataItemLen(a), 4u);
+    ASSERT_GE(GetItemLen(a), 2u);
+    ASSERT_LE(ClipItemLen(a, 4), 4u);
+    ASSERT_LE(GetItemDisplayText(a, Buf, sizeof(Buf)), 4);
+    ASSERT_TRUE(GetPrevInst(a, &x) != 0 || (x < a && a - x <= 4));
+    ASSERT_TRUE(GetNextInst(a, &x) != 0 || (x > a && x - a <= 4));
+    ASSERT_LE(CountInsts(a, a + 64), 32);
+  }
   EXPECT_GT(CORE_NumCachePages(), 0);
   EXPECT_EQ(UnloadCorePlugin(), 0);
   EXPECT_EQ(CORE_NumCachePages(), 0);
