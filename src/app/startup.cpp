@@ -6,6 +6,7 @@
 #include "device/bpmodel.h"
 #include "device/device.h"
 #include "device/module.h"
+#include "disasm/instinstall.h"
 #include "files/filecommands.h"
 #include "log/console.h"
 #include "log/diag.h"
@@ -88,6 +89,21 @@ void InstallModules() {
   FilesModule::Install();
   ProjectModule::SetDeviceSettings(&DeviceModule::ProjectSettings());
   ProjectModule::SetProgramFileLoader(&SessionModule::ProgramFileLoader());
+  // The instruction analysis follows the core plug-in and every program file
+  // opened or closed.
+  DisasmModule::Install();
+  {
+    struct CAnalysedLoader : IProgramFileLoader {
+      int OpenProgramFile(const QString& sFilePath, int ActionId) override {
+        const int r = SessionModule::ProgramFileLoader().OpenProgramFile(sFilePath, ActionId);
+        DisasmModule::Sync();
+        return r;
+      }
+    };
+    static CAnalysedLoader s_Loader;
+    ProjectModule::SetProgramFileLoader(&s_Loader);
+    QObject::connect(&Project(), &CProject::Closed, [] { DisasmModule::Sync(); });
+  }
   static CProjectDialogs s_Dialogs;
   ProjectModule::SetDialogs(&s_Dialogs);
   // Closing the main window: a modified project may be saved first (a cancel

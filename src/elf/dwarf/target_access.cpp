@@ -10,6 +10,7 @@
 namespace {
 CProgramImageAccess s_Image;
 std::atomic<ITargetAccess*> s_pAccess{nullptr};
+std::atomic<IInstructionAnalysis*> s_pAnalysis{nullptr};
 }  // namespace
 
 bool ITargetAccess::ReadRegister(int Stack, int Index, U32 Register, U64& Value) const {
@@ -39,6 +40,12 @@ int CProgramImageAccess::ReadMemory(U32 Address, U32 Size, const QString&, QByte
   Out = QByteArray((const char*)p, (int)Size);
   return TARGET_READ_OK;
 }
+
+IInstructionAnalysis* CProgramImageAccess::GetInstructionAnalysis() const {
+  return m_pAnalysis ? m_pAnalysis : s_pAnalysis.load();
+}
+
+void ELF_SetInstructionAnalysis(IInstructionAnalysis* pAnalysis) { s_pAnalysis.store(pAnalysis); }
 
 void ELF_SetTargetAccess(ITargetAccess* pAccess) { s_pAccess.store(pAccess); }
 

@@ -58,7 +58,8 @@ public:
   bool IsAccessible() const override;
   int ReadMemory(U32 Address, U32 Size, const QString& sZone, QByteArray& Out) override;
   ICallFrameStore* GetFrameStore() const override { return m_pFrames; }
-  IInstructionAnalysis* GetInstructionAnalysis() const override { return m_pAnalysis; }
+  // The one given, else the processor layer's (ELF_SetInstructionAnalysis).
+  IInstructionAnalysis* GetInstructionAnalysis() const override;
 
 private:
   ICallFrameStore* m_pFrames;
@@ -69,5 +70,8 @@ private:
 // before it goes away). nullptr restores the program image. Install once per
 // target, from the thread that owns it.
 void ELF_SetTargetAccess(ITargetAccess* pAccess);
+// The instruction analysis of the processor layer, which every access that
+// was given none answers with (not owned; nullptr removes it).
+void ELF_SetInstructionAnalysis(IInstructionAnalysis* pAnalysis);
 // The installed access, or the program image; never null.
 ITargetAccess& ELF_GetTargetAccess();
