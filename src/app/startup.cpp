@@ -88,9 +88,8 @@ void InstallModules() {
   }
   FilesModule::Install();
   ProjectModule::SetDeviceSettings(&DeviceModule::ProjectSettings());
-  ProjectModule::SetProgramFileLoader(&SessionModule::ProgramFileLoader());
-  // The instruction analysis follows the core plug-in and every program file
-  // opened or closed.
+  // The program files open through the session; the instruction analysis
+  // follows the core plug-in and every program file opened or closed.
   DisasmModule::Install();
   {
     struct CAnalysedLoader : IProgramFileLoader {
