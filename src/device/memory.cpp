@@ -132,9 +132,7 @@ int CDevice::ReadMem(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AccessWidth, U32 Fl
   bool Resume = false;
   if ((Flags & MEM_FLAG_HALT_AROUND) && m_bConnected.load() && !m_bHalted.load()) {
     Flags &= ~MEM_FLAG_HALT_AROUND;
-    m_Probe.VORDENARM_Halt();
-    m_bHalted.store(true);
-    Resume = true;
+    Resume = HaltBeforeMemoryIO() == 0;
   }
   if (ValidateMemoryAccessParams(true, Addr, nBytes, paData, paStatus) < 0) {
     if (paStatus && nBytes) memset(paStatus, 1, nBytes);
@@ -195,9 +193,7 @@ int CDevice::WriteMem(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AccessWidth, U32 F
   bool Resume = false;
   if ((Flags & MEM_FLAG_HALT_AROUND) && m_bConnected.load() && !m_bHalted.load()) {
     Flags &= ~MEM_FLAG_HALT_AROUND;
-    m_Probe.VORDENARM_Halt();
-    m_bHalted.store(true);
-    Resume = true;
+    Resume = HaltBeforeMemoryIO() == 0;
   }
   const bool Download = Flags & MEM_FLAG_DOWNLOAD;
   if (Download) BeginDownload();
@@ -215,9 +211,7 @@ int CDevice::WriteMemMultiple(U32 Cnt, const U32* paAddrRanges, U32 NumBytes, co
   bool Resume = false;
   if ((Flags & MEM_FLAG_HALT_AROUND) && m_bConnected.load() && !m_bHalted.load()) {
     Flags &= ~MEM_FLAG_HALT_AROUND;
-    m_Probe.VORDENARM_Halt();
-    m_bHalted.store(true);
-    Resume = true;
+    Resume = HaltBeforeMemoryIO() == 0;
   }
   const bool Download = Flags & MEM_FLAG_DOWNLOAD;
   if (Download || (Flags & MEM_FLAG_BEGIN_DOWNLOAD)) BeginDownload();
@@ -405,9 +399,13 @@ int CDevice::WriteCPReg(const char* sReg, U64 Value) {
 
 // ---- downloads
 
+// Stops a running target for a memory access that asks for it; the access
+// goes ahead as on a halted target, and ResumeAfterMemoryIO lets it run on.
 int CDevice::HaltBeforeMemoryIO() {
   if (!m_bConnected.load()) return -1;
-  return m_Probe.VORDENARM_Halt() == 0 ? 0 : -1;
+  m_Probe.VORDENARM_Halt();
+  m_bHalted.store(true);
+  return 0;
 }
 
 int CDevice::ResumeAfterMemoryIO() {
