@@ -334,7 +334,7 @@ void CDevice::RunJob(DEVICE_JOB* p) {
     RecycleJob(p);
     if (m_bHaltReportDue) {
       m_bHaltReportDue = false;
-      PostJobEvent(JT_HALT, 0, 0, I64(m_PC.load()), HALT_REASON_UNKNOWN);
+      PostJobEvent(JT_HALT, 0, 0, I64(m_PC.load()), HALT_REASON_PLAIN);
     }
     return;
   }
@@ -344,7 +344,7 @@ void CDevice::RunJob(DEVICE_JOB* p) {
   // A target found halted by the connection is reported after it.
   if (m_bHaltReportDue) {
     m_bHaltReportDue = false;
-    PostJobEvent(JT_HALT, 0, 0, I64(m_PC.load()), HALT_REASON_UNKNOWN);
+    PostJobEvent(JT_HALT, 0, 0, I64(m_PC.load()), HALT_REASON_PLAIN);
   }
 }
 
@@ -364,9 +364,9 @@ I64 CDevice::ExecuteJob(DEVICE_JOB* p) {
   switch (p->Type) {
     case JT_CONNECT: return Connect(CONNECT_MODES(p->Arg0));
     case JT_DISCONNECT: return Disconnect();
-    case JT_RESET: return Reset();
+    case JT_RESET: return Reset(RESET_MODES(p->Arg0));
     case JT_HALT: return Halt();
-    case JT_CONTINUE: return Go();
+    case JT_CONTINUE: return Continue();
     case JT_STEP_INST: return StepInst();
     case JT_EXEC_VORDEN_CMD: {
       char* acOut = static_cast<char*>(p->apDynParam[1]);
@@ -430,109 +430,6 @@ I64 CDevice::ExecuteJob(DEVICE_JOB* p) {
     case JT_CLEAR_ALL_TPS: return ClearAllTracepoints();
     default: return p->Type > JT_SET_SH_INPUT_TEXT ? -1 : -1;
   }
-}
-
-// ---- halt state (the poll; the full halt sequence comes with run control)
-
-void CDevice::CheckHandleHalt() {
-  if (!m_bConnected.load() || !ProbeOpen()) return;
-  const qint64 Now = NowMs();
-  if (m_bRunning.load()) {
-    if (Now - m_LastHaltPollMs < 50) return;
-    m_LastHaltPollMs = Now;
-    const int r = m_Probe.VORDENARM_IsHalted();
-    if (r < 0) return OnInvalidHaltStatus();
-    if (r == 0) return;
-    OnHaltDetected(true);
-    return;
-  }
-  if (m_bHalted.load() && Now - m_LastRunCheckMs >= 5000) {
-    m_LastRunCheckMs = Now;
-    const int r = m_Probe.VORDENARM_IsHalted();
-    if (r < 0) return OnInvalidHaltStatus();
-    if (r == 0) {
-      m_bRunning.store(true);
-      m_bHalted.store(false);
-      m_bHaltReported.store(false);
-      PostJobEvent(JT_CONTINUE, 0, RESUME_CONTINUE, 0, 0);
-    }
-  }
-}
-
-void CDevice::OnHaltDetected(bool Report) {
-  m_bRunning.store(false);
-  m_bHalted.store(true);
-  U64 Pc = 0;
-  ReadReg(VORDENARM_REG_PC, &Pc);
-  m_PC.store(U32(Pc));
-  if (!m_bReportHalts.load()) return;
-  m_bHaltReported.store(true);
-  if (Report) PostJobEvent(JT_HALT, 0, 0, I64(U32(Pc)), HALT_REASON_UNKNOWN);
-  else m_bHaltReportDue = true;
-}
-
-void CDevice::OnInvalidHaltStatus() {
-  m_bConnectionLost.store(true);
-  CancelJobs(JT_ALL, QUEUE_SEL_ALL);
-  PostDeviceEvent(DEV_EVENT_CONNECTION_LOST);
-}
-
-void CDevice::ResetState() {
-  m_bHalted.store(false);
-  m_bHaltReported.store(false);
-  m_bRunning.store(false);
-  m_bSourceStep.store(false);
-  m_PC.store(0);
-}
-
-int CDevice::Halt() {
-  if (!m_bConnected.load()) return -1;
-  if (m_Probe.VORDENARM_Halt() != 0) {
-    DeviceLogError("Halt: VORDEN API call failed");
-    return -1;
-  }
-  m_bReportHalts.store(true);
-  OnHaltDetected(true);
-  return 0;
-}
-
-int CDevice::Go() {
-  if (!m_bConnected.load()) return -1;
-  m_Probe.VORDENARM_GoEx(0, VORDENARM_GO_FLAG_OVERSTEP_BP);
-  m_bHalted.store(false);
-  m_bHaltReported.store(false);
-  m_bRunning.store(true);
-  m_LastHaltPollMs = NowMs();
-  return 0;
-}
-
-int CDevice::StepInst() {
-  if (!m_bConnected.load() || !m_bHalted.load()) return -1;
-  if (m_Probe.VORDENARM_Step() != 0) {
-    DeviceLogError("Step: VORDEN API call failed");
-    return -1;
-  }
-  U64 Pc = 0;
-  ReadReg(VORDENARM_REG_PC, &Pc);
-  m_PC.store(U32(Pc));
-  m_bHaltReported.store(true);
-  return 0;
-}
-
-int CDevice::Reset() {
-  if (!m_bConnected.load()) return -1;
-  if (m_Probe.VORDENARM_Reset() != 0) {
-    DeviceLogError("Reset: VORDEN API call failed");
-    return -1;
-  }
-  m_bRunning.store(false);
-  m_bHalted.store(true);
-  U64 Pc = 0;
-  ReadReg(VORDENARM_REG_PC, &Pc);
-  m_PC.store(U32(Pc));
-  m_bReportHalts.store(true);
-  m_bHaltReported.store(true);
-  return 0;
 }
 
 // ---- waiting

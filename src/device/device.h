@@ -10,6 +10,7 @@
 #include "device/job.h"
 #include "device/listener.h"
 #include "device/probe_funcs.h"
+#include "device/runstate.h"
 
 #include <QString>
 #include <QThread>
@@ -74,7 +75,12 @@ class CDevice : public QThread {
   int PostHalt();
   int PostContinue();
   int PostStepInst();
-  int PostReset();
+  // JT_STEP_INST, JT_STEP_INTO, JT_STEP_OVER or JT_STEP_OUT; -1 for another type.
+  int PostStep(U32 Type);
+  // JT_RUN_TO: Arg0 the address.
+  int PostRunTo(U32 Addr);
+  // JT_RESET: Arg0 the mode (RM_RESET_HARDWARE_ONLY: the hardware reset alone).
+  int PostReset(RESET_MODES Mode = RM_RESET_HALT);
   int PostConfigure(const char* sXml);
   int PostSetConfigParam(DEV_CONFIG_PARAMS Param, int Value);
   int PostSetConfigParam(DEV_CONFIG_PARAMS Param, const char* sValue);
@@ -182,11 +188,62 @@ class CDevice : public QThread {
   // Chunk size of a download at the configured interface speed.
   U32 DownloadChunkSize() const;
 
-  // ---- run control (minimal: halt, resume, step, reset and the halt poll)
+  // ---- run control (worker; runcontrol.cpp). -1 after the logged message.
+  int Continue();
   int Halt();
-  int Go();
+  int Reset(RESET_MODES Mode);
+  int ResetHardware();
+  // Runs to Addr through the hidden breakpoint (or a user breakpoint there);
+  // 1 when the target was resumed, -1 when it could not be.
+  int RunTo(U64 Addr);
+  int StepInstBasic();
   int StepInst();
-  int Reset();
+  // Worker: asks the probe (at most every 51 ms); other threads read Halted.
+  bool IsTargetHaltedNow();
+  // -2 no answer yet (too soon), -1 invalid, 0 running, 1 halted.
+  int PollTargetHaltStatus(U32 MinQueryIntervalMS);
+  int SetTargetExecState(U64 PC, U64 SP);
+  void ResetTargetExecState();
+  void CheckHandleResume(int TargetHaltState);
+  void CheckHandleNotifications();
+  void OnHalted();
+  void OnStepped();
+  void OnDeviceBPConditionEvaluated(U64 PC, bool CondMet);
+  bool TestConnectionLost();
+  bool IsHaltedAtBreakpoint(U64 PC);
+  int CompleteSrcStepAndContHaltSeq(U32 PC);
+  int EvalBPCondAndContinueHaltSeq(U32 PC);
+  void HandleUnconditionalHalt();
+  int FinishReset(RESET_MODES ResetMode);
+  // Connected, halted, no hidden breakpoint in force; logs why not.
+  bool CanStep();
+
+  // ---- source stepping (worker; srcstep.cpp). 1 running towards a hidden
+  // breakpoint, 0 finished, -1 could not step.
+  int StepInto();
+  int StepIntoSimple();
+  int StepOver(U8 DoStoreContext);
+  // 0 complete, 1 a function was entered, 2 circular sequence, 3 count used up, -1 failed.
+  int StepOverSimple(int MaxSingleSteps);
+  int StepOut();
+  int StepOutSimple();
+  int CompleteSrcStepOnHiddenBP(U32 PC);
+
+  // ---- notification words (any thread writes one; the worker takes it in
+  // its next round). ~0 = empty.
+  void SetConditionWord(U64 PcAndMet) { m_CondWord.store(PcAndMet); Wake(); }
+  void SetConnectWord(U64 Mode) { m_ConnectWord.store(Mode); Wake(); }
+  void SetResetWord(U64 Mode) { m_ResetWord.store(Mode); Wake(); }
+  // Halt reports go to listeners only while this is set (off during download
+  // and the start of a session).
+  void SetReportHalts(bool On);
+  bool ReportHalts() const { return m_bReportHalts.load(); }
+  // A copy of the execution state (any thread).
+  DEVICE_EXEC_STATE ExecState() const;
+  // The unwinder's return address of frame 0 for the current halt (any thread).
+  void SetReturnAddr(U64 Addr);
+  U32 LastResetMode() const { return m_LastResetMode.load(); }
+  U32 PendingOp() const { return m_PendingOp.load(); }
 
   // ---- breakpoint tables (written on the worker, breakpoints.cpp; the GUI
   // thread reads them without a lock and reads again on each change report)
@@ -251,6 +308,8 @@ class CDevice : public QThread {
   bool IsTargetHalted() const { return m_bHalted.load(); }
   bool IsRunning() const { return m_bRunning.load(); }
   bool IsSourceStepInProgress() const { return m_bSourceStep.load(); }
+  bool IsHaltSeqActive() const { return m_bHaltSeqActive.load(); }
+  bool IsUserHaltPending() const { return m_bUserHaltPending.load(); }
   U32 CurrentPC() const { return m_PC.load(); }
   bool IsWorkerRunning() const { return isRunning() && !m_bStop.load(); }
   bool IsWorkerThread() const;
@@ -304,8 +363,16 @@ class CDevice : public QThread {
   std::atomic<Qt::HANDLE> m_WorkerThread{nullptr};
 
   std::atomic<bool> m_bConnected{false}, m_bConnectionLost{false}, m_bHalted{false}, m_bHaltReported{false},
-      m_bRunning{false}, m_bSourceStep{false}, m_bReportHalts{false};
+      m_bRunning{false}, m_bSourceStep{false}, m_bReportHalts{false}, m_bHaltSeqActive{false},
+      m_bUserHaltPending{false};
   std::atomic<U32> m_PC{0};
+  // Execution state: written by the worker under m_ExecMx, copied by readers.
+  mutable std::mutex m_ExecMx;
+  DEVICE_EXEC_STATE m_Exec;
+  std::atomic<U32> m_PendingOp{0}, m_LastResetMode{0};
+  DEVICE_BP m_SavedBP = {};          // worker only: the user's entry a hidden breakpoint replaced
+  STEP_CONTEXT m_StepCtx = {};       // worker only
+  std::atomic<U64> m_CondWord{~0ull}, m_ConnectWord{~0ull}, m_ResetWord{~0ull};
   DEVICE_BP m_aBP[DEVICE_MAX_BPS] = {};
   WP m_aWP[DEVICE_MAX_WPS] = {};
   TP m_aTP[DEVICE_MAX_TPS] = {};

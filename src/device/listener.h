@@ -11,10 +11,16 @@ struct WP;
 enum CONNECT_MODES : int {
   CM_DOWNLOAD_RESET = 0, CM_ATTACH = 1, CM_ATTACH_HALT = 2, CM_PROBE_ONLY = 3, CM_PROBE_ONLY_SILENT = 4
 };
-enum RESUME_MODES : int { RESUME_CONTINUE = 0, RESUME_STEP = 1, RESUME_RUN_TO = 2 };
-enum HALT_REASONS : int { HALT_REASON_RESET = 0, HALT_REASON_PC_WRITE = 1, HALT_REASON_BREAKPOINT = 2,
-                          HALT_REASON_USER = 3, HALT_REASON_STEP = 4, HALT_REASON_UNKNOWN = 5 };
-enum RESET_MODES : int { RM_RESET = 0 };
+enum RESUME_MODES : int { RESUME_CONTINUE = 0, RESUME_RUN_TO = 1 };
+// Why a halt report came: a plain halt (user halt, reset, a halt found by the
+// poll), the PC written, a user breakpoint, a run-to reached.
+enum HALT_REASONS : int { HALT_REASON_PLAIN = 0, HALT_REASON_RESET = 0, HALT_REASON_PC_WRITE = 1,
+                          HALT_REASON_BREAKPOINT = 2, HALT_REASON_RUN_TO = 3 };
+// 0-2 the user's reset modes; 3 and 5 are report values only (3 the first
+// reset of a session, hardware reset by a script; 5 the execution state set
+// by hand); 4 is the job argument of a hardware reset alone, without report.
+enum RESET_MODES : int { RM_RESET_HALT = 0, RM_BREAK_AT_SYMBOL = 1, RM_RESET_AND_RUN = 2, RM_RESET_SESSION = 3,
+                         RM_RESET_HARDWARE_ONLY = 4, RM_EXEC_STATE_SET = 5 };
 enum DOWNLOAD_MODES : int { DM_PLAIN = 0 };
 
 class CDeviceEventListener {

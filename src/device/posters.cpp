@@ -46,8 +46,23 @@ int CDevice::PostStepInst() {
   return ScheduleJob(&j);
 }
 
-int CDevice::PostReset() {
+int CDevice::PostReset(RESET_MODES Mode) {
   DEVICE_JOB j = Make(JT_RESET);
+  j.Arg0 = U64(Mode);
+  return ScheduleJob(&j);
+}
+
+int CDevice::PostStep(U32 Type) {
+  if (!IsStepJob(Type)) return -1;
+  PostDeviceEvent(DEV_EVENT_ABOUT_TO_STEP);
+  DEVICE_JOB j = Make(Type);
+  return ScheduleJob(&j);
+}
+
+int CDevice::PostRunTo(U32 Addr) {
+  PostDeviceEvent(DEV_EVENT_ABOUT_TO_RESUME, RESUME_RUN_TO);
+  DEVICE_JOB j = Make(JT_RUN_TO);
+  j.Arg0 = Addr;
   return ScheduleJob(&j);
 }
 
