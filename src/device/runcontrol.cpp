@@ -132,6 +132,11 @@ void CDevice::CheckHandleNotifications() {
   if (Connect != ~0ull) {
     FinishConnect(CONNECT_MODES(int(Connect)));
     PostJobEvent(JT_CONNECT, m_bConnected.load() ? 0 : 1, Connect, I64(m_PC.load()), 0);
+    // A target that the connection found standing is reported after it.
+    if (m_bHaltReportDue) {
+      m_bHaltReportDue = false;
+      PostJobEvent(JT_HALT, 0, 0, I64(m_PC.load()), HALT_REASON_PLAIN);
+    }
   }
   const U64 Reset = m_ResetWord.exchange(~0ull);
   if (Reset != ~0ull) {
