@@ -46,11 +46,16 @@ class CDeviceFixture : public ::testing::TestWithParam<BACKEND> {
   // has ended with the target standing; false after Ms.
   bool WaitHalted(int Ms = 5000) {
     Idle();
-    QElapsedTimer t;
-    auto Stopped = [] { return Device()->HaltReported() && !Device()->IsHaltSeqActive(); };
-    for (t.start(); !Stopped() && t.elapsed() < Ms;) DeviceModule::WaitUntilIdle(20);
+    WaitFor([] { return Device()->HaltReported() && !Device()->IsHaltSeqActive(); }, Ms);
     Idle();
     return Device()->HaltReported();
+  }
+  // Delivers reports until Done() holds; false after Ms.
+  template <class F>
+  static bool WaitFor(F Done, int Ms) {
+    QElapsedTimer t;
+    for (t.start(); !Done() && t.elapsed() < Ms;) DeviceModule::WaitUntilIdle(20);
+    return Done();
   }
   // Resumes: the PC of the next halt, or 0 when it still ran after Ms (then halted).
   U32 Go(int Ms = 5000) {

@@ -76,12 +76,8 @@ TEST_P(RunControl, BreakpointHaltRunsTheSequenceAndReportsReasonTwo) {
   Rec.Halts.clear(), Rec.Log.clear();
   ASSERT_EQ(Go(), Work);
   EXPECT_EQ(Rec.Halts, (HALTS{{Work, 2}}));
-  int At = -1;
-  for (const char* s : {"Resuming target...", "Target has halted. Evaluating halt conditions...",
-                        "Target has halted and all halt conditions were passed"}) {
-    EXPECT_GT(Rec.Log.indexOf(s, At + 1), At) << s << " in order";
-    At = std::max(At, int(Rec.Log.indexOf(s, At + 1)));
-  }
+  EXPECT_TRUE(Rec.Logged("Resuming target...") && Rec.Logged("Target has halted. Evaluating halt conditions...") &&
+              Rec.Logged("Target has halted and all halt conditions were passed"));
   EXPECT_EQ(Device()->GetBreakpoint(Work).HitCount, 1u);
   const DEVICE_EXEC_STATE e = Device()->ExecState();  // PC, SP, and the function from the symbol layer
   EXPECT_TRUE(e.PC == Work && e.PCStatus == EXEC_STATUS_VALID && e.FuncStart == Work && e.FuncEnd > Work && e.CurrLine > 0);
@@ -125,8 +121,7 @@ TEST_P(RunControl, ResetHaltsAtTheResetHandlerAndTheResetWordWorksUnconnected) {
   EXPECT_TRUE(Device()->CurrentPC() == Sym("Reset_Handler") && Device()->HaltReported() && !Device()->IsRunning());
   Device()->PostDisconnect(), Idle();
   Device()->SetResetWord(RM_RESET_HALT);  // FinishReset runs anyway; its exec state fails
-  QElapsedTimer t;
-  for (t.start(); Rec.Resets.size() < 2 && t.elapsed() < 2000;) DeviceModule::WaitUntilIdle(20);
+  WaitFor([&] { return Rec.Resets.size() >= 2; }, 2000);
   EXPECT_TRUE(Rec.Resets.size() == 2 && Rec.Resets[1].second == 1 && Rec.Logged("SetTargetExecState: not connected"));
   ConnectAndDownload();
 }
@@ -158,9 +153,7 @@ TEST_P(RunControl, UserHaltStopsAtAFalseCondition) {
   const U32 Work = Sym("Work");
   SetBPWith(Work, "0");
   Device()->PostContinue(), Idle();
-  QElapsedTimer t;
-  for (t.start(); Device()->GetBreakpoint(Work).HitCount < 3 && t.elapsed() < 5000;) DeviceModule::WaitUntilIdle(20);
-  ASSERT_TRUE(Device()->GetBreakpoint(Work).HitCount >= 3 && !Device()->HaltReported()) << "asked, and went on";
+  ASSERT_TRUE(WaitFor([&] { return Device()->GetBreakpoint(Work).HitCount >= 3; }, 5000) && !Device()->HaltReported());
   Device()->PostHalt();
   EXPECT_TRUE(WaitHalted(2000));
   const U64 Hits = Device()->GetBreakpoint(Work).HitCount;
@@ -187,7 +180,7 @@ TEST_P(RunControl, DeadServerGivesConnectionLostInTime) {
   QElapsedTimer t;
   t.start();
   kill(Rig->Qemu()->pid, SIGKILL);
-  while (Rec.Lost == 0 && t.elapsed() < 5000) DeviceModule::WaitUntilIdle(20);
+  WaitFor([&] { return Rec.Lost > 0; }, 5000);
   EXPECT_TRUE(Rec.Lost == 1 && t.elapsed() < 2000) << t.elapsed();
   EXPECT_TRUE(Rec.Logged("Invalid connection status received") && Device()->IsConnectionLost());
   Device()->PostContinue(), Idle();
