@@ -32,6 +32,8 @@ QString Hex(U64 v) { return QStringLiteral("0x%1").arg(v, 8, 16, QLatin1Char('0'
 void BP_SetSourceLineReader(const BP_LINE_READER& Reader) { g_LineReader = Reader; }
 
 void CBreakpointInfo::TakeEditFields(const CBreakpointInfo& o) {
+  // Another condition has no value to compare with yet.
+  if (Condition != o.Condition || TriggerOnChange != o.TriggerOnChange) LastCondValue = ~0ull;
   Condition = o.Condition;
   TriggerOnChange = o.TriggerOnChange;
   TaskName = o.TaskName;

@@ -60,10 +60,10 @@ class RunControl : public devtest::CDeviceFixture {
     return v;
   }
   // A breakpoint with edit fields, set through the model as the window does.
-  void SetBPWith(U32 a, const QString& sCond, int Skip = 0, bool Reload = false) {
+  void SetBPWith(U32 a, const QString& sCond, int Skip = 0, bool Reload = false, bool OnChange = false) {
     SetBP(a);
     CBreakpointInfo i;
-    i.Addr = a, i.Condition = sCond, i.SkipCount = Skip, i.ReloadSkip = Reload;
+    i.Addr = a, i.Condition = sCond, i.SkipCount = Skip, i.ReloadSkip = Reload, i.TriggerOnChange = OnChange;
     ASSERT_TRUE(CBreakpointsDataModel::Instance().Edit(i));
   }
   int GoCalls() const { return Calls().filter(QRegularExpression("^VORDENARM_GoEx")).size(); }
@@ -140,12 +140,12 @@ TEST_P(RunControl, ConditionsStopWhereTheyHoldWithOneResumePerUnmetHit) {
   const U32 c = Word("g_counter");
   EXPECT_EQ(Go(), Work);
   EXPECT_EQ(Word("g_counter"), c + 1);
-  for (bool Reload : {false, true}) {  // skip count 2
+  for (int Mode : {0, 1, 2}) {  // skip count 2 without and with reload; when g_counter / 3 changes
     Device()->PostReset(RM_RESET_HALT), Device()->PostResetBPs();
-    SetBPWith(Work, "", 2, Reload);
+    SetBPWith(Work, Mode == 2 ? "g_counter / 3" : "", Mode == 2 ? 0 : 2, Mode == 1, Mode == 2);
     std::vector<U32> Stops;
     for (int i = 0; i < 3 && Go() == Work; ++i) Stops.push_back(Word("g_counter"));
-    EXPECT_EQ(Stops, Reload ? (std::vector<U32>{3, 6, 9}) : (std::vector<U32>{3, 4, 5}));
+    EXPECT_EQ(Stops, Mode ? (std::vector<U32>{3, 6, 9}) : (std::vector<U32>{3, 4, 5})) << Mode;
   }
 }
 
