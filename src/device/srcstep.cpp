@@ -264,6 +264,7 @@ int CDevice::StepOverSimple(int MaxSingleSteps) {
       U64 Ret = Last + InstSizeAt(this, Last);
       if (Ret < 0x100000000ull) Ret -= Ret % InstAlignment();
       c.ReturnAddr = Ret, c.ReturnAddrStatus = EXEC_STATUS_VALID;
+      SetReturnAddr(Ret);
       DeviceLogDebug(Unknown ? "Unknown function was entered" : "Function was entered");
       R = 1;
       break;
