@@ -89,6 +89,14 @@ U32 InstSizeAt(CDevice* d, U64 Addr) {
   return Top == 0x1D || Top == 0x1E || Top == 0x1F ? 4 : 2;
 }
 
+// The execution state of the current halt, read anew when the halt sequence
+// has not stored it.
+void EnsureExecState(CDevice* d) {
+  const DEVICE_EXEC_STATE s = d->ExecState();
+  if (s.PCStatus != EXEC_STATUS_VALID || s.SPStatus != EXEC_STATUS_VALID || U32(s.PC) != d->CurrentPC())
+    d->SetTargetExecState(0, 0);
+}
+
 }  // namespace
 
 void CDevice::StoreContext() {
@@ -122,6 +130,7 @@ int CDevice::StepInto() {
   if (!CanStep()) return -1;
   DeviceLogDebug("-------------------- Step Into -------------------------");
   m_bSourceStep.store(true);
+  EnsureExecState(this);
   StepIntoSimple();
   FinishSrcStep();
   return 0;
@@ -203,7 +212,7 @@ int CDevice::StepOver(U8 DoStoreContext) {
   if (!CanStep()) return -1;
   DeviceLogDebug("-------------------- Step Over -------------------------");
   m_bSourceStep.store(true);
-  if (DoStoreContext) StoreContext();
+  if (DoStoreContext) EnsureExecState(this), StoreContext();
   int R = StepOverSimple(2);
   if (R > 0) {
     if (const U64 T = FindStepOverTarget(m_StepCtx.PC, m_StepCtx.Loc); T && ContinueStepAt(T, JT_STEP_OVER)) return 1;
@@ -291,6 +300,7 @@ int CDevice::StepOut() {
   DeviceLogDebug("-------------------- Step Out -------------------------");
   PostDeviceEvent(DEV_EVENT_SET_STATUS_MSG, 0, 0, "Stepping out...");
   m_bSourceStep.store(true);
+  EnsureExecState(this);
   const DEVICE_EXEC_STATE s = ExecState();
   if (s.ReturnAddrStatus == EXEC_STATUS_VALID && ContinueStepAt(s.ReturnAddr, JT_STEP_OUT)) return 1;
   StepOutSimple();
