@@ -19,14 +19,14 @@ void Measure(const devtest::BACKEND& b, int Steps) {
   IDeviceProjectSettings& p = DeviceModule::ProjectSettings();
   p.SetDevice(b.sDevice), p.SetHostIF(b.sHostIF, Rig.Ident()), p.SetTargetIF("SWD");
   if (!devtest::ConnectAndDownload(devtest::SourcePath(steptest::kElf))) return (void)printf("%-5s connect failed\n", b.sName);
-  const steptest::PROGRAM& P = steptest::Program();
-  const U32 Last = P.Addr("CALL_IRQ");
+  using steptest::Line;
+  const U32 Last = steptest::Addr("CALL_IRQ");
   std::vector<double> PlainMs, CallMs;
   while (int(PlainMs.size() + CallMs.size()) < Steps) {
     if (!steptest::RunToTag("ONE_INST")) return (void)printf("%-5s cannot reach the first line\n", b.sName);
     for (U32 Pc = Device()->CurrentPC(); Pc < Last && int(PlainMs.size() + CallMs.size()) < Steps;) {
-      const bool Call = P.LineAt(Pc) == P.Line("CALL_PLAIN") || P.LineAt(Pc) == P.Line("CALL_NODEBUG") ||
-                        P.LineAt(Pc) == P.Line("CALL_RECURSE");
+      const int L = steptest::LineAt(Pc);
+      const bool Call = L == Line("CALL_PLAIN") || L == Line("CALL_NODEBUG") || L == Line("CALL_RECURSE");
       QElapsedTimer t;
       t.start();
       Device()->PostStep(JT_STEP_OVER);

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "device/device.h"
-#include "device/loadimage.h"
 #include "device/module.h"
 #include "device/projectsettings.h"
 #include "fake_probe.h"
@@ -73,21 +72,7 @@ class DeviceBreakpoints : public ::testing::TestWithParam<devtest::BACKEND> {
     Idle();
   }
   void Idle() { ASSERT_EQ(DeviceModule::WaitUntilIdle(20000), 0); }
-  // Connects, and downloads the firmware as the download command does.
-  void ConnectAndDownload() {
-    Device()->PostConnect(CM_DOWNLOAD_RESET);
-    Idle();
-    ASSERT_TRUE(Device()->IsConnected());
-    std::vector<DEV_LOAD_BLOCK> Blocks;
-    ASSERT_TRUE(DEV_ReadLoadSegments(devtest::SourcePath(GetParam().sFirmware), &Blocks, nullptr));
-    Device()->PostHalt();
-    for (const DEV_LOAD_BLOCK& b : Blocks) {
-      const U32 r[2] = {b.LoadAddr, b.LoadAddr + U32(b.Data.size())};
-      Device()->PostWriteMemMultiple(1, r, r[1] - r[0], (const U8*)b.Data.constData(), 0, AW_ANY, MEM_FLAG_BEGIN_DOWNLOAD);
-    }
-    Device()->PostEndDownload("fw", 0), Device()->PostReset();
-    Idle();
-  }
+  void ConnectAndDownload() { ASSERT_TRUE(devtest::ConnectAndDownload(devtest::SourcePath(GetParam().sFirmware))); }
   // Resumes and waits for a halt: the PC, or 0 when it still runs.
   U32 RunToHalt(int Ms = 5000) {
     Device()->PostContinue();
