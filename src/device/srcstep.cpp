@@ -212,7 +212,8 @@ int CDevice::StepOver(U8 DoStoreContext) {
   if (!CanStep()) return -1;
   DeviceLogDebug("-------------------- Step Over -------------------------");
   m_bSourceStep.store(true);
-  if (DoStoreContext) EnsureExecState(this), StoreContext();
+  EnsureExecState(this);
+  if (DoStoreContext) StoreContext();
   int R = StepOverSimple(2);
   if (R > 0) {
     if (const U64 T = FindStepOverTarget(m_StepCtx.PC, m_StepCtx.Loc); T && ContinueStepAt(T, JT_STEP_OVER)) return 1;
