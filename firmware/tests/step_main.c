@@ -78,6 +78,7 @@ int main(void) {
   nodebug_work();  /* CALL_NODEBUG */
   g_sink = 5;  /* AFTER_NODEBUG */
   g_sink = recurse(3);  /* CALL_RECURSE */
+  if (recurse(1) == 2) g_sink = 6;  /* CALL_BRANCH */
   irq_scene();  /* CALL_IRQ */
   spin();
 }
