@@ -18,7 +18,7 @@ void Measure(const devtest::BACKEND& b, int Steps) {
   devtest::CTargetRig Rig(b);
   IDeviceProjectSettings& p = DeviceModule::ProjectSettings();
   p.SetDevice(b.sDevice), p.SetHostIF(b.sHostIF, Rig.Ident()), p.SetTargetIF("SWD");
-  if (!devtest::ConnectAndDownload(devtest::SourcePath(steptest::kElf))) return (void)printf("%-5s connect failed\n", b.sName);
+  if (!steptest::ConnectAndDownload()) return (void)printf("%-5s connect failed\n", b.sName);
   using steptest::Line;
   const U32 Last = steptest::Addr("CALL_IRQ");
   std::vector<double> PlainMs, CallMs;

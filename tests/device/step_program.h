@@ -4,6 +4,7 @@
 // loaded as the debugger loads them; the run to a tagged line.
 #pragma once
 #include "device/device.h"
+#include "device/loadimage.h"
 #include "device/module.h"
 #include "disasm/instinstall.h"
 #include "elf/dwarf/debuginfo.h"
@@ -46,7 +47,8 @@ inline int LineAt(U32 a) {
 
 // The device and instruction analysis modules, the program, the ARM plug-in.
 inline bool LoadProgramAndPlugin() {
-  UseNoCoreProject();
+  static CNoCoreProject s_Project;
+  CORE_SetProject(&s_Project);
   DisasmModule::Install();
   DeviceModule::Install();
   DWARF_Install();
@@ -56,12 +58,28 @@ inline bool LoadProgramAndPlugin() {
   return true;
 }
 
-// Until the reports are delivered, no step runs and a halt is reported; false after 10 s.
+// Connects with the project's settings and downloads the program as the
+// download command does, ending halted after a reset; false on failure.
+inline bool ConnectAndDownload() {
+  Device()->PostConnect(CM_DOWNLOAD_RESET);
+  if (DeviceModule::WaitUntilIdle(20000) != 0 || !Device()->IsConnected()) return false;
+  std::vector<DEV_LOAD_BLOCK> Blocks;
+  if (!DEV_ReadLoadSegments(devtest::SourcePath(kElf), &Blocks, nullptr)) return false;
+  Device()->PostHalt();
+  for (const DEV_LOAD_BLOCK& b : Blocks) {
+    const U32 r[2] = {b.LoadAddr, b.LoadAddr + U32(b.Data.size())};
+    Device()->PostWriteMemMultiple(1, r, r[1] - r[0], (const U8*)b.Data.constData(), 0, AW_ANY, MEM_FLAG_BEGIN_DOWNLOAD);
+  }
+  Device()->PostEndDownload("fw", 0), Device()->PostReset(RM_RESET_HALT);
+  return DeviceModule::WaitUntilIdle(20000) == 0;
+}
+
+// Until no step and no halt sequence runs, a halt is reported and the reports are delivered; false after 10 s.
 inline bool WaitHalted() {
   QElapsedTimer t;
   for (t.start(); t.elapsed() < 10000;)
-    if (DeviceModule::WaitUntilIdle(100) == 0 && !Device()->IsSourceStepInProgress() && Device()->HaltReported() &&
-        Device()->IsTargetHalted())
+    if (DeviceModule::WaitUntilIdle(100) == 0 && !Device()->IsSourceStepInProgress() && !Device()->IsHaltSeqActive() &&
+        Device()->HaltReported() && Device()->IsTargetHalted() && DeviceModule::WaitUntilIdle(100) == 0)
       return true;
   return false;
 }

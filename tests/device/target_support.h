@@ -127,25 +127,3 @@ inline QByteArray ReadFileText(const QString& sPath) {
   return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
 }
 }  // namespace devtest
-
-#include "device/device.h"
-#include "device/loadimage.h"
-#include "device/module.h"
-
-namespace devtest {
-// Connects with the project's settings and downloads a program as the
-// download command does, ending halted after a reset; false on failure.
-inline bool ConnectAndDownload(const QString& sElf) {
-  Device()->PostConnect(CM_DOWNLOAD_RESET);
-  if (DeviceModule::WaitUntilIdle(20000) != 0 || !Device()->IsConnected()) return false;
-  std::vector<DEV_LOAD_BLOCK> Blocks;
-  if (!DEV_ReadLoadSegments(sElf, &Blocks, nullptr)) return false;
-  Device()->PostHalt();
-  for (const DEV_LOAD_BLOCK& b : Blocks) {
-    const U32 r[2] = {b.LoadAddr, b.LoadAddr + U32(b.Data.size())};
-    Device()->PostWriteMemMultiple(1, r, r[1] - r[0], (const U8*)b.Data.constData(), 0, AW_ANY, MEM_FLAG_BEGIN_DOWNLOAD);
-  }
-  Device()->PostEndDownload("fw", 0), Device()->PostReset();
-  return DeviceModule::WaitUntilIdle(20000) == 0;
-}
-}  // namespace devtest

@@ -32,7 +32,8 @@ class Disasm : public ::testing::TestWithParam<std::string> {
  protected:
   static void SetUpTestSuite() {
     NewTestApp<QCoreApplication>();
-    UseNoCoreProject();
+    static CNoCoreProject s_Project;
+    CORE_SetProject(&s_Project);
     DisasmModule::Install();
   }
   void SetUp() override {
@@ -137,7 +138,8 @@ INSTANTIATE_TEST_SUITE_P(Corpus, Disasm, ::testing::Values("app-dwarf4-O0.elf", 
 // Safe start, the walk at a gap, the limits and the fall-back without a plug-in.
 TEST(DisasmEdges, SafeStartLimitsAndFallback) {
   NewTestApp<QCoreApplication>();
-  UseNoCoreProject();
+  static CNoCoreProject s_Project;
+  CORE_SetProject(&s_Project);
   DisasmModule::Install();
   const std::string Path = CorpusPath("app-dwarf4-O0.elf");
   ASSERT_EQ(CElfApi::Instance().Load(QString::fromStdString(Path)), 0);

@@ -1,5 +1,5 @@
-// A project for the core plug-in host in tests: no plug-in path of its own,
-// no dialogs, so the host loads the family's default plug-in.
+// A project for the core plug-in host that names no plug-in file and shows
+// no dialog: the family's default plug-in is loaded.
 #pragma once
 #include "plugins/corehost.h"
 
@@ -9,8 +9,3 @@ struct CNoCoreProject : ICorePluginProject {
   bool DialogsAllowed() const override { return false; }
   QString AskCorePluginFile(const QString&, const QString&, const QString&) override { return {}; }
 };
-// Installs one for the whole test program.
-inline void UseNoCoreProject() {
-  static CNoCoreProject s_Project;
-  CORE_SetProject(&s_Project);
-}
