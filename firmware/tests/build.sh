@@ -75,6 +75,9 @@ done
 # Breakpoint derivation: one inline function's line in three callers.
 build inline3 $FRAMES -O2 -- ../gdb/startup.c inline3.c
 
+# Source-step scenarios, one tagged line each.
+build step-Og $FRAMES -Og -- ../gdb/startup.c step_main.c
+
 # Line tables written by the compiler rather than the assembler.
 SHAPES="-mthumb -mcpu=cortex-m4 -O2 -gno-as-loc-support -ffreestanding -nostdlib -nostartfiles -Wl,--entry=main -Wl,-Ttext=0x08000000"
 for v in 5 4; do

@@ -235,6 +235,11 @@ class CDevice : public QThread {
   int StepOut();
   int StepOutSimple();
   int CompleteSrcStepOnHiddenBP(U32 PC);
+  // The step's start (PC, SP, return address, line, functions), history emptied.
+  void StoreContext();
+  // The first address of the next line, when the rest of the line at PC can
+  // be passed by running there; 0 if not.
+  U64 FindStepOverTarget(U64 PC, const CSrcLoc& Loc);
 
   // ---- notification words (any thread writes one; the worker takes it in
   // its next round). ~0 = empty.
@@ -354,6 +359,10 @@ class CDevice : public QThread {
   void ResetState();
   void ShutdownProbe();
   bool ProbeOpen() const;
+  // Source steps (srcstep.cpp).
+  void FinishSrcStep();
+  bool ReadStepRegs(U64* pPC, U64* pSP);
+  bool ContinueStepAt(U64 Addr, U32 Op);
 
   VORDEN_FUNCS m_Probe;
   QString m_sLibPath;

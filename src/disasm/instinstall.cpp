@@ -31,6 +31,7 @@ class CCacheAnalysis : public IInstructionAnalysis {
   bool IsBranchTarget(U32 a) const override { return IsKnownBranchTarget(a); }
   U32 GetInstAlignment() const override { return std::max<U32>(1, CoreStaticInfo().InstAlign); }
   U32 GetMaxInstSize() const override { return std::max<U32>(1, CoreStaticInfo().MaxInstLen); }
+  bool IsStraightCode(U32 Start, U32 End) const override { return ::IsStraightCode(Start, End); }
 };
 CCacheAnalysis g_Analysis;
 

@@ -21,4 +21,7 @@ public:
   // Step of instruction starts (2 for Thumb) and the largest instruction size.
   virtual U32 GetInstAlignment() const = 0;
   virtual U32 GetMaxInstSize() const = 0;
+  // True when no jump or return lies in [Start, End) (calls may); without
+  // branch knowledge an analysis answers false.
+  virtual bool IsStraightCode(U32 Start, U32 End) const { return false; }
 };
