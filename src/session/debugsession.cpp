@@ -107,7 +107,7 @@ int CDebugSession::Connect(CONNECT_MODES Mode) {
   return 0;
 }
 
-void CDebugSession::OnDeviceConnectDone(CONNECT_MODES Mode) {
+void CDebugSession::HandleConnectDone(CONNECT_MODES Mode) {
   UpdateActions();
   SetStatus(QStringLiteral("Connected"));
   m_PeriodicUpdateTimer.start();
@@ -164,7 +164,7 @@ int CDebugSession::Stop() {
   return Device()->PostDisconnect() < 0 ? -1 : 0;
 }
 
-void CDebugSession::OnDeviceDisconnectDone() {
+void CDebugSession::HandleDisconnectDone() {
   m_bChain = false;
   EndWait();
   m_HaltTimer.stop();
@@ -174,7 +174,7 @@ void CDebugSession::OnDeviceDisconnectDone() {
   Run(EVENT_AFTER_TARGET_DISCONNECT);
 }
 
-void CDebugSession::OnDeviceConnectionLost() {
+void CDebugSession::HandleConnectionLost() {
   m_bChain = false;
   EndWait();
   m_HaltTimer.stop();
@@ -205,7 +205,7 @@ void CDebugSession::SetDefaultExecState() {
   Device()->ScheduleJob(&j);
 }
 
-void CDebugSession::OnDeviceResetDone(U32 NewPC, RESET_MODES Mode) {
+void CDebugSession::HandleResetDone(U32 NewPC, RESET_MODES Mode) {
   (void)NewPC;
   const int m = int(Mode);
   if (m < 0 || m == RM_RESET_HARDWARE_ONLY || m > RM_EXEC_STATE_SET) {
@@ -293,13 +293,13 @@ void CDebugSession::WriteProgram(const QString& sPath, int Mode) {
   }
 }
 
-void CDebugSession::OnDeviceEndDownloadDone(const char*, DOWNLOAD_MODES) {
+void CDebugSession::HandleEndDownloadDone() {
   const int Mode = m_DownloadMode;
   m_DownloadMode = -1;
   if (Mode >= 0) OnDownloadDone(Mode);
 }
 
-void CDebugSession::OnDeviceEndDownloadFailed(const char*, DOWNLOAD_MODES, int Code) {
+void CDebugSession::HandleEndDownloadFailed(int Code) {
   const int Mode = m_DownloadMode;
   m_DownloadMode = -1;
   if (Mode < 0) return;
@@ -405,7 +405,7 @@ void CDebugSession::OnDeviceResumeDone(RESUME_MODES Mode) {
   UpdateActions();
 }
 
-void CDebugSession::OnDeviceHaltDone(U32, HALT_REASONS Reason) {
+void CDebugSession::HandleHaltDone(HALT_REASONS Reason) {
   ++m_HaltCount;
   SetStatus(QStringLiteral("CPU halted"));
   UpdateActions();
@@ -417,7 +417,7 @@ void CDebugSession::OnDeviceHaltDone(U32, HALT_REASONS Reason) {
   else OnTargetHaltedAndTOElapsed();
 }
 
-void CDebugSession::OnDeviceStepped(U32) {
+void CDebugSession::HandleStepped() {
   ++m_HaltCount;
   m_bExpectHalt = false;
   SetStatus(QStringLiteral("CPU halted"));

@@ -59,7 +59,7 @@ class CDebugSession : public QObject, public CDeviceEventListener {
   U32 ResumeMode() const { return m_ResumeMode; }
   // A resume, step or start was posted and its halt (with AfterTargetHalt)
   // has not been delivered yet. Batch mode waits while this is true.
-  bool IsAwaitingHalt() const { return m_bExpectHalt || m_HaltTimer.isActive(); }
+  bool IsAwaitingHalt() const { return m_bExpectHalt || m_HaltTimer.isActive() || m_nDeferred > 0; }
   void ExpectHalt(bool On) { m_bExpectHalt = On; }
   // Number of halt and step reports delivered so far.
   U64 HaltCount() const { return m_HaltCount; }
@@ -73,31 +73,51 @@ class CDebugSession : public QObject, public CDeviceEventListener {
 
  public:
   // ---- device reports
-  void OnDeviceConnectDone(CONNECT_MODES Mode) override;
+  void OnDeviceConnectDone(CONNECT_MODES Mode) override { Later([=] { HandleConnectDone(Mode); }); }
   void OnDeviceConnectFailed(CONNECT_MODES Mode) override;
   void OnDeviceConnectCanceled(CONNECT_MODES Mode) override;
-  void OnDeviceDisconnectDone() override;
-  void OnDeviceConnectionLost() override;
+  void OnDeviceDisconnectDone() override { Later([=] { HandleDisconnectDone(); }); }
+  void OnDeviceConnectionLost() override { Later([=] { HandleConnectionLost(); }); }
   void OnDeviceAboutToResume(RESUME_MODES Mode) override;
   void OnDeviceResumeDone(RESUME_MODES Mode) override;
   void OnDeviceResumeFailed(RESUME_MODES) override { EndWait(); }
-  void OnDeviceResetDone(U32 NewPC, RESET_MODES Mode) override;
+  void OnDeviceResetDone(U32 NewPC, RESET_MODES Mode) override { Later([=] { HandleResetDone(NewPC, Mode); }); }
   void OnDeviceResetFailed(U32, RESET_MODES) override {
     m_bSessionReset = false;
     EndWait();
   }
-  void OnDeviceHaltDone(U32 NewPC, HALT_REASONS Reason) override;
+  void OnDeviceHaltDone(U32, HALT_REASONS Reason) override { Later([=] { HandleHaltDone(Reason); }); }
   void OnDeviceHaltFailed() override { EndWait(); }
-  void OnDeviceStepped(U32 NewPC) override;
+  void OnDeviceStepped(U32) override { Later([=] { HandleStepped(); }); }
   void OnDeviceStepInstFailed(U32) override { EndWait(); }
   void OnDeviceStepIntoFailed(U32) override { EndWait(); }
   void OnDeviceStepOverFailed(U32) override { EndWait(); }
   void OnDeviceStepOutFailed(U32) override { EndWait(); }
   void OnDeviceRunToSymbolFailed(U32) override { EndWait(); }
-  void OnDeviceEndDownloadDone(const char* sFilePath, DOWNLOAD_MODES Mode) override;
-  void OnDeviceEndDownloadFailed(const char* sFilePath, DOWNLOAD_MODES Mode, int VordenErrCode) override;
+  void OnDeviceEndDownloadDone(const char*, DOWNLOAD_MODES) override { Later([=] { HandleEndDownloadDone(); }); }
+  void OnDeviceEndDownloadFailed(const char*, DOWNLOAD_MODES, int Code) override {
+    Later([=] { HandleEndDownloadFailed(Code); });
+  }
 
  private:
+  // A report is handled after its delivery: the event functions it runs may
+  // wait for device jobs, and the job of the report must be done by then.
+  template <class F>
+  void Later(F&& Fn) {
+    ++m_nDeferred;
+    QTimer::singleShot(0, this, [this, Fn] {
+      --m_nDeferred;
+      Fn();
+    });
+  }
+  void HandleConnectDone(CONNECT_MODES Mode);
+  void HandleDisconnectDone();
+  void HandleConnectionLost();
+  void HandleResetDone(U32 NewPC, RESET_MODES Mode);
+  void HandleHaltDone(HALT_REASONS Reason);
+  void HandleStepped();
+  void HandleEndDownloadDone();
+  void HandleEndDownloadFailed(int Code);
   void SetStatus(const QString& sText);
   void UpdateActions();
   void EndWait() { m_bExpectHalt = m_bChain = false; }
@@ -126,6 +146,7 @@ class CDebugSession : public QObject, public CDeviceEventListener {
   bool m_bChain = false;  // a start chain runs until its initial operation
   bool m_bAskingReload = false;
   U64 m_HaltCount = 0;
+  int m_nDeferred = 0;  // reports waiting for their handling
   QTimer m_HaltTimer, m_MessageBoxTimer, m_PeriodicUpdateTimer;
 };
 

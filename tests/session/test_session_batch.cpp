@@ -46,6 +46,7 @@ class SessionBatch : public devtest::CBackendBatch {
     return Setup(Rig) << QStringLiteral("File.Open(\"%1\")").arg(Elf());
   }
   RUN Batch(const QStringList& Lines, QStringList Extra = {}) {
+    if (!Extra.contains("-batchtimelimit")) Extra << "-batchtimelimit" << "20";
     Extra << "-logfile" << Dir.filePath("app.log");
     return testsupport::RunBatch(Dir.filePath("cmds.txt"), Lines.join('\n').toUtf8() + "\n", Extra, {.TimeoutMs = 120000});
   }
