@@ -222,13 +222,13 @@ void CDebugSession::HandleResetDone(U32 NewPC, RESET_MODES Mode) {
   }
   if (m == RM_RESET_HALT) {
     SetStatus(QStringLiteral("Device was reset"));
-    ReportHaltsOn();
+    ReportHaltsOn(false);
   } else if (m == RM_RESET_AND_RUN) {
-    ReportHaltsOn();
+    ReportHaltsOn(false);
     EndWait();
     Device()->PostContinue();
   } else if (RunToBreakSymbol() < 0) {
-    ReportHaltsOn();
+    ReportHaltsOn(false);
     m_MessageBoxTimer.start();
   }
   UpdateActions();
@@ -336,16 +336,20 @@ void CDebugSession::PerformInitialProgramOperation() {
   switch (const I64 Mode = SysVars::GetValue(VAR_RESET_MODE)) {
     case RM_RESET_HALT:
       m_bExpectHalt = true;
-      ReportHaltsOn();
-      d->PostHalt();
+      ReportHaltsOn(d->IsTargetHalted());
+      if (!d->IsTargetHalted()) d->PostHalt();
       break;
     case RM_BREAK_AT_SYMBOL:
       m_bExpectHalt = true;
-      if (RunToBreakSymbol() < 0) m_MessageBoxTimer.start();
-      ReportHaltsOn();
+      if (RunToBreakSymbol() < 0) {
+        m_MessageBoxTimer.start();
+        ReportHaltsOn(true);
+      } else {
+        ReportHaltsOn(false);
+      }
       break;
     case RM_RESET_AND_RUN:
-      ReportHaltsOn();
+      ReportHaltsOn(false);
       EndWait();
       d->PostContinue();
       break;
@@ -355,7 +359,13 @@ void CDebugSession::PerformInitialProgramOperation() {
   }
 }
 
-void CDebugSession::ReportHaltsOn() { Device()->SetReportHalts(true); }
+void CDebugSession::ReportHaltsOn(bool ReportStop) {
+  CDevice* d = Device();
+  d->SetReportHalts(true);
+  // The halt happened while reports were off: report the stop now.
+  if (ReportStop && d->IsTargetHalted() && !d->IsRunning())
+    d->PostJobEvent(JT_HALT, 0, 0, I64(d->CurrentPC()), HALT_REASON_PLAIN);
+}
 
 // ---- the break symbol
 

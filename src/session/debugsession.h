@@ -126,7 +126,7 @@ class CDebugSession : public QObject, public CDeviceEventListener {
   void OnDownloadFailed(int Mode, int VordenErrCode);
   void OnDownloadDone(int Mode);
   void PerformInitialProgramOperation();
-  void ReportHaltsOn();
+  void ReportHaltsOn(bool ReportStop);
   void OnTargetHaltedAndTOElapsed();
   void OnMessageBoxTimerTimeout();
   void OnPeriodicUpdateTimerTimeout();
