@@ -59,7 +59,9 @@ class CDebugSession : public QObject, public CDeviceEventListener {
   U32 ResumeMode() const { return m_ResumeMode; }
   // A resume, step or start was posted and its halt (with AfterTargetHalt)
   // has not been delivered yet. Batch mode waits while this is true.
-  bool IsAwaitingHalt() const { return m_bExpectHalt || m_HaltTimer.isActive() || m_nDeferred > 0; }
+  bool IsAwaitingHalt() const {
+    return m_bExpectHalt || m_HaltTimer.isActive() || m_MessageBoxTimer.isActive() || m_nDeferred > 0;
+  }
   void ExpectHalt(bool On) { m_bExpectHalt = On; }
   // Number of halt and step reports delivered so far.
   U64 HaltCount() const { return m_HaltCount; }
