@@ -8,6 +8,8 @@ volatile uint32_t g_counter;      // incremented once per loop
 volatile uint32_t g_watched;      // written once per loop (watchpoint target)
 volatile uint32_t g_semihost;     // set by a test: print through semihosting
 volatile uint32_t g_result;
+volatile uint32_t g_break;        // set by a test: stop once at a compiled-in break
+volatile uint32_t g_breaks;       // counts the passes over that break
 uint32_t g_table[32] = {1, 2, 3, 5, 8, 13, 21, 34};
 
 static int Semihost(int Op, const void* pArg) {
@@ -44,11 +46,20 @@ __attribute__((noinline)) uint32_t Work(uint32_t Seed) {
   return acc;
 }
 
+__attribute__((noinline)) void BreakHere(void) {
+  __asm volatile("bkpt #0");
+  g_breaks = g_breaks + 1;
+}
+
 int main(void) {
   if (g_semihost) Print("hello from the target\n");
   uint32_t seed = 12345;
   for (;;) {
     g_counter = g_counter + 1;
+    if (g_break) {
+      g_break = 0;
+      BreakHere();
+    }
     seed = Work(seed);
     g_watched = seed;
     g_result = seed ^ g_counter;

@@ -4,7 +4,9 @@
 // model uses by default stand at the end.
 #include "device/bpmodel.h"
 
+#include "device/datamanager.h"
 #include "device/device.h"
+#include "expr/evaluator.h"
 #include "elf/dwarf/line_tables.h"
 #include "elf/elfapi.h"
 #include "elf/symbol/symbol.h"
@@ -323,6 +325,67 @@ void CBreakpointsDataModel::RunStopActions(U32 NewPC) {
   if (!b.ScriptCallback.isEmpty() && m_Hooks.CallScript) m_Hooks.CallScript(b.ScriptCallback);
   if (!b.ConsoleMsg.isEmpty()) ConsolePrintLine(b.ConsoleMsg, 0, false, COLOR_LOGGING_SCRIPT);
   if (!b.PopupMsg.isEmpty() && m_Hooks.MessageBox) m_Hooks.MessageBox(QStringLiteral("Breakpoint"), b.PopupMsg);
+}
+
+// ---------------------------------------------------------------- conditions
+
+void IBreakpointDevice::SetConditionWord(U64 PcAndMet) {
+  if (CDevice* d = CDevice::InstanceIfCreated()) d->SetConditionWord(PcAndMet);
+}
+
+void CBreakpointsDataModel::OnDeviceEvalBPCondition(U32 Addr) {
+  const bool Met = EvaluateCondition(Addr);
+  m_pDevice->SetConditionWord((U64(Addr) & ~1ull) | (Met ? 1 : 0));
+}
+
+bool CBreakpointsDataModel::EvaluateCondition(U32 Addr) {
+  auto It = m_Addr.find(Addr);
+  if (It == m_Addr.end()) return true;
+  CBreakpointInfo& b = *It;
+  if (b.State != BP_STATE_ON) return true;
+  // The device counted this hit before it asked.
+  const U64 Hits = m_pDevice->GetBreakpoint(Addr).HitCount;
+  b.HitCount = Hits;
+  if (b.SkipCount > 0 && (b.ReloadSkip || Hits <= U64(b.SkipCount)) && Hits % (U64(b.SkipCount) + 1) != 0) return false;
+  // Task filter: a number, else a task name of the RTOS plug-in's table,
+  // against the current task. No RTOS plug-in is loaded in this program, so
+  // there is no current task: a filter is met only when it is empty.
+  if (!b.TaskName.trimmed().isEmpty()) return false;
+  if (b.Condition.trimmed().isEmpty()) return true;
+  qDebug().noquote() << "Evaluating BP condition: " + b.Condition;
+  // The target stands at Addr, unreported: the caches hold the last stop's
+  // data, and locals belong to this PC.
+  CDeviceDataManager::Instance().ClearCaches();
+  const U32 OldPc = SYM_GetCurrentPc();
+  SYM_SetCurrentPc(Addr);
+  CExpression e(b.Condition);
+  const bool Parsed = e.GetStatus() >= 0 && e.BuildTree() >= 0;
+  const int r = Parsed ? Evaluate(e) : -1;
+  SYM_SetCurrentPc(OldPc);
+  const std::shared_ptr<CSymbol> pRes = Parsed ? GetResult(e) : nullptr;
+  bool Met;
+  if (!Parsed) {
+    Met = true;  // a condition that cannot be parsed stops every time
+  } else if (r < 0 || !pRes) {
+    LogError(QStringLiteral("error: ") + (e.GetError().isEmpty() ? CExpression::StatusText(r) : e.GetError()));
+    Met = false;
+  } else {
+    bool Ok = false;
+    const U32 v = U32(pRes->IsEmpty() ? 0 : pRes->ReadUnsigned(&Ok));
+    if (!Ok) {
+      Met = true;  // nothing to compare: stop
+    } else if (b.TriggerOnChange) {
+      // "When the expression changes": the first evaluation has nothing to
+      // compare with; afterwards a changed value stops.
+      Met = b.LastCondValue != ~0ull && U32(b.LastCondValue) != v;
+      b.LastCondValue = v;
+    } else {
+      b.LastCondValue = v;
+      Met = v != 0;
+    }
+  }
+  qDebug().noquote() << QStringLiteral("result: %1").arg(Met ? 1 : 0);
+  return Met;
 }
 
 // ---------------------------------------------------------------- texts

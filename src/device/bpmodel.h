@@ -68,6 +68,8 @@ class IBreakpointDevice {
   virtual int PostClearAllTPs() = 0;
   // Returns once no breakpoint job is pending and its report was delivered.
   virtual void WaitForBreakpointJobs() = 0;
+  // The answer to a breakpoint condition: PC with bit 0 set when it is met.
+  virtual void SetConditionWord(U64 PcAndMet);
 };
 IBreakpointDevice& DefaultBreakpointDevice();  // over CDevice
 
@@ -181,6 +183,11 @@ class CBreakpointsDataModel : public CDeviceEventListener {
   // The actions of the breakpoint at NewPC, run by the main window after it
   // has updated itself.
   void RunStopActions(U32 NewPC);
+  // Decides whether the halt at a conditional breakpoint stops: skip count,
+  // task filter, condition expression. The device asks through
+  // OnDeviceEvalBPCondition and gets the answer in its condition word.
+  bool EvaluateCondition(U32 Addr);
+  void OnDeviceEvalBPCondition(U32 Addr) override;
 
   // ---- refresh (device reports)
   void Refresh();

@@ -345,7 +345,6 @@ int CDevice::ConnectSimple() {
   UpdateMemZones();
   // The next poll finds out whether the target runs.
   m_bRunning.store(true);
-  m_LastHaltPollMs = -100000;
   return 0;
 }
 
@@ -367,7 +366,7 @@ int CDevice::FinishConnect(CONNECT_MODES Mode) {
   if (m_bConnected.load()) {
     const int h = m_Probe.VORDENARM_IsHalted();
     if (h < 0) OnInvalidHaltStatus();
-    else if (h > 0) OnHaltDetected(false);
+    else if (h > 0) OnConnectedHalted();
   }
   return m_bConnected.load() ? 0 : -1;
 }

@@ -34,3 +34,11 @@ class ICoreSupport {
 void DEV_SetCoreSupport(ICoreSupport* pSupport);
 ICoreSupport* DEV_GetCoreSupport();
 U32 DEV_CoreSupportGeneration();
+
+// What the instruction layer knows of the instruction at an address (its
+// cache over the program, else the core plug-in): the size in bytes and the
+// flag word of the core plug-in interface. False when nothing is known.
+typedef bool (*DEV_INST_QUERY)(U64 Addr, U32* pSize, U64* pFlags);
+// Installed by the instruction layer (nullptr removes it).
+void DEV_SetInstQuery(DEV_INST_QUERY pfQuery);
+DEV_INST_QUERY DEV_GetInstQuery();

@@ -50,7 +50,7 @@ CDevice* ConnectedDevice() {
 
 bool HaltedTarget() {
   CDevice* d = ConnectedDevice();
-  return d && d->HaltReported();
+  return d && d->IsStandingForReaders();
 }
 
 const char* ZoneArg(const QByteArray& sZone) { return sZone.isEmpty() ? nullptr : sZone.constData(); }

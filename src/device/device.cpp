@@ -266,7 +266,7 @@ void CDevice::run() {
     if (Rounds < 100) {
       std::unique_lock<std::mutex> lk(m_WakeMx);
       if (m_bConnected.load())
-        m_WakeCv.wait_for(lk, std::chrono::milliseconds(200), [this] { return m_bWake || m_bStop.load(); });
+        m_WakeCv.wait_for(lk, std::chrono::milliseconds(HaltPollWaitMs()), [this] { return m_bWake || m_bStop.load(); });
       else
         m_WakeCv.wait(lk, [this] { return m_bWake || m_bStop.load(); });
       m_bWake = false;
@@ -294,6 +294,7 @@ DEVICE_JOB* CDevice::NextJob() {
 int CDevice::RunBatch() {
   int Rounds = 0;
   for (; Rounds < 100 && !m_bStop.load(); ++Rounds) {
+    CheckHandleNotifications();
     CheckHandleHalt();
     DEVICE_JOB* p = NextJob();
     if (!p) break;
@@ -310,7 +311,9 @@ void CDevice::RunJob(DEVICE_JOB* p) {
   }
   m_JobsStarted.fetch_add(1);
   bool Skip = false;
-  if (Type == JT_HALT && m_bHalted.load()) Skip = true;
+  // A halt of a standing target is not run; one that comes while a sequence
+  // waits for a breakpoint condition still marks the stop as the user's.
+  if (Type == JT_HALT && m_bHalted.load() && !m_bHaltSeqActive.load()) Skip = true;
   switch (Type) {
     case JT_RESET: case JT_HALT: case JT_CONTINUE:
     case JT_STEP_INST: case JT_STEP_INTO: case JT_STEP_OVER: case JT_STEP_OUT:
@@ -368,6 +371,10 @@ I64 CDevice::ExecuteJob(DEVICE_JOB* p) {
     case JT_HALT: return Halt();
     case JT_CONTINUE: return Continue();
     case JT_STEP_INST: return StepInst();
+    case JT_STEP_INTO: return StepInto();
+    case JT_STEP_OVER: return StepOver(1);
+    case JT_STEP_OUT: return StepOut();
+    case JT_RUN_TO: return RunTo(p->Arg0);
     case JT_EXEC_VORDEN_CMD: {
       char* acOut = static_cast<char*>(p->apDynParam[1]);
       return ExecVordenCmd(Str(0), acOut ? p->aDynParamSize[1] : 0, acOut, 1);
@@ -378,7 +385,12 @@ I64 CDevice::ExecuteJob(DEVICE_JOB* p) {
       p->Out0 = v;
       return r;
     }
-    case JT_WRITE_REG: return WriteReg(U32(p->Arg0), p->Arg1);
+    case JT_WRITE_REG: {
+      const int r = WriteReg(U32(p->Arg0), p->Arg1);
+      // The stored PC and SP are read again.
+      if (m_bHalted.load()) SetTargetExecState(0, 0);
+      return r;
+    }
     case JT_READ_CP_REG: {
       U64 v = 0;
       const int r = ReadCPReg(Str(0), &v);

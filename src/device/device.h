@@ -217,6 +217,13 @@ class CDevice : public QThread {
   int FinishReset(RESET_MODES ResetMode);
   // Connected, halted, no hidden breakpoint in force; logs why not.
   bool CanStep();
+  // 0: not a semihosting stop; non-zero: the stop was a request and is handled.
+  int CheckHandleSemihostingIRQ(U32 PC, int Mode);
+  // User interface thread: HaltReported within 100 ms (polled each ms).
+  bool WaitForHalt();
+  // User interface thread, with event processing: no JT_CONNECT pending and
+  // halts reported, or the worker ended; false after TimeoutMS.
+  bool WaitForConnect(int TimeoutMS = 120000);
 
   // ---- source stepping (worker; srcstep.cpp). 1 running towards a hidden
   // breakpoint, 0 finished, -1 could not step.
@@ -309,6 +316,11 @@ class CDevice : public QThread {
   bool IsRunning() const { return m_bRunning.load(); }
   bool IsSourceStepInProgress() const { return m_bSourceStep.load(); }
   bool IsHaltSeqActive() const { return m_bHaltSeqActive.load(); }
+  // The target stands for readers on other threads: the halt was reported,
+  // or a halt sequence waits for a breakpoint condition to be evaluated.
+  bool IsStandingForReaders() const {
+    return m_bHaltReported.load() || (m_bHalted.load() && m_bHaltSeqActive.load());
+  }
   bool IsUserHaltPending() const { return m_bUserHaltPending.load(); }
   U32 CurrentPC() const { return m_PC.load(); }
   bool IsWorkerRunning() const { return isRunning() && !m_bStop.load(); }
@@ -332,8 +344,13 @@ class CDevice : public QThread {
   DEVICE_JOB* NextJob();
   void CheckHandleHalt();
   void OnInvalidHaltStatus();
-  // The target was found halted: state, PC, and the report now or after the job's own.
-  void OnHaltDetected(bool Report);
+  // The connection found the target standing: state, PC, and its halt
+  // report after the connect report.
+  void OnConnectedHalted();
+  // Running although nobody resumed it: mark it and report a resume.
+  void MarkRunningBehindOurBack();
+  // How long the idle worker may sleep before the halt poll is due.
+  int HaltPollWaitMs() const;
   void ResetState();
   void ShutdownProbe();
   bool ProbeOpen() const;
@@ -380,9 +397,8 @@ class CDevice : public QThread {
   std::atomic<U32> m_HiddenBPAddr{~0u};
   int m_NumBPsBeforeDL = 0;  // worker only: kept between the two halves of a download
   std::atomic<int> m_LastDownloadError{0};
-  qint64 m_LastHaltPollMs = 0;
+  qint64 m_LastHaltQueryMs = 0;   // worker only: the stamp every halt query shares
   bool m_bHaltReportDue = false;  // worker only
-  qint64 m_LastRunCheckMs = 0;
 };
 
 // The process-wide device (created on first use).

@@ -48,7 +48,7 @@ int ChunkWise(U32 nBytes, U32 ChunkSize, U32 Flags, const char* sProgressMsg, co
 
 bool CDevice::CanAccessMemory() const {
   if (!m_bConnected.load()) return false;
-  if (IsWorkerThread() ? m_bHalted.load() : m_bHaltReported.load()) return true;
+  if (IsWorkerThread() ? m_bHalted.load() : IsStandingForReaders()) return true;
   const int BMA = Info().aCaps[0];
   return BMA == 1 || (BMA == 2 && SysVars::GetValue(VAR_ALLOW_BMA_EMULATION));
 }

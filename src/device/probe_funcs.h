@@ -23,7 +23,7 @@
   X(VORDENARM_WriteMemEx) X(VORDEN_WriteZonedU16) X(VORDEN_WriteZonedU32) X(VORDEN_WriteMemZonedEx)         \
   X(VORDENARM_BeginDownload) X(VORDENARM_EndDownload) X(VORDENARM_ClrBPEx) X(VORDENARM_ClrDataEvent)         \
   X(VORDENARM_SetBPEx) X(VORDENARM_FindBP) X(VORDENARM_GetBPInfoEx) X(VORDENARM_SetDataEvent)               \
-  X(VORDENARM_GetWPInfoEx) X(VORDEN_STRACE_Control)
+  X(VORDENARM_GetWPInfoEx) X(VORDEN_STRACE_Control) X(VORDENARM_SetResetType) X(VORDENARM_SetResetDelay)
 
 struct VORDEN_FUNCS {
 #define VORDEN_FUNC_FIELD(n) decltype(&::n) n = nullptr;

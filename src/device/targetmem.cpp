@@ -58,7 +58,7 @@ int CTargetSymbolMemory::ReadMemory(U32 Address, U32 Size, const QString& sZone,
 bool CTargetSymbolMemory::ReadRegister(int Stack, int Index, U32 Register, U64& Value) const {
   CDevice* d = CDevice::InstanceIfCreated();
   const ICoreSupport* cs = DEV_GetCoreSupport();
-  if (Stack == 0 && Index == 0 && cs && d && d->IsConnected() && d->HaltReported()) {
+  if (Stack == 0 && Index == 0 && cs && d && d->IsConnected() && d->IsStandingForReaders()) {
     const int Idx = cs->GetRegIndex(Register);
     if (Idx >= 0) return CDeviceDataManager::Instance().ReadRegNow(U32(Idx), &Value) == 0;
   }

@@ -2,6 +2,7 @@
 
 #include "commands/actionids.h"
 #include "commands/actions.h"
+#include "device/coresupport.h"
 #include "device/datamanager.h"
 #include "device/device.h"
 #include "device/listener.h"
@@ -118,6 +119,14 @@ void DisasmModule::Install() {
   if (s_Done) return;
   s_Done = true;
   SetCommandSlot(AID_DEBUG_READ_INTO_INST_CACHE, OnReadIntoInstCache);
+  // Run control asks whether a break instruction stands at the PC.
+  DEV_SetInstQuery([](U64 Addr, U32* pSize, U64* pFlags) {
+    CORE_INST_INFO i;
+    GetInstInfo(Addr, &i);
+    *pSize = i.Size;
+    *pFlags = i.Flags;
+    return i.Size != 0;
+  });
   CCorePluginSignals& s = CorePluginSignals();
   QObject::connect(&s, &CCorePluginSignals::PluginLoaded, [] { Sync(true); });
   QObject::connect(&s, &CCorePluginSignals::PluginReconfigured, [] { Sync(true); });

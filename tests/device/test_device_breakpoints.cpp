@@ -3,17 +3,11 @@
 #include <gtest/gtest.h>
 
 #include "device/device.h"
-#include "device/loadimage.h"
-#include "device/module.h"
-#include "device/projectsettings.h"
+#include "device_fixture.h"
 #include "fake_probe.h"
-#include "target_support.h"
-#include "testsupport/readelf_oracle.h"
 #include "testsupport/testapp.h"
 
 #include <QCoreApplication>
-#include <QElapsedTimer>
-#include <QTemporaryDir>
 
 namespace {
 
@@ -47,61 +41,21 @@ struct CRecorder : CDeviceEventListener {
   void OnDeviceSetWPsDone(U32 n, WP* p) override { WPsDone.assign(p, p + n); }
 };
 
-readelf::Symbol Sym(const devtest::BACKEND& b, const char* s) {
-  for (const readelf::Symbol& x : readelf::Symbols(devtest::SourcePath(b.sFirmware).toStdString()))
-    if (x.Name == s) return readelf::Symbol{x.Value & ~1u, x.Size};
-  return {};
-}
-
-class DeviceBreakpoints : public ::testing::TestWithParam<devtest::BACKEND> {
+class DeviceBreakpoints : public devtest::CDeviceFixture {
  protected:
   void SetUp() override {
-    const devtest::BACKEND& b = GetParam();
-    if (QString(b.sHostIF) == "IP" && !devtest::CTargetRig::HaveQemu()) GTEST_SKIP() << "no qemu-system-arm";
     App();
     DeviceModule::Install();
-    Rig = std::make_unique<devtest::CTargetRig>(b);
+    devtest::CDeviceFixture::SetUp();
+    if (IsSkipped()) return;
     // A function the main loop calls and a word it writes.
-    const bool Sim = QString(b.sName) == "sim";
-    Func = Sym(b, Sim ? "mix_state" : "Mix").Value, Var = Sym(b, Sim ? "g_bss_word" : "g_watched").Value;
-    IDeviceProjectSettings& p = DeviceModule::ProjectSettings();
-    p.SetDevice(b.sDevice), p.SetHostIF(b.sHostIF, Rig->Ident()), p.SetTargetIF("SWD"), p.SetLogFile(Dir.filePath("calls.log"));
-    Idle();
-  }
-  void TearDown() override {
-    Device()->PostClearAllBPs(), Device()->PostClearAllWPs(), Device()->PostClearAllTPs(), Device()->PostDisconnect();
-    Idle();
-  }
-  void Idle() { ASSERT_EQ(DeviceModule::WaitUntilIdle(20000), 0); }
-  // Connects, and downloads the firmware as the download command does.
-  void ConnectAndDownload() {
-    Device()->PostConnect(CM_DOWNLOAD_RESET);
-    Idle();
-    ASSERT_TRUE(Device()->IsConnected());
-    std::vector<DEV_LOAD_BLOCK> Blocks;
-    ASSERT_TRUE(DEV_ReadLoadSegments(devtest::SourcePath(GetParam().sFirmware), &Blocks, nullptr));
-    Device()->PostHalt();
-    for (const DEV_LOAD_BLOCK& b : Blocks) {
-      const U32 r[2] = {b.LoadAddr, b.LoadAddr + U32(b.Data.size())};
-      Device()->PostWriteMemMultiple(1, r, r[1] - r[0], (const U8*)b.Data.constData(), 0, AW_ANY, MEM_FLAG_BEGIN_DOWNLOAD);
-    }
-    Device()->PostEndDownload("fw", 0), Device()->PostReset();
+    const bool Sim = QString(GetParam().sName) == "sim";
+    Func = Sym(Sim ? "mix_state" : "Mix"), Var = Sym(Sim ? "g_bss_word" : "g_watched");
     Idle();
   }
   // Resumes and waits for a halt: the PC, or 0 when it still runs.
-  U32 RunToHalt(int Ms = 5000) {
-    Device()->PostContinue();
-    Idle();
-    QElapsedTimer t;
-    for (t.start(); !Device()->HaltReported() && t.elapsed() < Ms;) DeviceModule::WaitUntilIdle(200);
-    if (Device()->HaltReported()) return Device()->CurrentPC();
-    return Device()->PostHalt(), Idle(), 0u;
-  }
-  void SetBP(U32 a, BP_STATES s, BP_TYPES t) { Device()->PostSetBP(a, s, t), Idle(); }
-  QStringList Calls() const { return QString(devtest::ReadFileText(Dir.filePath("calls.log"))).split('\n'); }
+  U32 RunToHalt(int Ms = 5000) { return Go(Ms); }
   int ProbeBP(U32 a) const { return Device()->Probe().VORDENARM_FindBP(a); }
-  QTemporaryDir Dir;
-  std::unique_ptr<devtest::CTargetRig> Rig;
   CRecorder Rec;
   U32 Func = 0, Var = 0;
 };
@@ -126,7 +80,7 @@ TEST_P(DeviceBreakpoints, BreakpointsAroundADownloadThenRunToThemAndToAWrite) {
   const WP w{.Addr = Var, .State = BP_STATE_ON};
   Device()->PostSetWPs(1, &w);
   const U32 Pc = RunToHalt();
-  const readelf::Symbol Main = Sym(GetParam(), "main");
+  const readelf::Symbol Main = Symbol("main");
   EXPECT_TRUE(Pc >= Main.Value && Pc < Main.Value + Main.Size + 4) << "stopped in main, where the word is written: " << Pc;
   SetBP(Func, BP_STATE_DISABLED, BP_TYPE_SOFT);  // a hidden breakpoint over it gives it back
   SetBP(Func, BP_STATE_ON_HIDDEN, BP_TYPE_ANY);

@@ -8,6 +8,7 @@
 #include "log/log.h"
 #include "log/logcapture.h"
 #include "plugins/corehost.h"
+#include "testsupport/coreproject.h"
 #include "testsupport/corpus.h"
 #include "testsupport/objdump_oracle.h"
 #include "testsupport/testapp.h"
@@ -21,13 +22,6 @@
 
 namespace {
 
-struct NoProject : ICorePluginProject {
-  QString CorePluginPath() const override { return {}; }
-  void SetCorePluginPath(const QString&) override {}
-  bool DialogsAllowed() const override { return false; }
-  QString AskCorePluginFile(const QString&, const QString&, const QString&) override { return {}; }
-};
-
 // A hex number that starts an objdump operand ("8124 <main+0x4>"); 0 if none.
 U64 OperandTarget(const std::string& s) {
   if (s.find('<') == std::string::npos) return 0;
@@ -38,7 +32,7 @@ class Disasm : public ::testing::TestWithParam<std::string> {
  protected:
   static void SetUpTestSuite() {
     NewTestApp<QCoreApplication>();
-    static NoProject s_Project;
+    static CNoCoreProject s_Project;
     CORE_SetProject(&s_Project);
     DisasmModule::Install();
   }
@@ -144,7 +138,7 @@ INSTANTIATE_TEST_SUITE_P(Corpus, Disasm, ::testing::Values("app-dwarf4-O0.elf", 
 // Safe start, the walk at a gap, the limits and the fall-back without a plug-in.
 TEST(DisasmEdges, SafeStartLimitsAndFallback) {
   NewTestApp<QCoreApplication>();
-  static NoProject s_Project;
+  static CNoCoreProject s_Project;
   CORE_SetProject(&s_Project);
   DisasmModule::Install();
   const std::string Path = CorpusPath("app-dwarf4-O0.elf");
