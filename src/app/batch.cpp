@@ -1,12 +1,17 @@
 #include "app/batch.h"
 
 #include "commands/actions.h"
+#include "device/device.h"
+#include "device/module.h"
 #include "log/console.h"
 #include "log/log.h"
+#include "session/debugsession.h"
 #include "ui/shell/consolewindow.h"
 #include "ui/shell/mainwindow.h"
 
 #include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QThread>
 #include <QFile>
 #include <QTextStream>
 #include <QTimer>
@@ -45,6 +50,29 @@ void CBatchRunner::Drain() {
   fflush(stdout);
 }
 
+// A line that resumed the target returns when the target has halted and the
+// session has finished with the halt. At the line's time limit the target is
+// halted and the line counts as failed.
+bool CBatchRunner::WaitForHalt() {
+  CDebugSession* pSession = SessionModule::DebugSession();
+  if (!pSession || !pSession->IsAwaitingHalt()) return true;
+  while (pSession->IsAwaitingHalt()) {
+    const qint64 Left = CommandTimeLeftMs();
+    if (m_TimeLimitS > 0 && Left <= 0) break;
+    QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+    if (!pSession->IsAwaitingHalt()) break;
+    QThread::msleep(1);
+  }
+  if (!pSession->IsAwaitingHalt()) return true;
+  pSession->ExpectHalt(false);
+  if (CDevice* d = CDevice::InstanceIfCreated(); d && d->IsConnected()) {
+    d->PostHalt();
+    d->WaitIdle(2000);
+  }
+  ConsolePrintLine(QStringLiteral("batch: target did not halt within %1 s; halted it").arg(m_TimeLimitS));
+  return false;
+}
+
 void CBatchRunner::Start() { QTimer::singleShot(0, this, &CBatchRunner::Run); }
 
 void CBatchRunner::Run() {
@@ -64,8 +92,16 @@ void CBatchRunner::Run() {
     int Id = -1;
     // Waits of the line (Util.Sleep, device jobs) end at the time limit.
     SetCommandDeadline(m_TimeLimitS > 0 ? qint64(m_TimeLimitS) * 1000 : -1, m_TimeLimitS);
+    // Without a change of focus, a rebuilt program file is noticed here; its
+    // reload restarts the program before the line runs.
+    if (CDebugSession* pSession = SessionModule::DebugSession(); pSession && pSession->CheckProgramFileChanged()) {
+      DeviceModule::WaitUntilIdle(int(m_TimeLimitS > 0 ? m_TimeLimitS * 1000 : 130000));
+      if (!WaitForHalt()) m_HadError = true;
+      SetCommandDeadline(m_TimeLimitS > 0 ? qint64(m_TimeLimitS) * 1000 : -1, m_TimeLimitS);
+    }
     const int r = ExecuteCommand(sLine, &Id);
     if (r == 1 && Id >= 0) WaitForCommand(Id);
+    if (!WaitForHalt()) m_HadError = true;
     SetCommandDeadline(-1, 0);
     QCoreApplication::processEvents();
     Drain();

@@ -30,6 +30,8 @@ class CBatchRunner : public QObject {
  private:
   void Run();
   void Drain();
+  // False when the line's time limit ended the wait for a halt.
+  bool WaitForHalt();
   CMainWindow* m_pMain;
   QStringList m_Lines;
   int m_TimeLimitS = 30;

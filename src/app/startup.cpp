@@ -16,6 +16,7 @@
 #include "project/project.h"
 #include "project/projectcommands.h"
 #include "project/vscript.h"
+#include "session/debugsession.h"
 #include "session/program.h"
 #include "settings/fonts.h"
 #include "settings/store.h"
@@ -55,6 +56,7 @@ void InstallModules() {
   ProjectCommands::Install();
   SessionModule::Install();
   DeviceModule::Install();
+  SessionModule::InstallDebugSession();
   WIN_InstallExportCommand();
   // The breakpoint window's rows, also without the window.
   WIN_RegisterViewModel(QStringLiteral("Breakpoints"), [] {

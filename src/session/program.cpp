@@ -4,6 +4,7 @@
 #include "elf/elfapi.h"
 #include "log/log.h"
 #include "log/logcapture.h"
+#include "session/debugsession.h"
 
 #include <QElapsedTimer>
 #include <QFile>
@@ -78,6 +79,7 @@ int OpenProgramFile(const QString& sFilePath, int ActionId) {
     return -1;
   }
   ConsolePrintLine(QString("File.Open: completed in %1 ms").arg(Timer.elapsed()));
+  if (CDebugSession* pSession = DebugSession()) pSession->OnDataFileOpened(sFilePath);
   return 0;
 }
 
