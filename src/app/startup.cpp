@@ -20,7 +20,9 @@
 #include "settings/fonts.h"
 #include "settings/store.h"
 #include "settings/sysvars.h"
+#include "stack/callstack.h"
 #include "ui/breakpoints/bpitemmodel.h"
+#include "ui/callstack/callstackmodel.h"
 #include "ui/dialogs/projectdialogs.h"
 #include "ui/framework/viewexport.h"
 #include "ui/shell/mainwindow.h"
@@ -61,6 +63,13 @@ void InstallModules() {
     static CBreakpointItemModel* s_pRows = new CBreakpointItemModel(&CBreakpointsDataModel::Instance());
     s_pRows->Reset();
     return s_pRows;
+  });
+  // The call stack window's rows, also without the window: unwound to the
+  // end for the current halt before they are read.
+  WIN_RegisterViewModel(QStringLiteral("Call Stack"), [] {
+    static CCallStackDataModel* s_pStackRows = new CCallStackDataModel(&CCallStack::Instance());
+    s_pStackRows->UnwindForExport();
+    return s_pStackRows;
   });
   BreakpointModule::Install();
   {

@@ -1,0 +1,42 @@
+// gdb-multiarch as the oracle of call stacks: a program run on the emulator's
+// MPS2 machine under gdb from a command file, and the parser of what gdb
+// prints for "frame apply all info frame" at each stop.
+#pragma once
+#include <cstdint>
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace testsupport {
+
+struct GDB_FRAME {
+  int level = -1;
+  std::string function;  // empty for a frame without symbols
+  uint64_t pc = 0;
+  uint64_t cfa = 0;           // "frame at"
+  uint64_t savedPc = 0;
+  bool hasSavedPc = false;
+  std::string file;      // file name as gdb prints it
+  int line = 0;
+  bool inlined = false;  // "inlined into frame"
+  bool signal = false;   // the frame of an exception entry ("<signal handler called>")
+};
+
+// The frames of one "frame apply all info frame" output, innermost first.
+std::vector<GDB_FRAME> ParseGdbFrames(const std::string& sText);
+
+// Output split at marker lines "@@NAME" (echo @@NAME\n in the command file):
+// the text after each marker, by name. Text before the first marker is "".
+std::map<std::string, std::string> SplitAtMarkers(const std::string& sOut);
+
+// Addresses of "Breakpoint N at 0xADDR" lines, by breakpoint number.
+std::map<int, uint64_t> ParseGdbBreakpoints(const std::string& sOut);
+
+// Starts the emulator's MPS2-AN385 machine halted with the program, runs gdb
+// with the commands (after "target remote" to it) and returns its output,
+// standard error included. The emulator is stopped afterwards.
+std::string RunGdbOnQemu(const std::string& sElf, const std::string& sCommands, const std::string& sScratch,
+                         int TimeoutS = 60);
+
+}  // namespace testsupport
