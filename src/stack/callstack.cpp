@@ -87,11 +87,13 @@ ELF_SYM_LOC ResolvedIn(const CCallFrame& F, const ELF_SYM_LOC& Rule) {
   return l;
 }
 
-// The instruction before Addr by the instruction analysis, or Addr itself.
-U64 InstBefore(U64 Addr) {
+// The instruction before Addr by the instruction analysis; without one, the
+// last alignment step before Addr (inside the call, whose rules and line it
+// shares; Addr itself may already stand in the next rule row).
+U64 InstBefore(U64 Addr, U32 Align) {
   U64 Prev = 0;
   if (Addr && GetPrevInst(Addr, &Prev) == 0 && Prev < Addr && Addr - Prev <= 8) return Prev;
-  return Addr;
+  return Addr >= Align ? Addr - Align : Addr;
 }
 
 QString Hex8(U64 v) { return QStringLiteral("0x%1").arg(U32(v), 8, 16, QLatin1Char('0')).toUpper().replace("0X", "0x"); }
@@ -488,6 +490,7 @@ int CCallStack::Step(CCallFrame& F) {
 void CCallStack::StartRead(const ELF_SYM_LOC& Loc, int Kind, U32 nBytes) {
   m_Pending = Loc;
   m_PendingKind = Kind;
+  m_PendingAdd = CommonOffset(Loc);
   const ELF_LOC_PART& p = Loc.parts[0];
   // Constants and registers have their value at once; memory is a read job.
   if (Loc.count == 1 && p.kind == ELF_LOC_CONST) return CompleteRead(Loc, true, p.value);
@@ -506,7 +509,6 @@ void CCallStack::StartRead(const ELF_SYM_LOC& Loc, int Kind, U32 nBytes) {
   a.size = nBytes;
   const ELF_SYM_LOC Job = OnePart(a);
   m_Pending = Job;
-  m_Pending.pad = U32(CommonOffset(Loc));  // kept beside the job's location
   m_ReadStartNs = NowNs();
   if (ReaderRef()) return ReaderRef()(Job, nBytes);
   CDevice* d = CDevice::InstanceIfCreated();
@@ -527,10 +529,10 @@ void CCallStack::CompleteRead(const ELF_SYM_LOC& Loc, bool HaveData, U64 Value) 
   if (m_StackIdx != 1) return m_pPartner->CompleteRead(Loc, HaveData, Value);
   if (FrameCount() == 0 || m_PendingKind == 3) return;
   // The job's location must be the pending one (the offset word aside).
-  if (Loc.count != m_Pending.count ||
+  if (Loc.count != m_Pending.count || Loc.count < 1 ||
       memcmp(Loc.parts, m_Pending.parts, sizeof(ELF_LOC_PART) * std::min<U32>(Loc.count, 2)) != 0)
     return;
-  const I64 d = m_Pending.pad ? I64(I32(m_Pending.pad)) : (Loc.parts[0].kind == ELF_LOC_ADDR ? 0 : CommonOffset(Loc));
+  const I64 d = m_PendingAdd;
   const int Kind = m_PendingKind;
   if (m_ReadStartNs >= 0) {
     ++m_Stats.Reads;
@@ -608,7 +610,7 @@ CCallFrame CCallStack::CallerFrame(const CCallFrame& Callee) {
   G.returnColumn = c.returnRegister;
   if (!Store().SetFrame(G)) return CCallFrame();
   for (U32 r = 0; r < c.registerCount; ++r) Store().SetRegister(G.stack, G.index, r, 0, 1);
-  Store().SetRegister(G.stack, G.index, c.pcRegister, InstBefore(F.returnAddress), 0);
+  Store().SetRegister(G.stack, G.index, c.pcRegister, InstBefore(F.returnAddress, c.instAlign), 0);
   Store().SetRegister(G.stack, G.index, c.spRegister, F.cfa, 0);
   DeriveFunction(G);
   Keep(G);
@@ -632,8 +634,7 @@ CCallFrame CCallStack::InlineCallerFrame(CCallFrame& F) {
   G.index = F.index + 1;
   G.registerCount = c.registerCount;
   G.returnColumn = c.returnRegister;
-  U64 GPc = InstBefore(r.start);
-  if (GPc == r.start) GPc = r.start - c.instAlign;
+  const U64 GPc = InstBefore(r.start, c.instAlign);
   // The end of the outermost inlined instance that follows this one.
   const ELF_SYM_HANDLE Outer = SYM_GetFunctionAt(U32(GPc));
   U32 e = r.end;
@@ -670,8 +671,10 @@ void CCallStack::ComputeFrameBase(CCallFrame& F) {
     F.frameBase = ELF_SYM_LOC{};
     return;
   }
+  // Kept unresolved: resolving is done once, when the frame base is read
+  // (a register of a caller frame resolved again would be taken as one of
+  // its own).
   ELF_SYM_LOC l = ELF_GetSymbolLocation(f, U32(Pc));
-  if (l.count) ResolveLocation(F, l);
   if (l.count == 1 && (l.parts[0].kind == ELF_LOC_ADDR || l.parts[0].kind == ELF_LOC_ADDR_OFFSET) && c.wordSize &&
       l.parts[0].address % c.wordSize) {
     U32 Start = 0;
@@ -686,6 +689,8 @@ void CCallStack::ComputeFrameBase(CCallFrame& F) {
 
 bool CCallStack::FrameBaseValue(CCallFrame& F, U64 Fallback) {
   ELF_SYM_LOC l = F.frameBase;
+  if (l.count) ResolveLocation(F, l);
+  F.frameBase = l;
   U64 v = 0;
   bool Ok = l.count == 1 && IsResolved(l);
   if (Ok) {

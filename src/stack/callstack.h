@@ -158,6 +158,7 @@ class CCallStack : public QObject, public CDeviceEventListener {
   U32 m_LargestFrameSize = 0;
   int m_PendingKind = 3;  // 0 BP, 1 CFA, 2 return address, 3 none
   ELF_SYM_LOC m_Pending{};
+  I64 m_PendingAdd = 0;  // added to the value read
   U64 m_ReadSerial = 0;
   bool m_bUnwinding = false;
   bool m_bDriven = false;

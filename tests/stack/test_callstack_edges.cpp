@@ -17,6 +17,7 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <random>
 
 namespace {
 
@@ -133,7 +134,8 @@ const EDGE kEdges[] = {
      }},
 };
 
-class CallStackEdges : public ::testing::TestWithParam<EDGE> {
+// The call stack over a map target, reads answered at once.
+class CallStackOnMap : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     NewTestApp<QCoreApplication>();
@@ -142,9 +144,8 @@ class CallStackEdges : public ::testing::TestWithParam<EDGE> {
   }
   void SetUp() override {
     if (RunToolOutput("command -v gdb-multiarch").empty()) GTEST_SKIP() << "gdb missing";
-    ASSERT_EQ(CElfApi::Instance().Load(QString::fromStdString(Elf(GetParam().sElf))), 0);
     ELF_SetTargetAccess(&m_Target);
-    CCallStack::SetReader([this](const ELF_SYM_LOC& Loc, U32) {
+    CCallStack::SetReader([](const ELF_SYM_LOC& Loc, U32) {
       U32 w = 0;
       const bool Ok = ELF_ReadTargetWord(Loc.parts[0].address, &w) == 0;
       CCallStack::Instance().CompleteRead(Loc, Ok, w);
@@ -155,6 +156,15 @@ class CallStackEdges : public ::testing::TestWithParam<EDGE> {
     ELF_SetTargetAccess(nullptr);
   }
   CMapTarget m_Target{&CCallStack::Store()};
+};
+
+class CallStackEdges : public CallStackOnMap, public ::testing::WithParamInterface<EDGE> {
+ protected:
+  void SetUp() override {
+    CallStackOnMap::SetUp();
+    if (IsSkipped()) return;
+    ASSERT_EQ(CElfApi::Instance().Load(QString::fromStdString(Elf(GetParam().sElf))), 0);
+  }
 };
 
 TEST_P(CallStackEdges, StopReasonAndTexts) {
@@ -176,6 +186,30 @@ TEST_P(CallStackEdges, StopReasonAndTexts) {
     EXPECT_EQ(s.GetStopText(), QString(e.sStop).replace("%1", QStringLiteral("0x%1").arg(U32(Pc), 8, 16, QLatin1Char('0')).toUpper().replace("0X", "0x")));
   }
   if (e.Check) e.Check(s);
+}
+
+// Whatever the registers and memory say, an unwind ends with a stop text
+// and stays inside the depth limit: random register sets over random stack
+// memory, half of its words pointing into the code.
+TEST_F(CallStackOnMap, RandomRegistersAndMemoryEndInAStopText) {
+  ASSERT_EQ(CElfApi::Instance().Load(QString::fromStdString(Elf("unwind-O2"))), 0);
+  CCallStack& s = CCallStack::Instance();
+  s.Configure(STACK_CORE_FACTS{}, 12);
+  std::mt19937 Rng(20261126);
+  const U32 CodeEnd = 0x200;
+  for (int Round = 0; Round < 300; ++Round) {
+    m_Target.Ram.clear();
+    for (U32 a = kSp - 0x40; a < kSp + 0x200; a += 4) m_Target.Ram[a] = Rng() & 1 ? Rng() % CodeEnd | 1 : kSp + Rng() % 0x200;
+    std::vector<U64> Regs(16);
+    for (U64& r : Regs) r = Rng() & 1 ? kSp + Rng() % 0x100 : Rng() % CodeEnd;
+    Regs[13] = kSp + (Rng() % 64) * 4;
+    Regs[15] = (Rng() % CodeEnd) & ~1u;
+    ASSERT_TRUE(s.Init(&Regs));
+    s.Unwind();
+    ASSERT_TRUE(s.UnwindToEnd(2000)) << "round " << Round;
+    EXPECT_LE(s.FrameCount(), 12);
+    EXPECT_TRUE(s.GetStopText().startsWith("Top of stack")) << Round;
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Edges, CallStackEdges, ::testing::ValuesIn(kEdges),

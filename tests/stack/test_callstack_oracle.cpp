@@ -15,6 +15,7 @@
 #include "stack/callstack.h"
 #include "target_support.h"
 #include "testsupport/gdb_frames.h"
+#include "testsupport/process.h"
 #include "testsupport/testapp.h"
 #include "ui/callstack/callstackmodel.h"
 #include "ui/framework/viewexport.h"
@@ -237,5 +238,32 @@ std::string Name(const ::testing::TestParamInfo<std::tuple<BACKEND, PROGRAM>>& i
 INSTANTIATE_TEST_SUITE_P(Backends, CallStackOracle,
                          ::testing::Combine(::testing::Values(kSimMps2, devtest::kQemu), ::testing::ValuesIn(kPrograms)),
                          Name);
+
+// The rows without a window, in a batch run: after a reset the stack is the
+// reset handler alone, at the address nm gives, and the stop row ends it.
+class CallStackBatch : public devtest::CBackendBatch {};
+
+TEST_P(CallStackBatch, ExportAfterResetShowsTheResetHandler) {
+  devtest::CTargetRig Rig(GetParam());
+  const QString sElf = QString::fromStdString(gdbtest::SourceDir() + "/firmware/tests/elf/unwind-O0.elf");
+  QStringList Lines = Setup(Rig);
+  Lines << QStringLiteral("File.Open(\"%1\")").arg(sElf) << "Exec.Connect()"
+        << QStringLiteral("Exec.Download(\"%1\")").arg(sElf) << "Exec.Reset()"
+        << "Window.Export(\"Call Stack\", \"-\")";
+  testsupport::RUN_OPTIONS o;
+  o.TimeoutMs = 60000;
+  const testsupport::RUN r = testsupport::RunBatch(Dir.filePath("cmds.txt"), Lines.join('\n').toUtf8() + "\n", {}, o);
+  SCOPED_TRACE(r.Out.toStdString());
+  EXPECT_EQ(r.Exit, 0);
+  const QString Nm = QString::fromStdString(RunToolOutput("arm-none-eabi-nm " + sElf.toStdString()));
+  const auto m = QRegularExpression(QStringLiteral("^([0-9a-f]+) T Reset_Handler$"), QRegularExpression::MultilineOption).match(Nm);
+  ASSERT_TRUE(m.hasMatch());
+  const QString Pc = QStringLiteral("0x%1").arg(m.captured(1).toUInt(nullptr, 16) & ~1u, 8, 16, QLatin1Char('0')).toUpper().replace("0X", "0x");
+  EXPECT_TRUE(r.Out.contains("Function\tStack Info\tSource\tPC\tReturn Address\tFrame Address\n"));
+  EXPECT_TRUE(r.Out.contains(QRegularExpression("\nReset_Handler\t0 @ 0x[0-9A-F]{8}\tunwind.c:\\d+\t" + Pc + "\t")));
+  EXPECT_TRUE(r.Out.contains("\nTop of stack - "));
+}
+
+INSTANTIATE_TEST_SUITE_P(Backends, CallStackBatch, ::testing::Values(kSimMps2, devtest::kQemu), devtest::PrintBackend);
 
 }  // namespace

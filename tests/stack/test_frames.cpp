@@ -83,6 +83,30 @@ bool RunGdb(const std::string& sElf, const std::string& sScratch, GDB_STOP& Stop
   Cmds << "echo @@OTHER twin\\n\nprint/x 'frames_other.c'::twin\n";
   Cmds << "echo @@OTHER shade\\n\nprint/x 'frames_main.c'::shade\n";
   const std::string Out = testsupport::RunGdbOnQemu(sElf, Cmds.str(), sScratch);
+  std::string Section, Name;
+  static const std::regex Reg(R"(^(r\d+|sp|lr|pc)\s+0x([0-9a-f]+)\s.*)");
+  static const std::regex Value(R"(^\$\d+ = (.*)$)");
+  for (const std::string& Line : SplitLines(Out)) {
+    std::smatch m;
+    if (Line.rfind("@@", 0) == 0) {
+      const size_t Blank = Line.find(' ');
+      Section = Line.substr(2, Blank == std::string::npos ? std::string::npos : Blank - 2);
+      Name = Blank == std::string::npos ? "" : Line.substr(Blank + 1);
+    } else if (Section == "SCOPE") {
+      Stop.scope.push_back(Line);
+    } else if (Section == "REGS" && std::regex_match(Line, m, Reg)) {
+      Stop.registers[m[1]] = std::stoull(m[2], nullptr, 16);
+    } else if (std::regex_match(Line, m, Value)) {
+      if (Section == "LEAF") Stop.leaf[Name] = m[1];
+      if (Section == "MIDDLE") Stop.middle[Name] = m[1];
+      if (Section == "OTHER") Stop.other[Name] = m[1];
+    }
+  }
+  std::ifstream r(Ram, std::ios::binary);
+  Stop.ram.assign(std::istreambuf_iterator<char>(r), std::istreambuf_iterator<char>());
+  return Stop.registers.size() == 16 && Stop.ram.size() == kRamSize;
+}
+
 // Target memory as gdb dumped it: RAM from the dump, the rest from the image.
 class CDumpedTarget : public CProgramImageAccess {
 public:
