@@ -634,7 +634,7 @@ CCallFrame CCallStack::InlineCallerFrame(CCallFrame& F) {
   G.index = F.index + 1;
   G.registerCount = c.registerCount;
   G.returnColumn = c.returnRegister;
-  const U64 GPc = InstBefore(r.start, c.instAlign);
+  U64 GPc = InstBefore(r.start, c.instAlign);
   // The end of the outermost inlined instance that follows this one.
   const ELF_SYM_HANDLE Outer = SYM_GetFunctionAt(U32(GPc));
   U32 e = r.end;
@@ -650,6 +650,14 @@ CCallFrame CCallStack::InlineCallerFrame(CCallFrame& F) {
   F.returnAddress = e;
   F.raStatus = 0;
   Keep(F);
+  // An inlined range at the very start of its caller has no instruction of
+  // the caller before it: the caller then stands where the range returns.
+  ELF_SYM_HANDLE Parent = ELF_GetParent(F.function);
+  for (int i = 0; Parent && i < 64; ++i, Parent = ELF_GetParent(Parent)) {
+    const U32 Tag = ELF_GetTag(Parent);
+    if (Tag == ELF_TAG_INLINED || Tag == ELF_TAG_SUBPROGRAM) break;
+  }
+  if (Parent && Outer != Parent && SYM_GetFunctionAt(e) == Parent) GPc = e;
   G.bp = F.bp;
   G.bpStatus = F.bpStatus;
   if (!Store().SetFrame(G)) return CCallFrame();

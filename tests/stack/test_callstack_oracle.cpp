@@ -73,12 +73,12 @@ const GDB_RUN& GdbRun(const PROGRAM& p) {
   auto It = s_Runs.find(p.sName);
   if (It != s_Runs.end()) return It->second;
   std::ostringstream Cmds;
-  Cmds << "set backtrace past-main on\n";
+  Cmds << "set backtrace past-main on\nset backtrace past-entry on\n";
   for (size_t i = 0; i < p.Stops.size(); ++i) {
     Cmds << "break " << p.sSource << ":" << MarkLine(p, p.Stops[i].sMark) << "\n";
     if (p.Stops[i].Hits > 1) Cmds << "ignore $bpnum " << p.Stops[i].Hits - 1 << "\n";
     Cmds << "echo @@BP" << i << "\\n\ninfo breakpoints\ncontinue\necho @@STOP" << i
-         << "\\n\nframe apply all info frame\necho @@END\\n\ndelete\n";
+         << "\\n\nbt\nframe apply all -s info frame\necho @@END\\n\ndelete\n";
   }
   const std::string Out =
       testsupport::RunGdbOnQemu(ElfPath(p), Cmds.str(), "/tmp/tavit-callstack-" + std::string(p.sName));
@@ -157,6 +157,7 @@ class CallStackOracle : public ::testing::TestWithParam<std::tuple<BACKEND, PROG
   }
   void TearDown() override {
     if (CDevice* d = CDevice::InstanceIfCreated()) {
+      d->PostClearAllBPs();
       d->PostDisconnect();
       d->WaitIdle(10000);
     }
@@ -188,6 +189,7 @@ TEST_P(CallStackOracle, FramesEqualGdbs) {
   ASSERT_EQ(Run(AID_EXEC_DOWNLOAD, sElf), 0);
   ASSERT_EQ(Run(AID_EXEC_RESET), 0);
   CDevice* d = Device();
+  d->PostClearAllBPs();
   for (size_t i = 0; i < p.Stops.size(); ++i) {
     SCOPED_TRACE(std::string(p.sName) + " stop " + std::to_string(i) + " " + p.Stops[i].sMark);
     ASSERT_FALSE(g.Addresses[i].empty());
@@ -200,11 +202,21 @@ TEST_P(CallStackOracle, FramesEqualGdbs) {
     }
     std::string sStop;
     const std::vector<ROW> Rows = ExportRows(*s_pModel, sStop);
-    const std::vector<GDB_FRAME>& G = g.Frames[i];
+    // gdb rebuilds frames of tail calls from call-site information; a
+    // tail call leaves no frame on the target, so the unwinder has none.
+    std::vector<GDB_FRAME> G;
+    for (const GDB_FRAME& f : g.Frames[i]) {
+      if (!f.tailCall) G.push_back(f);
+      else if (!G.empty()) G.back().hasSavedPc = false;  // gdb gives the guessed frame's PC
+    }
     const size_t n = Comparable(G);
     std::string sRows;
     for (const ROW& r : Rows) sRows += r.Function + " | " + r.Source + " | " + r.Pc + " | " + r.Return + " | " + r.Frame + "\n";
-    SCOPED_TRACE(sRows + sStop);
+    std::string sGdb;
+    for (const GDB_FRAME& f : G)
+      sGdb += "gdb " + f.function + (f.inlined ? " (inline)" : "") + (f.signal ? " <signal>" : "") + " " + f.file + ":" +
+              std::to_string(f.line) + "\n";
+    SCOPED_TRACE(sRows + sStop + "\n" + sGdb);
     ASSERT_EQ(Rows.size(), n);
     EXPECT_EQ(sStop.rfind("Top of stack - ", 0), 0u);
     for (size_t k = 0; k < n; ++k) {
@@ -214,11 +226,12 @@ TEST_P(CallStackOracle, FramesEqualGdbs) {
       const bool BelowInline = k > 0 && G[k - 1].inlined;
       if (k == 0) EXPECT_EQ(HexOf(r.Pc), G[k].pc);
       else if (!BelowInline) EXPECT_TRUE(G[k].pc - HexOf(r.Pc) == 2 || G[k].pc - HexOf(r.Pc) == 4) << r.Pc;
-      if (!G[k].inlined) EXPECT_EQ(HexOf(r.Frame), G[k].cfa);
+      if (!G[k].inlined && G[k].hasCfa) EXPECT_EQ(HexOf(r.Frame), G[k].cfa);
       if (!G[k].inlined && G[k].hasSavedPc && k + 1 < n) EXPECT_EQ(HexOf(r.Return), G[k].savedPc);
       if (G[k].inlined) EXPECT_EQ(r.Return.rfind("<inline>: 0x", 0), 0u) << r.Return;
-      if (!BelowInline) EXPECT_EQ(r.Source, G[k].file + ":" + std::to_string(G[k].line));
-      else EXPECT_EQ(r.Source.substr(0, r.Source.find(':')), G[k].file);
+      const std::string File = G[k].file.substr(G[k].file.rfind('/') + 1);
+      if (!BelowInline) EXPECT_EQ(r.Source, File + ":" + std::to_string(G[k].line));
+      else EXPECT_EQ(r.Source.substr(0, r.Source.find(':')), File);
     }
     // Where gdb goes on through an exception entry, the return address
     // there is the exception return value.

@@ -8,33 +8,43 @@
 namespace testsupport {
 
 std::vector<GDB_FRAME> ParseGdbFrames(const std::string& sText) {
+  // "#1  0x0000007c in Recurse (n=0) at unwind.c:29", "#0  Bottom (v=0) at unwind.c:24",
+  // "#2  <signal handler called>"
+  static const std::regex Head(R"(^#(\d+)\s+(?:0x([0-9a-f]+) in )?(<signal handler called>|[^ (]+)(?: \(.*\))?(?: at ([^ ]+):(\d+))?\s*$)");
   static const std::regex Level(R"(^Stack level (\d+), frame at 0x([0-9a-f]+):)");
-  static const std::regex Pc(R"(^ pc = 0x([0-9a-f]+)(?: in ([^ ;(]+))?(?: \(([^:()]+):(\d+)\))?(?:; saved pc = (?:0x([0-9a-f]+)|.*))?)");
-  std::vector<GDB_FRAME> Frames;
-  bool SignalNext = false;
+  static const std::regex Pc(R"(^ pc = 0x([0-9a-f]+)(?:[^;]*)(?:; saved pc = (?:0x([0-9a-f]+)|.*))?)");
+  std::map<int, GDB_FRAME> Frames;
+  int Current = -1;
   for (const std::string& Line : SplitLines(sText)) {
     std::smatch m;
-    if (Line.rfind("#", 0) == 0) {
-      SignalNext = Line.find("<signal handler called>") != std::string::npos;
-    } else if (std::regex_search(Line, m, Level)) {
-      GDB_FRAME f;
+    if (std::regex_match(Line, m, Head)) {
+      GDB_FRAME& f = Frames[std::stoi(m[1])];
       f.level = std::stoi(m[1]);
+      if (m[2].matched) f.pc = std::stoull(m[2], nullptr, 16);
+      f.signal = m[3] == "<signal handler called>";
+      if (!f.signal) f.function = m[3];
+      if (m[4].matched) f.file = m[4], f.line = std::stoi(m[5]);
+      Current = -1;
+    } else if (std::regex_search(Line, m, Level)) {
+      Current = std::stoi(m[1]);
+      GDB_FRAME& f = Frames[Current];
+      f.level = Current;
       f.cfa = std::stoull(m[2], nullptr, 16);
-      f.signal = SignalNext;
-      Frames.push_back(f);
-    } else if (!Frames.empty() && std::regex_search(Line, m, Pc)) {
-      GDB_FRAME& f = Frames.back();
+      f.hasCfa = true;
+    } else if (Current >= 0 && std::regex_search(Line, m, Pc)) {
+      GDB_FRAME& f = Frames[Current];
       f.pc = std::stoull(m[1], nullptr, 16);
-      f.function = m[2];
-      f.file = m[3];
-      f.line = m[4].matched ? std::stoi(m[4]) : 0;
-      f.hasSavedPc = m[5].matched;
-      if (f.hasSavedPc) f.savedPc = std::stoull(m[5], nullptr, 16);
-    } else if (!Frames.empty() && Line.find(" inlined into frame") == 0) {
-      Frames.back().inlined = true;
+      f.hasSavedPc = m[2].matched;
+      if (f.hasSavedPc) f.savedPc = std::stoull(m[2], nullptr, 16);
+    } else if (Current >= 0 && Line.find(" inlined into frame") == 0) {
+      Frames[Current].inlined = true;
+    } else if (Current >= 0 && Line.find(" tail call frame") == 0) {
+      Frames[Current].tailCall = true;
     }
   }
-  return Frames;
+  std::vector<GDB_FRAME> Out;
+  for (const auto& [Level, f] : Frames) Out.push_back(f);
+  return Out;
 }
 
 std::map<std::string, std::string> SplitAtMarkers(const std::string& sOut) {

@@ -15,15 +15,18 @@ struct GDB_FRAME {
   std::string function;  // empty for a frame without symbols
   uint64_t pc = 0;
   uint64_t cfa = 0;           // "frame at"
+  bool hasCfa = false;        // "info frame" answered for this frame
   uint64_t savedPc = 0;
   bool hasSavedPc = false;
   std::string file;      // file name as gdb prints it
   int line = 0;
   bool inlined = false;  // "inlined into frame"
   bool signal = false;   // the frame of an exception entry ("<signal handler called>")
+  bool tailCall = false; // "tail call frame": gdb's guess from call-site information
 };
 
-// The frames of one "frame apply all info frame" output, innermost first.
+// The frames of one "bt" and "frame apply all -s info frame" output,
+// innermost first (a frame whose "info frame" failed has no CFA).
 std::vector<GDB_FRAME> ParseGdbFrames(const std::string& sText);
 
 // Output split at marker lines "@@NAME" (echo @@NAME\n in the command file):
