@@ -64,8 +64,10 @@ void InstallModules() {
     s_pRows->Reset();
     return s_pRows;
   });
-  // The call stack window's rows, also without the window: unwound to the
-  // end for the current halt before they are read.
+  // The call stack follows every halt (frame 0 and its caller; the return
+  // address of frame 0 is what stepping out needs). Its window's rows, also
+  // without the window, are unwound to the end before they are read.
+  CCallStack::Instance();
   WIN_RegisterViewModel(QStringLiteral("Call Stack"), [] {
     static CCallStackDataModel* s_pStackRows = new CCallStackDataModel(&CCallStack::Instance());
     s_pStackRows->UnwindForExport();

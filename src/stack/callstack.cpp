@@ -36,6 +36,7 @@ CCallStack::READER& ReaderRef() {
 }
 
 CCallStack* s_pPublic = nullptr;
+bool s_bFollowFrames = false;
 
 qint64 NowNs() {
   static QElapsedTimer t = [] {
@@ -175,6 +176,8 @@ CFrameStore& CCallStack::Store() {
 }
 
 void CCallStack::SetReader(const READER& Reader) { ReaderRef() = Reader; }
+
+void CCallStack::SetFollowFrames(bool On) { s_bFollowFrames = On; }
 
 void CCallStack::Configure(const STACK_CORE_FACTS& Facts, int DepthLimit) {
   FactsRef() = Facts;
@@ -596,6 +599,9 @@ void CCallStack::NextFrame() {
     return Finish();
   }
   emit UnwindNextFrameDone();
+  if (m_bDriven || !m_bUnwinding) return;
+  if (s_bFollowFrames) UnwindNextFrame();
+  else Finish();
 }
 
 CCallFrame CCallStack::CallerFrame(const CCallFrame& Callee) {
@@ -759,12 +765,12 @@ CSrcLoc CCallStack::FrameSrcLoc(int Index) const {
   return GetRegister(F, Facts().pcRegister, Pc) ? t.GetLastSrcLoc(U32(Pc)) : CSrcLoc();
 }
 
-bool CCallStack::UnwindToEnd(int TimeoutMs) {
+bool CCallStack::UnwindAll(int TimeoutMs) {
   CCallStack& W = m_StackIdx == 1 ? *this : *m_pPartner;
-  if (!W.m_bUnwinding) return true;
   QElapsedTimer t;
   t.start();
   W.m_bDriven = true;
+  Unwind();
   // A frame is complete when no read is pending and the next one is there.
   int Frames = -1;
   while (W.m_bUnwinding && t.elapsed() < TimeoutMs) {
@@ -855,8 +861,9 @@ void CCallStack::OnDeviceResumeDone(RESUME_MODES) {
 }
 
 void CCallStack::OnDeviceResetDone(U32, RESET_MODES Mode) {
-  if (m_StackIdx == 1) Reset();
-  else if (Mode != RM_RESET_SESSION) SetSelectedFrame(0);
+  if (m_StackIdx == 1) return Reset();
+  if (Mode != RM_RESET_SESSION) SetSelectedFrame(0);
+  Unwind();
 }
 
 void CCallStack::OnDeviceDisconnectDone() {
@@ -868,4 +875,17 @@ void CCallStack::OnDeviceDisconnectDone() {
 
 void CCallStack::OnDeviceEvalBPCondition(U32) {
   if (m_StackIdx == 0) Init();
+}
+
+void CCallStack::OnDeviceHaltDone(U32, HALT_REASONS) {
+  if (m_StackIdx != 0) return;
+  SetSelectedFrame(0);
+  CDevice* d = CDevice::InstanceIfCreated();
+  if (d && d->ReportHalts()) Unwind();
+}
+
+void CCallStack::OnDeviceStepped(U32) {
+  if (m_StackIdx != 0) return;
+  SetSelectedFrame(0);
+  Unwind();
 }

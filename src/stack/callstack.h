@@ -74,12 +74,16 @@ class CCallStack : public QObject, public CDeviceEventListener {
   void Unwind();
   // Goes on with the working stack by one frame.
   void UnwindNextFrame();
-  // Runs UnwindNextFrame until the stack is complete, waiting for reads with
-  // event processing, at most TimeoutMs. True when it completed.
-  bool UnwindToEnd(int TimeoutMs);
+  // Starts an unwind and runs it to its stop reason or the depth limit,
+  // waiting for the reads with event processing, at most TimeoutMs. True
+  // when it completed.
+  bool UnwindAll(int TimeoutMs);
   bool IsUnwinding() const { return m_bUnwinding; }
-  // True while UnwindToEnd drives the working stack (windows leave it alone).
+  // True while UnwindAll drives the working stack.
   bool IsDriven() const { return m_bDriven; }
+  // While a window shows the stack, every frame is unwound as soon as the
+  // one below it is; otherwise an unwind ends with the caller of frame 0.
+  static void SetFollowFrames(bool On);
   // Copies the working stack to the public one.
   void Finish();
   // A read of the working stack came back (HaveData false: it failed).
@@ -134,6 +138,8 @@ class CCallStack : public QObject, public CDeviceEventListener {
   void OnDeviceResetDone(U32 NewPC, RESET_MODES Mode) override;
   void OnDeviceDisconnectDone() override;
   void OnDeviceEvalBPCondition(U32 Addr) override;
+  void OnDeviceHaltDone(U32 NewPC, HALT_REASONS Reason) override;
+  void OnDeviceStepped(U32 NewPC) override;
 
  signals:
   void EvalFrameDone(int StackIdx);

@@ -140,8 +140,7 @@ protected:
       CCallStack::Instance().CompleteRead(Loc, Ok, w);
     });
     Init(m_Stop.registers["pc"]);
-    CCallStack::Instance().Unwind();
-    ASSERT_TRUE(CCallStack::Instance().UnwindToEnd(2000));
+    ASSERT_TRUE(CCallStack::Instance().UnwindAll(2000));
     m_Frame0 = CCallStack::Instance().GetFrame(0);
     SYM_SetCurrentPc((U32)m_Stop.registers["pc"]);
   }

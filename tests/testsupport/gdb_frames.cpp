@@ -61,16 +61,6 @@ std::map<std::string, std::string> SplitAtMarkers(const std::string& sOut) {
   return Out;
 }
 
-std::map<int, uint64_t> ParseGdbBreakpoints(const std::string& sOut) {
-  static const std::regex Bp(R"(^Breakpoint (\d+) at 0x([0-9a-f]+))");
-  std::map<int, uint64_t> Out;
-  for (const std::string& Line : SplitLines(sOut)) {
-    std::smatch m;
-    if (std::regex_search(Line, m, Bp)) Out[std::stoi(m[1])] = std::stoull(m[2], nullptr, 16);
-  }
-  return Out;
-}
-
 std::string RunGdbOnQemu(const std::string& sElf, const std::string& sCommands, const std::string& sScratch,
                          int TimeoutS) {
   const int Port = FreePort();

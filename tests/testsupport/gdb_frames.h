@@ -33,9 +33,6 @@ std::vector<GDB_FRAME> ParseGdbFrames(const std::string& sText);
 // the text after each marker, by name. Text before the first marker is "".
 std::map<std::string, std::string> SplitAtMarkers(const std::string& sOut);
 
-// Addresses of "Breakpoint N at 0xADDR" lines, by breakpoint number.
-std::map<int, uint64_t> ParseGdbBreakpoints(const std::string& sOut);
-
 // Starts the emulator's MPS2-AN385 machine halted with the program, runs gdb
 // with the commands (after "target remote" to it) and returns its output,
 // standard error included. The emulator is stopped afterwards.

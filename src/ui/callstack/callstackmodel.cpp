@@ -14,7 +14,6 @@ CCallStackDataModel::CCallStackDataModel(CCallStack* pStack, QObject* pParent)
     : QAbstractTableModel(pParent), m_pStack(pStack ? pStack : &CCallStack::Instance()) {
   setObjectName(QStringLiteral("CallStackDataModel"));
   ApplySettings();
-  connect(m_pStack->Working(), &CCallStack::UnwindNextFrameDone, this, &CCallStackDataModel::OnNextFrameUnwinded);
   connect(m_pStack, &CCallStack::UnwindComplete, this, &CCallStackDataModel::OnCallStackUnwinded);
 }
 
@@ -84,11 +83,9 @@ QVariant CCallStackDataModel::data(const QModelIndex& Index, int Role) const {
   }
 }
 
-void CCallStackDataModel::OnNextFrameUnwinded() {
-  CCallStack* w = m_pStack->Working();
-  if (w->IsDriven() || m_bExporting) return;
-  if (m_bWindowOpen) w->UnwindNextFrame();
-  else w->Finish();
+void CCallStackDataModel::SetWindowOpen(bool Open) {
+  m_bWindowOpen = Open;
+  CCallStack::SetFollowFrames(Open);
 }
 
 void CCallStackDataModel::OnCallStackUnwinded() {
@@ -111,10 +108,7 @@ bool CCallStackDataModel::UnwindForExport(int TimeoutMs) {
   ApplySettings();
   CDevice* d = CDevice::InstanceIfCreated();
   if (d && d->IsConnected() && d->HaltReported()) {
-    m_bExporting = true;
-    m_pStack->Unwind();
-    const bool Done = m_pStack->UnwindToEnd(TimeoutMs);
-    m_bExporting = false;
+    const bool Done = m_pStack->UnwindAll(TimeoutMs);
     OnCallStackUnwinded();
     return Done;
   }
@@ -122,20 +116,3 @@ bool CCallStackDataModel::UnwindForExport(int TimeoutMs) {
   return true;
 }
 
-void CCallStackDataModel::OnDeviceHaltDone(U32, HALT_REASONS) {
-  m_pStack->SetSelectedFrame(0);
-  CDevice* d = CDevice::InstanceIfCreated();
-  if (d && d->ReportHalts()) m_pStack->Unwind();
-}
-
-void CCallStackDataModel::OnDeviceStepped(U32) {
-  m_pStack->SetSelectedFrame(0);
-  m_pStack->Unwind();
-}
-
-void CCallStackDataModel::OnDeviceResetDone(U32, RESET_MODES Mode) {
-  if (Mode != RM_RESET_SESSION) m_pStack->SetSelectedFrame(0);
-  m_pStack->Unwind();
-}
-
-void CCallStackDataModel::OnDeviceResumeDone(RESUME_MODES) {}

@@ -2,7 +2,7 @@
 // stack, one per frame and a last one with the stop text. It exists without
 // a window, so the rows can be exported in batch mode.
 #pragma once
-#include "device/listener.h"
+#include "common/types.h"
 
 #include <QAbstractTableModel>
 
@@ -12,7 +12,7 @@ enum CALLSTACK_COLUMNS : int {
   CS_COL_FUNCTION = 0, CS_COL_STACK_INFO, CS_COL_SOURCE, CS_COL_PC, CS_COL_RETURN, CS_COL_FRAME, CS_COL_COUNT
 };
 
-class CCallStackDataModel : public QAbstractTableModel, public CDeviceEventListener {
+class CCallStackDataModel : public QAbstractTableModel {
   Q_OBJECT
  public:
   // Role of a row that holds a frame (false on the stop row).
@@ -29,7 +29,7 @@ class CCallStackDataModel : public QAbstractTableModel, public CDeviceEventListe
   int RowOfFrame(int Frame) const;
   // While a window shows the rows, each frame is unwound as soon as the one
   // below it is; otherwise a halt gives frame 0 and its caller.
-  void SetWindowOpen(bool Open) { m_bWindowOpen = Open; }
+  void SetWindowOpen(bool Open);
   bool WindowOpen() const { return m_bWindowOpen; }
   // The whole stack of the current halt, up to its stop reason or the depth
   // limit, before the rows are read without a window. False when the reads
@@ -39,23 +39,17 @@ class CCallStackDataModel : public QAbstractTableModel, public CDeviceEventListe
   void ApplySettings();
   CCallStack& Stack() const { return *m_pStack; }
 
-  void OnDeviceHaltDone(U32 NewPC, HALT_REASONS Reason) override;
-  void OnDeviceStepped(U32 NewPC) override;
-  void OnDeviceResetDone(U32 NewPC, RESET_MODES Mode) override;
-  void OnDeviceResumeDone(RESUME_MODES Mode) override;
 
  signals:
   void ContentChanged();
   void CallStackChanged();
 
  public slots:
-  void OnNextFrameUnwinded();
   void OnCallStackUnwinded();
 
  private:
   CCallStack* m_pStack;
   bool m_bWindowOpen = false;
-  bool m_bExporting = false;
   int m_Rows = 1;
   quint64 m_TopFunction = 0;
 };
