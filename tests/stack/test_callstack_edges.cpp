@@ -7,29 +7,25 @@
 #include "elf/dwarf/target_access.h"
 #include "elf/elfapi.h"
 #include "stack/callstack.h"
+#include "testsupport/gdb_frames.h"
 #include "testsupport/testapp.h"
 #include "testsupport/tools.h"
 
 #include <QCoreApplication>
 #include <QRegularExpression>
-#include <fstream>
 #include <map>
 #include <random>
 
 namespace {
 
-const std::string kDir = std::string(getenv("TAVIT_SOURCE_DIR") ? getenv("TAVIT_SOURCE_DIR") : ".") + "/firmware/tests/";
+const std::string kSrc = getenv("TAVIT_SOURCE_DIR") ? getenv("TAVIT_SOURCE_DIR") : ".", kDir = kSrc + "/firmware/tests/";
 constexpr U32 kSp = 0x2000F000;
 
 // gdb's first address of a breakpoint; "file.c@MARK" stands for the line
 // that holds MARK.
 U32 GdbAddress(const char* sElf, std::string sSpec) {
-  if (const size_t At = sSpec.find('@'); At != std::string::npos) {
-    std::ifstream f(kDir + sSpec.substr(0, At));
-    std::string l;
-    for (int n = 1; std::getline(f, l); ++n)
-      if (l.find(sSpec.substr(At + 1)) != std::string::npos) sSpec = sSpec.substr(0, At) + ":" + std::to_string(n);
-  }
+  if (const size_t At = sSpec.find('@'); At != std::string::npos)
+    sSpec = testsupport::MarkedLine(kSrc, sSpec.substr(0, At), sSpec.substr(At + 1));
   const std::string Out = RunGdb(kDir + "elf/" + sElf + ".elf", {"break " + sSpec, "info breakpoints"});
   const auto m = QRegularExpression(R"(0x([0-9a-f]+) in )").match(QString::fromStdString(Out));
   return m.hasMatch() ? m.captured(1).toUInt(nullptr, 16) : 0;

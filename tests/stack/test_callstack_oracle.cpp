@@ -22,7 +22,6 @@
 
 #include <QApplication>
 #include <QElapsedTimer>
-#include <fstream>
 #include <regex>
 
 namespace {
@@ -53,14 +52,6 @@ const BACKEND kSimMps2{"sim", "MPS2-AN385", "USB", "", "", "", 0x20010000, true}
 
 std::string ElfPath(const char* sName) { return gdbtest::SourceDir() + "/firmware/tests/elf/" + sName + ".elf"; }
 
-int MarkLine(const PROGRAM& p, const char* sMark) {
-  std::ifstream f(gdbtest::SourceDir() + "/firmware/tests/" + p.sSource);
-  std::string s;
-  for (int n = 1; std::getline(f, s); ++n)
-    if (s.find(sMark) != std::string::npos) return n;
-  return 0;
-}
-
 // What gdb saw at each stop: the breakpoint's addresses and the frames.
 struct GDB_RUN {
   std::vector<std::vector<uint64_t>> Addresses;
@@ -73,7 +64,7 @@ const GDB_RUN& GdbRun(const PROGRAM& p) {
   std::ostringstream Cmds;
   Cmds << "set backtrace past-main on\nset backtrace past-entry on\n";
   for (size_t i = 0; i < p.Stops.size(); ++i)
-    Cmds << "break " << p.sSource << ":" << MarkLine(p, p.Stops[i].sMark) << "\nignore $bpnum " << p.Stops[i].Hits - 1
+    Cmds << "break " << testsupport::MarkedLine(gdbtest::SourceDir(), p.sSource, p.Stops[i].sMark) << "\nignore $bpnum " << p.Stops[i].Hits - 1
          << "\necho @@BP" << i << "\\n\ninfo breakpoints\ncontinue\necho @@STOP" << i
          << "\\n\nbt\nframe apply all -s info frame\necho @@END\\n\ndelete\n";
   std::map<std::string, std::string> Parts = testsupport::SplitAtMarkers(

@@ -62,18 +62,10 @@ std::string ProgramPath(const std::string& sOpt) {
   return SourceDir() + "/firmware/tests/elf/frames-" + sOpt + ".elf";
 }
 
-int StopLine() {
-  std::ifstream f(SourceDir() + "/firmware/tests/frames_main.c");
-  std::string s;
-  for (int n = 1; std::getline(f, s); ++n)
-    if (s.find("STOP_IN_LEAF") != std::string::npos) return n;
-  return 0;
-}
-
 bool RunGdb(const std::string& sElf, const std::string& sScratch, GDB_STOP& Stop) {
   const std::string Ram = sScratch + ".ram";
   std::ostringstream Cmds;
-  Cmds << "break frames_main.c:" << StopLine() << "\ncontinue\ncontinue\n"
+  Cmds << "break " << testsupport::MarkedLine(SourceDir(), "frames_main.c", "STOP_IN_LEAF") << "\ncontinue\ncontinue\n"
        << "echo @@REGS\\n\ninfo registers\n"
        << "echo @@SCOPE\\n\ninfo scope *$pc\n"
        << "dump binary memory " << Ram << " " << kRam << " " << kRamStart + kRamSize << "\n";

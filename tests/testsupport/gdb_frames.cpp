@@ -61,6 +61,14 @@ std::map<std::string, std::string> SplitAtMarkers(const std::string& sOut) {
   return Out;
 }
 
+std::string MarkedLine(const std::string& sSourceDir, const std::string& sFile, const std::string& sMark) {
+  std::ifstream f(sSourceDir + "/firmware/tests/" + sFile);
+  std::string s;
+  for (int n = 1; std::getline(f, s); ++n)
+    if (s.find(sMark) != std::string::npos) return sFile + ":" + std::to_string(n);
+  return sFile + ":0";
+}
+
 std::string RunGdbOnQemu(const std::string& sElf, const std::string& sCommands, const std::string& sScratch,
                          int TimeoutS) {
   const int Port = FreePort();
