@@ -72,6 +72,11 @@ for opt in O0 O2; do
     build frames-$opt $FRAMES -$opt -- ../gdb/startup.c frames_main.c frames_other.c
 done
 
+# Call stacks: recursion, an exception handler, inlining and a tail call.
+for opt in O0 O2; do
+    build unwind-$opt $FRAMES -$opt -- unwind.c
+done
+
 # Breakpoint derivation: one inline function's line in three callers.
 build inline3 $FRAMES -O2 -- ../gdb/startup.c inline3.c
 

@@ -21,7 +21,9 @@
 #include "settings/fonts.h"
 #include "settings/store.h"
 #include "settings/sysvars.h"
+#include "stack/callstack.h"
 #include "ui/breakpoints/bpitemmodel.h"
+#include "ui/callstack/callstackmodel.h"
 #include "ui/dialogs/projectdialogs.h"
 #include "ui/framework/viewexport.h"
 #include "ui/shell/mainwindow.h"
@@ -63,6 +65,15 @@ void InstallModules() {
     static CBreakpointItemModel* s_pRows = new CBreakpointItemModel(&CBreakpointsDataModel::Instance());
     s_pRows->Reset();
     return s_pRows;
+  });
+  // The call stack follows every halt (frame 0 and its caller; the return
+  // address of frame 0 is what stepping out needs). Its window's rows, also
+  // without the window, are unwound to the end before they are read.
+  CCallStack::Instance();
+  WIN_RegisterViewModel(QStringLiteral("Call Stack"), [] {
+    static CCallStackDataModel* s_pStackRows = new CCallStackDataModel(&CCallStack::Instance());
+    s_pStackRows->UnwindForExport();
+    return s_pStackRows;
   });
   BreakpointModule::Install();
   {

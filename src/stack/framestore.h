@@ -1,7 +1,7 @@
 // The frame store: frames of the two call stacks (0 the public one, 1 the
 // one being unwound) and, apart from them, each frame's register values with
 // their known flags and its register rules. Locations resolve against it
-// (ICallFrameStore); the device layer fills frame 0 from the halted core.
+// (ICallFrameStore); the unwinder (stack/callstack.h) fills it.
 #pragma once
 #include "common/types.h"
 #include "elf/dwarf/location.h"
@@ -24,6 +24,11 @@ public:
   void SetRegister(int Stack, int Index, U32 Register, U64 Value, U8 Status);
   void SetRules(int Stack, int Index, const ELF_SYM_LOCS& Rows);
   void SetSelectedFrame(int Index) { m_Selected = Index; }
+  // Frames and register rows of one stack copied to the other (frames take
+  // the target stack's index).
+  void CopyStack(int From, int To);
+  // Keeps the first Count frames of a stack.
+  void Truncate(int Stack, int Count);
 
   bool GetFrame(int Stack, int Index, CCallFrame& Out) const override;
   int GetFrameCount(int Stack) const override;
@@ -49,12 +54,3 @@ private:
   std::vector<REGISTERS> m_Registers[2];
 };
 
-// Makes frame 0 of a stack from the halted core's registers (Values and
-// Known indexed by register number): function and inline state from the PC,
-// register rules, CFA, frame base with SP as fall-back. The store must be
-// reachable through the installed target access (ELF_SetTargetAccess) for
-// the frame base to resolve.
-CCallFrame STACK_InitFrame(CFrameStore& Store, int Stack, const std::vector<U64>& Values, const std::vector<U8>& Known);
-// The caller of frame Index by the register rules at its PC, stored as frame
-// Index + 1; the invalid frame if the rules don't lead there.
-CCallFrame STACK_UnwindFrame(CFrameStore& Store, int Stack, int Index);

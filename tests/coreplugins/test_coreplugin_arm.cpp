@@ -578,6 +578,13 @@ std::vector<Fde> ReadCfi(const std::string& f) {
     for (const std::string& c : T.Columns)
       Cols.push_back(c == "lr" || c == "ra" ? 14 : c == "sp" ? 13 : (c.size() > 1 && c[0] == 'r') ? std::atoi(c.c_str() + 1) : -1);
     for (const readelf::CfiRow& Row : T.Rows) {
+      // A return address made undefined on purpose after the entry
+      // (start-up code ending the stack) is nothing a prologue scan can
+      // see: the comparison ends there.
+      bool Ended = false;
+      for (size_t i = 0; i < Row.Rules.size() && i < Cols.size(); ++i)
+        Ended |= Cols[i] == 14 && Row.Rules[i] == "u" && &Row != &T.Rows.front();
+      if (Ended) break;
       const size_t Plus = Row.Cfa.find('+');
       if (Row.Cfa.empty() || Row.Cfa[0] != 'r' || Plus == std::string::npos) continue;
       CfiRow R;

@@ -2,8 +2,9 @@
 // committed test program (firmware/tests, built at -O0 and -O2) runs on the
 // emulator's MPS2 machine to a breakpoint inside Leaf, and gdb prints
 // registers, RAM and the values of locals in frame 0 (Leaf) and frame 1
-// (Middle). Frame 0 is made from gdb's registers, frame 1 by the call frame
-// rules; every local is then evaluated by name and compared with gdb's value.
+// (Middle). Frame 0 is made from gdb's registers, frame 1 by the unwinder
+// over gdb's RAM dump; every local is then evaluated by name and compared
+// with gdb's value.
 #include <gtest/gtest.h>
 
 #include "elf/dwarf/debuginfo.h"
@@ -13,7 +14,8 @@
 #include "expr/evaluator.h"
 #include "expr/expression.h"
 #include "log/log.h"
-#include "stack/framestore.h"
+#include "stack/callstack.h"
+#include "testsupport/gdb_frames.h"
 #include "testsupport/tools.h"
 
 #include <unistd.h>
@@ -60,20 +62,10 @@ std::string ProgramPath(const std::string& sOpt) {
   return SourceDir() + "/firmware/tests/elf/frames-" + sOpt + ".elf";
 }
 
-int StopLine() {
-  std::ifstream f(SourceDir() + "/firmware/tests/frames_main.c");
-  std::string s;
-  for (int n = 1; std::getline(f, s); ++n)
-    if (s.find("STOP_IN_LEAF") != std::string::npos) return n;
-  return 0;
-}
-
 bool RunGdb(const std::string& sElf, const std::string& sScratch, GDB_STOP& Stop) {
-  const int Port = FreePort();
   const std::string Ram = sScratch + ".ram";
   std::ostringstream Cmds;
-  Cmds << "set pagination off\nset confirm off\ntarget remote 127.0.0.1:" << Port << "\n"
-       << "break frames_main.c:" << StopLine() << "\ncontinue\ncontinue\n"
+  Cmds << "break " << testsupport::MarkedLine(SourceDir(), "frames_main.c", "STOP_IN_LEAF") << "\ncontinue\ncontinue\n"
        << "echo @@REGS\\n\ninfo registers\n"
        << "echo @@SCOPE\\n\ninfo scope *$pc\n"
        << "dump binary memory " << Ram << " " << kRam << " " << kRamStart + kRamSize << "\n";
@@ -82,13 +74,7 @@ bool RunGdb(const std::string& sElf, const std::string& sScratch, GDB_STOP& Stop
   for (const std::string& e : kMiddleExprs) Cmds << "echo @@MIDDLE " << e << "\\n\nprint/x " << e << "\n";
   Cmds << "echo @@OTHER twin\\n\nprint/x 'frames_other.c'::twin\n";
   Cmds << "echo @@OTHER shade\\n\nprint/x 'frames_main.c'::shade\n";
-  Cmds << "kill\n";
-  const std::string Script = sScratch + ".gdb";
-  std::ofstream(Script) << Cmds.str();
-  const std::string Out = RunToolOutput(
-      "qemu-system-arm -M mps2-an385 -kernel " + sElf + " -S -gdb tcp:127.0.0.1:" + std::to_string(Port) +
-      " -display none -monitor none -serial null >/dev/null 2>&1 & Q=$!; sleep 0.5; timeout 60 gdb-multiarch -batch -nx -x " +
-      Script + " " + sElf + " 2>&1; kill $Q 2>/dev/null; wait $Q 2>/dev/null");
+  const std::string Out = testsupport::RunGdbOnQemu(sElf, Cmds.str(), sScratch);
   std::string Section, Name;
   static const std::regex Reg(R"(^(r\d+|sp|lr|pc)\s+0x([0-9a-f]+)\s.*)");
   static const std::regex Value(R"(^\$\d+ = (.*)$)");
@@ -138,18 +124,29 @@ protected:
     DWARF_Install();
     ASSERT_EQ(CElfApi::Instance().Load(QString::fromStdString(m_sElf)), 0);
     m_Target.ram = m_Stop.ram;
-    m_Store.Configure(16, 15, 13);
+    CCallStack::Instance().Configure(STACK_CORE_FACTS{}, 50);
     ELF_SetTargetAccess(&m_Target);
+    CCallStack::SetReader([](const ELF_SYM_LOC& Loc, U32) {
+      U32 w = 0;
+      const bool Ok = ELF_ReadTargetWord(Loc.parts[0].address, &w) == 0;
+      CCallStack::Instance().CompleteRead(Loc, Ok, w);
+    });
+    Init(m_Stop.registers["pc"]);
+    ASSERT_TRUE(CCallStack::Instance().UnwindAll(2000));
+    m_Frame0 = CCallStack::Instance().GetFrame(0);
+    SYM_SetCurrentPc((U32)m_Stop.registers["pc"]);
+  }
+  // Frame 0 of the public stack from gdb's registers with another PC.
+  void Init(U64 Pc) {
     std::vector<U64> Values(16);
-    std::vector<U8> Known(16, 1);
     for (int r = 0; r < 13; ++r) Values[r] = m_Stop.registers["r" + std::to_string(r)];
     Values[13] = m_Stop.registers["sp"];
     Values[14] = m_Stop.registers["lr"];
-    Values[15] = m_Stop.registers["pc"];
-    m_Frame0 = STACK_InitFrame(m_Store, 0, Values, Known);
-    SYM_SetCurrentPc((U32)Values[15]);
+    Values[15] = Pc;
+    ASSERT_TRUE(CCallStack::Instance().Init(&Values));
   }
   void TearDown() override {
+    CCallStack::SetReader(nullptr);
     ELF_SetTargetAccess(nullptr);
     SYM_SetCurrentPc(0xFFFFFFFFu);
   }
@@ -176,7 +173,7 @@ protected:
   }
   std::string m_sElf;
   GDB_STOP m_Stop;
-  CFrameStore m_Store;
+  CFrameStore& m_Store = CCallStack::Store();
   CDumpedTarget m_Target{&m_Store};
   CCallFrame m_Frame0;
 };
@@ -264,12 +261,7 @@ TEST_P(Frames, LocalOutsideItsRangeGivesWayToTheGlobal) {
   int Kind;
   const CAddrRange Leaf = ResolveToAddress("Leaf", Kind);
   ASSERT_EQ(Kind, 2);
-  std::vector<U64> Values(16);
-  for (int r = 0; r < 13; ++r) Values[r] = m_Stop.registers["r" + std::to_string(r)];
-  Values[13] = m_Stop.registers["sp"];
-  Values[14] = m_Stop.registers["lr"];
-  Values[15] = Leaf.start;
-  STACK_InitFrame(m_Store, 0, Values, std::vector<U8>(16, 1));
+  Init(Leaf.start);
   SYM_SetCurrentPc(Leaf.start);
   CExpression e("shade");
   ASSERT_GT(Evaluate(e), 0);
@@ -279,8 +271,9 @@ TEST_P(Frames, LocalOutsideItsRangeGivesWayToTheGlobal) {
 }
 
 TEST_P(Frames, CallerFrameByTheRulesMatchesGdb) {
-  const CCallFrame F1 = STACK_UnwindFrame(m_Store, 0, 0);
-  ASSERT_TRUE(F1.IsValid());
+  CCallStack& s = CCallStack::Instance();
+  ASSERT_GE(s.FrameCount(), 2) << s.GetStopText().toStdString();
+  const CCallFrame F1 = s.GetFrame(1);
   EXPECT_EQ(std::string(ELF_GetName(F1.function)), "Middle");
   U64 Sp = 0;
   ASSERT_TRUE(m_Store.GetRegister(0, 1, 13, Sp));
