@@ -1,6 +1,7 @@
 #include "app/startup.h"
 
 #include "app/batch.h"
+#include "ui/source/pclineview.h"
 #include "cmdline/cmdline.h"
 #include "commands/actions.h"
 #include "device/bpmodel.h"
@@ -211,6 +212,8 @@ int RunTavit(int argc, char** argv) {
   InstallModules();
   auto* pMain = new CMainWindow;
   ConnectMainWindow(pMain);
+  // With a window, the file and line of the PC stand in the middle.
+  if (!o.IsBatch) pMain->setCentralWidget(new CPcLineView(pMain));
   auto pStartOk = std::make_shared<bool>(true);
   pMain->SetWindowShownHandler([pMain, pStartOk] { *pStartOk = OnWindowShown(pMain); });
   // 10. The debug console is the terminal the process was started from.

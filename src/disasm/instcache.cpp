@@ -171,6 +171,11 @@ U64 Core::AnalyzeAdd(U64 Start, U64 End, const U8* pData) {
     DebugMessage(QStringLiteral("Cannot add to instruction cache outside 32-bit address range"));
     return 0;
   }
+  // The plug-in decodes the bytes given, not the image's.
+  CORE_SetReadOverlay(Start, End, pData);
+  struct CLEAR {
+    ~CLEAR() { CORE_SetReadOverlay(0, 0, nullptr); }
+  } Clear;
   U64 Sum = 0;
   for (U64 A = AlignDown(Start); A < End;) {
     int r = -1;

@@ -12,10 +12,13 @@
 #include "elf/elf.h"
 #include "elf/elfapi.h"
 #include "plugins/corehost.h"
+#include "settings/ids.h"
+#include "settings/sysvars.h"
 
 #include <QMutexLocker>
 #include <QObject>
 #include <algorithm>
+#include <vector>
 
 namespace {
 
@@ -43,21 +46,31 @@ struct BUILT {
   bool Plugin = false;
 } g_Built;
 
-// Reads of Debug.ReadIntoInstCache and after downloads: a report of exactly
-// the range asked for goes into the cache.
+// Reads of Debug.ReadIntoInstCache and of the program's code after a
+// download: a report of exactly a range asked for goes into the cache.
 class CInstReader : public CDeviceEventListener {
  public:
-  U32 m_Addr = 0, m_Size = 0;
+  struct RANGE {
+    U32 Addr, Size;
+  };
+  std::vector<RANGE> m_Pending;
+  bool Take(U32 Addr, U32 nBytes) {
+    const auto It = std::find_if(m_Pending.begin(), m_Pending.end(),
+                                 [&](const RANGE& r) { return r.Addr == Addr && r.Size == nBytes; });
+    if (It == m_Pending.end()) return false;
+    m_Pending.erase(It);
+    return true;
+  }
   void OnDeviceReadMemDone(U32 Addr, U32 nBytes, const char*, U8* paData, U8* paStatus) override {
-    if (!m_Size || Addr != m_Addr || nBytes != m_Size) return;
-    m_Size = 0;
+    if (!Take(Addr, nBytes)) return;
     for (U32 i = 0; i < nBytes; ++i)
       if (paStatus && paStatus[i]) return;
     Core::AnalyzeAdd(Addr, U64(Addr) + nBytes, paData);
   }
-  void OnDeviceReadMemFailed(U32 Addr, U32 nBytes, const char*) override {
-    if (Addr == m_Addr && nBytes == m_Size) m_Size = 0;
-  }
+  void OnDeviceReadMemFailed(U32 Addr, U32 nBytes, const char*) override { Take(Addr, nBytes); }
+  // What the target holds after a download is what runs: the code ranges are
+  // read back into the cache.
+  void OnDeviceEndDownloadDone(const char*, DOWNLOAD_MODES) override { DisasmModule::ReadProgramIntoInstCache(); }
 };
 CInstReader* g_pReader = nullptr;
 
@@ -91,6 +104,26 @@ void DisasmModule::Sync(bool Force) {
   if (f && Now.Plugin) ELF_SetInstructionAnalysis(&g_Analysis);
 }
 
+namespace {
+
+// The trace source can take code of its own: trace pins with a streaming
+// probe, or the on-chip trace buffer.
+bool TraceSourceUsable(CDevice* d) {
+  const int Src = int(SysVars::GetValue(VAR_TRACE_SOURCE));
+  return Src == 2 || (Src == 1 && d->Info().aCaps[2]);
+}
+
+int RequestRead(U32 Addr, U32 Size) {
+  if (!g_pReader) g_pReader = new CInstReader;
+  g_pReader->m_Pending.push_back({Addr, Size});
+  const int r = CDeviceDataManager::Instance().ReadMemAsync(g_pReader, Addr, Size, nullptr, 0, AW_ANY, 0);
+  // 1: answered at once from the cache; the report has come already.
+  if (r < 0 || (r == 1 && g_pReader->Take(Addr, Size))) return -1;
+  return 0;
+}
+
+}  // namespace
+
 int DisasmModule::ReadIntoInstCache(U32 Addr, U32 Size, QString* psReason) {
   auto Fail = [psReason](const char* s) {
     if (psReason) *psReason = QLatin1String(s);
@@ -103,16 +136,35 @@ int DisasmModule::ReadIntoInstCache(U32 Addr, U32 Size, QString* psReason) {
   if (!d->CanAccessMemory())
     return Fail("cannot access target memory: target not halted and background memory access not supported");
   Sync();
-  if (!g_pReader) g_pReader = new CInstReader;
-  g_pReader->m_Addr = Addr;
-  g_pReader->m_Size = Size;
-  CDeviceDataManager::Instance().CancelRequests(g_pReader);
-  const int r = CDeviceDataManager::Instance().ReadMemAsync(g_pReader, Addr, Size, nullptr, 0, AW_ANY, 0);
-  if (r == 1 && g_pReader->m_Size) {
-    g_pReader->m_Size = 0;
-    return Fail("cannot read target memory");
-  }
+  if (RequestRead(Addr, Size) < 0) return Fail("cannot read target memory");
+  if (TraceSourceUsable(d)) d->PostExecVordenCmd(QStringLiteral("ReadIntoTraceCache 0x%1 0x%2")
+                                                     .arg(Addr, 0, 16)
+                                                     .arg(U64(Addr) + Size, 0, 16)
+                                                     .toUpper()
+                                                     .replace(QLatin1String("0X"), QLatin1String("0x"))
+                                                     .toLatin1()
+                                                     .constData());
   return 0;
+}
+
+int DisasmModule::ReadProgramIntoInstCache() {
+  CDevice* d = CDevice::InstanceIfCreated();
+  if (!IsCorePluginLoaded() || !d || !d->IsConnected() || !d->CanAccessMemory()) return 0;
+  Sync();
+  std::vector<CORE_ADDR_RANGE> Ranges;
+  {
+    CElfApi& Elf = CElfApi::Instance();
+    QMutexLocker Lock(&Elf.Mutex());
+    const ELF_FILE* f = Elf.IsLoaded() ? Elf.GetFile() : nullptr;
+    // Executable sections with bytes in the file (SHT_PROGBITS, SHF_EXECINSTR).
+    for (int i = 0, n = f ? ELF_GetNumSections(f) : 0; i < n; ++i)
+      if (ELF_GetSectionType(f, i) == 1 && (ELF_GetSectionFlags(f, i) & 4) && ELF_GetSectionSize(f, i))
+        Ranges.push_back({ELF_GetSectionAddr(f, i), U64(ELF_GetSectionAddr(f, i)) + ELF_GetSectionSize(f, i)});
+  }
+  int n = 0;
+  for (const CORE_ADDR_RANGE& r : Ranges)
+    if (r.End > r.Start && RequestRead(U32(r.Start), U32(r.End - r.Start)) == 0) ++n;
+  return n;
 }
 
 void DisasmModule::Install() {

@@ -13,4 +13,7 @@ void Install();
 void Sync(bool Force = false);
 // Debug.ReadIntoInstCache: 0 when the read was asked for, -1 with the reason.
 int ReadIntoInstCache(U32 Addr, U32 Size, QString* psReason = nullptr);
+// Reads the program's executable load ranges from the target into the cache
+// (after a download); the number of reads asked for.
+int ReadProgramIntoInstCache();
 }  // namespace DisasmModule

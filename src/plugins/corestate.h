@@ -19,6 +19,10 @@ struct CORE_HOST_STATE {
   QString sPath;
   bool ChosenByHand = false;         // the path came from the file dialog in this run
   void* pFrameTable = nullptr;
+  // Bytes that the plug-in's memory reads see before the image and the
+  // target: the target code that the instruction cache is taking in.
+  U64 OverlayStart = 0, OverlayEnd = 0;
+  const U8* pOverlay = nullptr;
 };
 CORE_HOST_STATE& CoreHostState();
 // The host table handed to every plug-in.

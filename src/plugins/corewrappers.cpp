@@ -95,6 +95,13 @@ const CORE_INST_INFO* CORE_AnalyzeInst(U64 Addr, int* pResult) {
   return r == 0 && i.Size ? &i : nullptr;
 }
 
+void CORE_SetReadOverlay(U64 Start, U64 End, const U8* pData) {
+  CORE_HOST_STATE& h = CoreHostState();
+  h.pOverlay = End > Start ? pData : nullptr;
+  h.OverlayStart = h.pOverlay ? Start : 0;
+  h.OverlayEnd = h.pOverlay ? End : 0;
+}
+
 int CORE_GetRegIndex(U32 CoreRegIdx) { return Api().pfGetRegIndex ? Api().pfGetRegIndex(CoreRegIdx) : -1; }
 
 const char* CORE_GetModeName(U32 Mode) {

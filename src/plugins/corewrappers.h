@@ -22,6 +22,10 @@ int CORE_UnwindFrame(const void* pFrameEntry, CORE_FRAME_RECORD* pRec);
 // The analysis of one instruction; null when there is none (no plug-in,
 // no instruction there, or failure). *pResult (optional) takes the result.
 const CORE_INST_INFO* CORE_AnalyzeInst(U64 Addr, int* pResult = nullptr);
+// While set, the plug-in's reads of [Start, End) see pData instead of the
+// program image or the target (the bytes an analysis is asked to decode);
+// a null pData clears it. GUI thread.
+void CORE_SetReadOverlay(U64 Start, U64 End, const U8* pData);
 int CORE_GetRegIndex(U32 CoreRegIdx);
 const char* CORE_GetModeName(U32 Mode);
 const char* CORE_GetCoreName(U32 Core);

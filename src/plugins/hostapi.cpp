@@ -158,13 +158,21 @@ int ReadMem(U64 Addr, U32 NumBytes, U8* pData) {
     return -1;
   }
   if (!pData || Addr + NumBytes > 0x100000000ull) return -1;
-  if (ReadImage(Addr, NumBytes, pData) == int(NumBytes)) return 0;
-  CDevice* d = CDevice::InstanceIfCreated();
-  if (!d || NumBytes > 5000 || !d->IsConnected() || !d->CanAccessMemory()) return -1;
-  std::vector<U8> Status(NumBytes);
-  if (d->ReadMem(U32(Addr), NumBytes, 0, AW_ANY, 0, nullptr, pData, Status.data()) != int(NumBytes)) return -1;
+  const CORE_HOST_STATE& h = CoreHostState();
+  const U64 From = std::max(Addr, h.OverlayStart), To = std::min(Addr + NumBytes, h.OverlayEnd);
+  const bool Overlaid = h.pOverlay && From < To;
+  if (Overlaid && From == Addr && To == Addr + NumBytes) {
+    std::memcpy(pData, h.pOverlay + (Addr - h.OverlayStart), NumBytes);
+  } else if (ReadImage(Addr, NumBytes, pData) != int(NumBytes)) {
+    CDevice* d = CDevice::InstanceIfCreated();
+    if (!d || NumBytes > 5000 || !d->IsConnected() || !d->CanAccessMemory()) return -1;
+    std::vector<U8> Status(NumBytes);
+    if (d->ReadMem(U32(Addr), NumBytes, 0, AW_ANY, 0, nullptr, pData, Status.data()) != int(NumBytes)) return -1;
+  }
+  // The part that the overlay holds is its own.
+  if (Overlaid) std::memcpy(pData + (From - Addr), h.pOverlay + (From - h.OverlayStart), To - From);
   // A big-endian instruction side reads aligned items in host order.
-  if (CoreHostState().Config.InstEndian == 1 && (NumBytes == 2 || NumBytes == 4 || NumBytes == 8) && Addr % NumBytes == 0)
+  if (h.Config.InstEndian == 1 && (NumBytes == 2 || NumBytes == 4 || NumBytes == 8) && Addr % NumBytes == 0)
     std::reverse(pData, pData + NumBytes);
   return 0;
 }
