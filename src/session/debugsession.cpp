@@ -385,6 +385,7 @@ void CDebugSession::ApplyBreakSymbol() {
 int CDebugSession::RunToBreakSymbol() {
   CDevice* d = Dev();
   if (!d || !d->IsConnected()) return -1;
+  ApplyBreakSymbol();  // the connection may have reset the configuration
   const int Param = d->Config().Get(DEV_CFG_BREAK_AT_SYMBOL_ADDR);
   if (Param == -1) return -1;
   const U32 Addr = U32(Param) & ~1u;  // instruction alignment of the Thumb code
