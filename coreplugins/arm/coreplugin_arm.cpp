@@ -540,6 +540,11 @@ int SetDefaultExecState() {
   U32 SP = ElfU32(v, Big), PC = ElfU32(v + 4, Big);
   if (WriteOne(13, SP & ~3u) != 0) return -1;
   if (WriteOne(15, PC & ~1u) != 0) return -1;
+  // As a reset does: the core runs Thumb code in thread mode. A core that was
+  // reset before the program was there has the T bit clear and would fault
+  // at its first instruction.
+  U64 Psr = 0;
+  if (ReadOne(kXPSR, &Psr) == 0 && (Psr & 0x010001FFu) != 0x01000000u) WriteOne(kXPSR, 0x01000000u);
   return 0;
 }
 

@@ -423,6 +423,9 @@ void CDebugSession::HandleHaltDone(HALT_REASONS Reason) {
   // Halts of the reset and the download inside the start chain are not the
   // one the chain waits for.
   if (Reason == HALT_REASON_PC_WRITE || m_bChain) return;
+  // A report of a stop that is already over (the reset's, when its run to the
+  // break symbol has begun) is not the halt the session waits for.
+  if (CDevice* d = Dev(); d && (d->IsJobPending(JT_RUN_TO) || d->IsRunning())) return;
   m_bExpectHalt = false;
   if (Reason == HALT_REASON_RUN_TO) m_HaltTimer.start();
   else OnTargetHaltedAndTOElapsed();

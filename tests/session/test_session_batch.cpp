@@ -84,9 +84,7 @@ class SessionBatch : public devtest::CBackendBatch {
   }
 };
 
-// Disabled: after Exec.Connect and Debug.Download, Debug.Reset with the break
-// symbol stays at the reset vector; not yet found why.
-TEST_P(SessionBatch, DISABLED_ResetBreaksAtMainAfterConnectAndDownload) {
+TEST_P(SessionBatch, ResetBreaksAtMainAfterConnectAndDownload) {
   devtest::CTargetRig Rig(GetParam());
   const RUN r = Batch(Open(Rig) << "Debug.SetResetMode(RM_BREAK_AT_SYMBOL)" << "Exec.Connect()" << "Debug.Download()"
                                 << "Debug.Reset()" << "Target.GetReg(\"PC\")");
@@ -98,7 +96,6 @@ TEST_P(SessionBatch, DISABLED_ResetBreaksAtMainAfterConnectAndDownload) {
 
 TEST_P(SessionBatch, StartRunsTheEventChainAndStopDisconnects) {
   // On QEMU the run to main after the download does not halt yet.
-  if (QString(GetParam().sHostIF) == "IP") GTEST_SKIP() << "run to main on QEMU not yet halting";
   devtest::CTargetRig Rig(GetParam());
   QFile f(Dir.filePath("p.vdebug"));
   ASSERT_TRUE(f.open(QIODevice::WriteOnly));
