@@ -16,7 +16,9 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QHash>
+#include <QCoreApplication>
 #include <QMutexLocker>
+#include <QTimer>
 
 namespace {
 
@@ -336,8 +338,12 @@ void IBreakpointDevice::SetConditionWord(U64 PcAndMet) {
 }
 
 void CBreakpointsDataModel::OnDeviceEvalBPCondition(U32 Addr) {
-  const bool Met = EvaluateCondition(Addr);
-  m_pDevice->SetConditionWord((U64(Addr) & ~1ull) | (Met ? 1 : 0));
+  // Decided once every listener has had the report, so that the call stack
+  // has made frame 0 of this stop, in which the condition's locals live.
+  QTimer::singleShot(0, QCoreApplication::instance(), [this, Addr] {
+    const bool Met = EvaluateCondition(Addr);
+    m_pDevice->SetConditionWord((U64(Addr) & ~1ull) | (Met ? 1 : 0));
+  });
 }
 
 bool CBreakpointsDataModel::EvaluateCondition(U32 Addr) {

@@ -296,6 +296,8 @@ bool CCallStack::Init(const std::vector<U64>* pValues, const std::vector<U8>* pK
     for (U32 r = 0; r < c.registerCount; ++r) Known[r] = a.ReadRegister(0, 0, r, Values[r]);
   }
   if (!Known[c.pcRegister] || !Known[c.spRegister]) return false;
+  // Locals and their locations belong to the PC of this stop.
+  if (m_StackIdx == 0) SYM_SetCurrentPc(U32(Values[c.pcRegister]));
   Reset();
   CCallFrame F;
   F.stack = m_StackIdx;
@@ -877,15 +879,17 @@ void CCallStack::OnDeviceEvalBPCondition(U32) {
   if (m_StackIdx == 0) Init();
 }
 
-void CCallStack::OnDeviceHaltDone(U32, HALT_REASONS) {
+void CCallStack::OnDeviceHaltDone(U32 NewPC, HALT_REASONS) {
   if (m_StackIdx != 0) return;
+  SYM_SetCurrentPc(NewPC);
   SetSelectedFrame(0);
   CDevice* d = CDevice::InstanceIfCreated();
   if (d && d->ReportHalts()) Unwind();
 }
 
-void CCallStack::OnDeviceStepped(U32) {
+void CCallStack::OnDeviceStepped(U32 NewPC) {
   if (m_StackIdx != 0) return;
+  SYM_SetCurrentPc(NewPC);
   SetSelectedFrame(0);
   Unwind();
 }
