@@ -71,6 +71,8 @@ void InstallModules() {
   // address of frame 0 is what stepping out needs). Its window's rows, also
   // without the window, are unwound to the end before they are read.
   CCallStack::Instance();
+  // A breakpoint condition reads its locals in frame 0 of the stop.
+  CBreakpointsDataModel::Instance().SetConditionFrameHook([] { CCallStack::Instance().Init(); });
   WIN_RegisterViewModel(QStringLiteral("Call Stack"), [] {
     static CCallStackDataModel* s_pStackRows = new CCallStackDataModel(&CCallStack::Instance());
     s_pStackRows->UnwindForExport();

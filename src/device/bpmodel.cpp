@@ -16,9 +16,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QHash>
-#include <QCoreApplication>
 #include <QMutexLocker>
-#include <QTimer>
 
 namespace {
 
@@ -337,13 +335,13 @@ void IBreakpointDevice::SetConditionWord(U64 PcAndMet) {
   if (CDevice* d = CDevice::InstanceIfCreated()) d->SetConditionWord(PcAndMet);
 }
 
+void CBreakpointsDataModel::SetConditionFrameHook(std::function<void()> Fn) { m_ConditionFrameHook = std::move(Fn); }
+
 void CBreakpointsDataModel::OnDeviceEvalBPCondition(U32 Addr) {
-  // Decided once every listener has had the report, so that the call stack
-  // has made frame 0 of this stop, in which the condition's locals live.
-  QTimer::singleShot(0, QCoreApplication::instance(), [this, Addr] {
-    const bool Met = EvaluateCondition(Addr);
-    m_pDevice->SetConditionWord((U64(Addr) & ~1ull) | (Met ? 1 : 0));
-  });
+  // Frame 0 of this stop first: the condition's locals live in it.
+  if (m_ConditionFrameHook) m_ConditionFrameHook();
+  const bool Met = EvaluateCondition(Addr);
+  m_pDevice->SetConditionWord((U64(Addr) & ~1ull) | (Met ? 1 : 0));
 }
 
 bool CBreakpointsDataModel::EvaluateCondition(U32 Addr) {

@@ -187,6 +187,9 @@ class CBreakpointsDataModel : public CDeviceEventListener {
   // task filter, condition expression. The device asks through
   // OnDeviceEvalBPCondition and gets the answer in its condition word.
   bool EvaluateCondition(U32 Addr);
+  // Called before a condition is decided, to make frame 0 of the stop (the
+  // call stack installs it; the device layer knows no frames).
+  void SetConditionFrameHook(std::function<void()> Fn);
   void OnDeviceEvalBPCondition(U32 Addr) override;
 
   // ---- refresh (device reports)
@@ -226,6 +229,7 @@ class CBreakpointsDataModel : public CDeviceEventListener {
   std::function<bool()> m_HasProgramFile;
   std::function<void()> m_Changed;
   U64 m_Generation = 0;
+  std::function<void()> m_ConditionFrameHook;
 };
 
 // Error text of a data breakpoint the probe refused, from its code.

@@ -356,6 +356,8 @@ class CDevice : public QThread {
   void MarkRunningBehindOurBack();
   // How long the idle worker may sleep before the halt poll is due.
   int HaltPollWaitMs() const;
+  // The interval of the halt poll while the target runs.
+  int HaltPollIntervalMs() const;
   void ResetState();
   void ShutdownProbe();
   bool ProbeOpen() const;
@@ -407,6 +409,7 @@ class CDevice : public QThread {
   int m_NumBPsBeforeDL = 0;  // worker only: kept between the two halves of a download
   std::atomic<int> m_LastDownloadError{0};
   qint64 m_LastHaltQueryMs = 0;   // worker only: the stamp every halt query shares
+  qint64 m_LastResumeMs = 0;      // worker only: when the target was last resumed
   bool m_bHaltReportDue = false;  // worker only
 };
 
