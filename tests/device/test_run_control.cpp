@@ -93,8 +93,9 @@ TEST_P(RunControl, RunToUsesTheUserBreakpointOrAHiddenOne) {
   Device()->PostRunTo(Work), Idle();
   EXPECT_EQ(Device()->HiddenBPAddr(), ~0u);
   ASSERT_TRUE(WaitHalted());
+  // (Whether the hidden breakpoint is still in force when the jobs are done
+  // depends on how soon the poll sees the stop; reason 3 tells it was used.)
   Device()->PostClearBP(Work), Device()->PostRunTo(Mix), Idle();
-  EXPECT_TRUE(Device()->HiddenBPAddr() == Mix && Device()->PendingOp() == JT_RUN_TO);
   ASSERT_TRUE(WaitHalted());
   EXPECT_EQ(Rec.Halts, (HALTS{{Work, 2}, {Mix, 3}}));
   EXPECT_TRUE(Device()->HiddenBPAddr() == ~0u && Device()->Probe().VORDENARM_FindBP(Mix) == 0 && Device()->PendingOp() == 0);
