@@ -46,7 +46,7 @@ class CMapTarget : public CProgramImageAccess {
 };
 
 struct EDGE {
-  const char *sName, *sElf, *sWhere;  // gdb breakpoint spec; "" for 0x4, outside every function
+  const char *sName, *sElf, *sWhere;  // where gdb breaks (its break location text); "" for 0x4, outside every function
   U32 Lr, R7;                         // 0: not set
   int DepthLimit, Frames;             // Frames -1: not checked
   const char *sStop, *sFunc0, *sReturn0, *sFunc1;  // prefixes; %1 is the top frame's PC

@@ -34,7 +34,7 @@ std::vector<GDB_FRAME> ParseGdbFrames(const std::string& sText);
 std::map<std::string, std::string> SplitAtMarkers(const std::string& sOut);
 
 // "file.c:N" of the first line of firmware/tests/<sFile> (under sSourceDir)
-// that holds sMark: the break spec of a marked stop place.
+// that holds sMark: the break location text of a marked stop place.
 std::string MarkedLine(const std::string& sSourceDir, const std::string& sFile, const std::string& sMark);
 
 // Starts the emulator's MPS2-AN385 machine halted with the program, runs gdb
