@@ -29,6 +29,7 @@
 #include "ui/framework/viewexport.h"
 #include "ui/shell/mainwindow.h"
 
+#include <QAction>
 #include <QApplication>
 #include <QFile>
 #include <QFileInfo>
@@ -214,6 +215,21 @@ int RunTavit(int argc, char** argv) {
   InstallModules();
   auto* pMain = new CMainWindow;
   ConnectMainWindow(pMain);
+  // The run controls follow the session: F5 starts a session when there is
+  // none and continues the target in one, so only one of the two is enabled.
+  if (CDebugSession* pSession = SessionModule::DebugSession()) {
+    auto Apply = [pMain, pSession] {
+      const RUN_CONTROL_STATES c = pSession->RunControls();
+      const std::pair<const char*, bool> Rows[] = {
+          {"actionDebugStart", c.Start}, {"actionDebugStop", c.Stop}, {"actionDebugContinue", c.Continue},
+          {"actionDebugHalt", c.Halt}, {"actionDebugReset", c.Reset}, {"actionDebugStepInto", c.Step},
+          {"actionDebugStepOver", c.Step}, {"actionDebugStepOut", c.Step}};
+      for (const auto& [sName, On] : Rows)
+        if (QAction* a = pMain->findChild<QAction*>(QLatin1String(sName))) a->setEnabled(On);
+    };
+    QObject::connect(pSession, &CDebugSession::RunControlsChanged, pMain, Apply);
+    Apply();
+  }
   // With a window, the file and line of the PC stand in the middle.
   if (!o.IsBatch) pMain->setCentralWidget(new CPcLineView(pMain));
   auto pStartOk = std::make_shared<bool>(true);
