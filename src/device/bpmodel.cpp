@@ -125,6 +125,27 @@ int CBreakpointsDataModel::ClearSourceBP(const CSrcLoc& Loc) {
   return m_pDevice->PostClearBPs(std::vector<U32>(Addrs.begin(), Addrs.end()));
 }
 
+QList<QPair<QString, CBreakpointInfo>> CBreakpointsDataModel::DetachSourceBPs() {
+  QList<QPair<QString, CBreakpointInfo>> List;
+  for (const CBreakpointInfo& b : m_Src) List.append({m_pProgram->LocText(b.Loc), b});
+  for (const auto& e : List) ClearSourceBP(e.second.Loc);
+  return List;
+}
+
+void CBreakpointsDataModel::ReattachSourceBPs(const QList<QPair<QString, CBreakpointInfo>>& List) {
+  for (const auto& [sLoc, Old] : List) {
+    CSrcLoc Loc;
+    if (!m_pProgram->ParseLocation(sLoc, &Loc) || Loc.IsNull()) {
+      LogWarning(QStringLiteral("Breakpoint at ") + sLoc + QStringLiteral(" removed: the location is not in the reloaded program"));
+      continue;
+    }
+    if (SetSourceBP(Loc, Old.State, Old.PermittedImpl) < 0) continue;
+    CBreakpointInfo b = Old;
+    b.Loc = Loc;
+    Edit(b);
+  }
+}
+
 void CBreakpointsDataModel::ClearAll() {
   m_Src.clear();
   Changed();

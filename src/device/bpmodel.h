@@ -145,6 +145,12 @@ class CBreakpointsDataModel : public CDeviceEventListener {
   int SetSourceBP(const CSrcLoc& Loc, BP_STATES State, BP_TYPES Type);
   int ClearSourceBP(const CSrcLoc& Loc);
   void ClearAll();
+  // A program reload keeps the source breakpoints: Detach takes them off
+  // their addresses while the old program is open and keeps each with its
+  // location text; Reattach looks the texts up in the new program and sets
+  // them again with their states and edit fields.
+  QList<QPair<QString, CBreakpointInfo>> DetachSourceBPs();
+  void ReattachSourceBPs(const QList<QPair<QString, CBreakpointInfo>>& List);
   // Every breakpoint, data breakpoint and tracepoint goes, in the model and
   // in the device (a project closes; its user file has kept them).
   void Forget();

@@ -42,7 +42,11 @@ bool ClearPending(DEVICE_JOB* p) {
   return std::atomic_ref<U32>(p->Flags).fetch_and(~JOB_FLAG_PENDING, std::memory_order_acq_rel) & JOB_FLAG_PENDING;
 }
 
-qint64 NowMs() {
+qint64 NowMs() { return DeviceNowMs(); }
+
+}  // namespace
+
+qint64 DeviceNowMs() {
   static QElapsedTimer t = [] {
     QElapsedTimer e;
     e.start();
@@ -50,8 +54,6 @@ qint64 NowMs() {
   }();
   return t.elapsed();
 }
-
-}  // namespace
 
 // ---- life
 

@@ -91,6 +91,9 @@ class CDevice : public QThread {
   int PostWriteMemMultiple(U32 Cnt, const U32* paAddrRanges, U32 NumBytes, const U8* paData, U32 ChunkSize,
                            I8 AccessWidth, U32 Flags);
   int PostEndDownload(const char* sFilePath, int Mode);
+  // A program download: the blocks written in one job that opens the download
+  // bracket, then the job that closes it with the file's name and mode.
+  int PostDownload(const std::vector<struct DEV_LOAD_BLOCK>& Blocks, const char* sFilePath, int Mode);
   int PostReadReg(U32 Idx);
   int PostWriteReg(U32 Idx, U64 Value);
   int PostReadRegs(U32 Cnt, const U32* paIdx);
@@ -412,6 +415,9 @@ class CDevice : public QThread {
   qint64 m_LastResumeMs = 0;      // worker only: when the target was last resumed
   bool m_bHaltReportDue = false;  // worker only
 };
+
+// Milliseconds of a steady clock shared by the worker's polls and waits.
+qint64 DeviceNowMs();
 
 // The process-wide device (created on first use).
 inline CDevice* Device() { return CDevice::Instance(); }

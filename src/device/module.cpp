@@ -163,19 +163,7 @@ void OnExecDownload(int Id) {
     SetActionResult(Id, -1);
     return;
   }
-  std::vector<U32> Ranges;
-  QByteArray Data;
-  for (const DEV_LOAD_BLOCK& b : Blocks) {
-    Ranges.push_back(b.LoadAddr);
-    Ranges.push_back(b.LoadAddr + U32(b.Data.size()));
-    Data += b.Data;
-  }
-  CDevice* d = Device();
-  const U32 Flags = MEM_FLAG_BEGIN_DOWNLOAD | (d->Info().aCaps[0] == 1 ? 0 : MEM_FLAG_HALT_AROUND);
-  int r = d->PostWriteMemMultiple(U32(Blocks.size()), Ranges.data(), U32(Data.size()),
-                                  reinterpret_cast<const U8*>(Data.constData()), d->DownloadChunkSize(), AW_ANY, Flags);
-  if (r == 0) r = d->PostEndDownload(sPath.toUtf8().constData(), 0);
-  Scheduled(Id, r);
+  Scheduled(Id, Device()->PostDownload(Blocks, sPath.toUtf8().constData(), 0));
 }
 
 // ---- Target.*

@@ -3,6 +3,7 @@
 #include "device/device.h"
 
 #include "device/events.h"
+#include "device/loadimage.h"
 
 #include <cstring>
 
@@ -261,4 +262,18 @@ int CDevice::PostClearTPs(U32 Cnt, const TP* paTPs) { return PostRecords(JT_CLEA
 int CDevice::PostClearAllTPs() {
   DEVICE_JOB j = Make(JT_CLEAR_ALL_TPS);
   return ScheduleJob(&j);
+}
+
+int CDevice::PostDownload(const std::vector<DEV_LOAD_BLOCK>& Blocks, const char* sFilePath, int Mode) {
+  std::vector<U32> Ranges;
+  QByteArray Data;
+  for (const DEV_LOAD_BLOCK& b : Blocks) {
+    Ranges.push_back(b.LoadAddr);
+    Ranges.push_back(b.LoadAddr + U32(b.Data.size()));
+    Data += b.Data;
+  }
+  const U32 Flags = MEM_FLAG_BEGIN_DOWNLOAD | (Info().aCaps[0] == 1 ? 0 : MEM_FLAG_HALT_AROUND);
+  const int r = PostWriteMemMultiple(U32(Blocks.size()), Ranges.data(), U32(Data.size()),
+                                     reinterpret_cast<const U8*>(Data.constData()), DownloadChunkSize(), AW_ANY, Flags);
+  return r == 0 ? PostEndDownload(sFilePath, Mode) : r;
 }

@@ -22,14 +22,7 @@
 
 namespace {
 
-qint64 NowMs() {
-  static QElapsedTimer t = [] {
-    QElapsedTimer e;
-    e.start();
-    return e;
-  }();
-  return t.elapsed();
-}
+qint64 NowMs() { return DeviceNowMs(); }
 
 constexpr qint64 kLongAgo = -1000000;
 constexpr U32 kNone = ~0u;

@@ -152,18 +152,23 @@ void CGenericMemoryDialog::OnButtonSelectFileClicked() {
 void CGenericMemoryDialog::OnButtonLoadSaveClicked() {
   const QString sGeneric = m_pGeneric->text().trimmed(), sStart = QStringLiteral("0x") + m_pStart->text().trimmed();
   const QString sSize = QStringLiteral("0x") + m_pNumBytes->text().trimmed();
+  int Id = AID_TARGET_FILL_MEMORY;
   switch (m_Mode) {
     case MODE_LOAD:
       if (QFileInfo(sGeneric).isFile()) Settings::SetValue(SettingsKey(), sGeneric);
-      ExecActionLogged(AID_TARGET_LOAD_MEMORY, sGeneric, sStart);
+      Id = AID_TARGET_LOAD_MEMORY;
+      ExecActionLogged(Id, sGeneric, sStart);
       break;
     case MODE_SAVE:
       Settings::SetValue(SettingsKey(), sGeneric);
-      ExecActionLogged(AID_TARGET_SAVE_MEMORY, sGeneric, sStart, sSize);
+      Id = AID_TARGET_SAVE_MEMORY;
+      ExecActionLogged(Id, sGeneric, sStart, sSize);
       break;
     case MODE_FILL: ExecActionLogged(AID_TARGET_FILL_MEMORY, sStart, sSize, QStringLiteral("0x") + sGeneric); break;
   }
   accept();
+  // The statement runs as if typed, so the console shows it.
+  TriggerAction(Id);
 }
 
 void CGenericMemoryDialog::OnButtonCancelClicked() { reject(); }

@@ -190,6 +190,9 @@ int CDebugSession::Reset(RESET_MODES Mode) {
   SetStatus(QStringLiteral("Resetting Device..."));
   Run(EVENT_BEFORE_TARGET_RESET);
   m_bSessionReset = true;
+  // The session's reset goes on with the download and the initial program
+  // operation; halts before that are not the one a waiter waits for.
+  if (Mode == RM_RESET_SESSION) m_bChain = true;
   if (!Defined(EVENT_TARGET_RESET)) return Device()->PostReset(Mode) < 0 ? -1 : 0;
   RunMuted({JT_RESET}, EVENT_TARGET_RESET, [Mode](CDevice* d) {
     d->SetResetWord(Mode == RM_RESET_SESSION ? U64(RM_RESET_SESSION) : U64(SysVars::GetValue(VAR_RESET_MODE)));
@@ -274,19 +277,8 @@ void CDebugSession::WriteProgram(const QString& sPath, int Mode) {
     OnDownloadDone(Mode);
     return;
   }
-  std::vector<U32> Ranges;
-  QByteArray Data;
-  for (const DEV_LOAD_BLOCK& b : Blocks) {
-    Ranges.push_back(b.LoadAddr);
-    Ranges.push_back(b.LoadAddr + U32(b.Data.size()));
-    Data += b.Data;
-  }
-  CDevice* d = Device();
-  const U32 Flags = MEM_FLAG_BEGIN_DOWNLOAD | (d->Info().aCaps[0] == 1 ? 0 : MEM_FLAG_HALT_AROUND);
   m_DownloadMode = Mode;
-  int r = d->PostWriteMemMultiple(U32(Blocks.size()), Ranges.data(), U32(Data.size()),
-                                  reinterpret_cast<const U8*>(Data.constData()), d->DownloadChunkSize(), AW_ANY, Flags);
-  if (r == 0) r = d->PostEndDownload(sPath.toUtf8().constData(), Mode);
+  const int r = Device()->PostDownload(Blocks, sPath.toUtf8().constData(), Mode);
   if (r < 0) {
     m_DownloadMode = -1;
     OnDownloadDone(Mode);
@@ -489,12 +481,9 @@ void CDebugSession::ReloadProgram(const QString& sPath) {
   // Breakpoints stay on their source lines: they leave the old addresses and
   // are set again at the addresses of the new line tables.
   CBreakpointsDataModel& Bps = CBreakpointsDataModel::Instance();
-  const QList<CBreakpointInfo> Src = Bps.SourceMap().values();
-  for (const CBreakpointInfo& b : Src) Bps.ClearSourceBP(b.Loc);
+  const auto Src = Bps.DetachSourceBPs();
   m_OpenFlags |= 2;
   ExecActionLogged(AID_FILE_OPEN, sPath);
-  for (const CBreakpointInfo& b : Src) {
-    Bps.SetSourceBP(b.Loc, b.State, b.PermittedImpl);
-    Bps.Edit(b);
-  }
+  TriggerAction(AID_FILE_OPEN);
+  Bps.ReattachSourceBPs(Src);
 }

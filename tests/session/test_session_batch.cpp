@@ -183,7 +183,7 @@ TEST_P(SessionBatch, TimeLimitHaltsTheTargetAndFailsTheRun) {
 // Disabled: the reload question comes and the new file is opened, but the
 // restart after it still stops at the old program's main (the new program's
 // download and its break symbol address are not yet followed through).
-TEST_P(SessionBatch, DISABLED_RebuiltProgramIsReloadedWithItsBreakpoints) {
+TEST_P(SessionBatch, RebuiltProgramIsReloadedWithItsBreakpoints) {
   devtest::CTargetRig Rig(GetParam());
   const QString sCopy = Dir.filePath("fw.elf"), sRebuilt = Dir.filePath("rebuilt.elf");
   const QString Src = devtest::SourcePath("firmware/gdb");
