@@ -296,7 +296,9 @@ QString CModelViewWindow::HeaderSettingsKey(const QString& sName) {
   return QStringLiteral("AppData/Perspectives/Debug/TableHeaderState/") + sName;
 }
 
-QByteArray CModelViewWindow::HeaderState() const { return m_pHeader->saveState(); }
+// The settings hold the text of the user file's TableHeader line: the
+// toolkit's own header state does not survive corrupt bytes.
+QByteArray CModelViewWindow::HeaderState() const { return HeaderLine().toUtf8(); }
 
 void CModelViewWindow::ResetHeader() {
   if (!m_DefaultHeader.isEmpty()) m_pHeader->restoreState(m_DefaultHeader);
@@ -304,18 +306,10 @@ void CModelViewWindow::ResetHeader() {
 }
 
 bool CModelViewWindow::SetHeaderState(const QByteArray& State) {
-  const int Columns = m_pModel ? m_pModel->columnCount() : m_pHeader->count();
-  bool Ok = !State.isEmpty() && m_pHeader->restoreState(State) && m_pHeader->count() == Columns;
-  if (Ok) {
-    int Visible = 0;
-    for (int c = 0; c < m_pHeader->count(); ++c) Visible += m_pHeader->isSectionHidden(c) ? 0 : 1;
-    Ok = Visible > 0 || Columns == 0;
-  }
-  if (!Ok) {
-    LogWarning(QStringLiteral("Table header state of \"%1\" is invalid; using the default layout").arg(GetDisplayName()));
-    ResetHeader();
-  }
-  return Ok;
+  if (ParseHeaderLine(QString::fromUtf8(State))) return true;
+  LogWarning(QStringLiteral("Table header state of \"%1\" is invalid; using the default layout").arg(GetDisplayName()));
+  ResetHeader();
+  return false;
 }
 
 void CModelViewWindow::SaveHeaderState() const { Settings::SetValue(HeaderSettingsKey(GetDisplayName()), HeaderState()); }

@@ -59,12 +59,14 @@ class CModelViewWindow : public CWindow, public ITableWindow {
   QVariant CellForeground(const QModelIndex& SourceIndex) const override;
   QVariant CellFont(const QModelIndex& SourceIndex) const override;
   bool IsRowSelected(const QModelIndex& SourceIndex) const;
+  QModelIndex ToSource(const QModelIndex& ProxyIndex) const;
+  QModelIndex ToProxy(const QModelIndex& SourceIndex) const;
 
   // ---- header state: settings (TableHeaderState/<name>) and user file
   // (TableHeader="name", SortCol, SortOrder, VisibleCols, ColWidths)
   QByteArray HeaderState() const;
-  // False, with the defaults restored and a warning, when the state does
-  // not fit the table.
+  // The state is the text of the TableHeader line. False, with the defaults
+  // restored and a warning, when it does not fit the table.
   bool SetHeaderState(const QByteArray& State);
   void SaveHeaderState() const;
   bool LoadHeaderState();
@@ -116,8 +118,6 @@ class CModelViewWindow : public CWindow, public ITableWindow {
   // The export dialog's work: asks for a file and runs Window.Export.
   virtual void OnActionExportTriggered();
   void ApplyFilterBarVisibility();
-  QModelIndex ToSource(const QModelIndex& ProxyIndex) const;
-  QModelIndex ToProxy(const QModelIndex& SourceIndex) const;
 
  private:
   struct STATE_BACKUP {

@@ -43,15 +43,15 @@ U64 CTableModel::AddRow(U64 ParentId, const QStringList& Texts) {
   auto it = m_Nodes.find(ParentId);
   if (it == m_Nodes.end()) return 0;
   const int Row = int(it->second.Children.size());
-  const QModelIndex P = ParentId ? IndexOfRow(ParentId) : QModelIndex();
-  beginInsertRows(P, Row, Row);
+  const QModelIndex P = ParentId && !m_Rebuilding ? IndexOfRow(ParentId) : QModelIndex();
+  if (!m_Rebuilding) beginInsertRows(P, Row, Row);
   const U64 Id = m_NextId++;
   NODE n;
   n.Parent = ParentId;
   n.Texts = Texts;
   m_Nodes[Id] = std::move(n);
   m_Nodes[ParentId].Children.push_back(Id);
-  endInsertRows();
+  if (!m_Rebuilding) endInsertRows();
   return Id;
 }
 
@@ -81,6 +81,19 @@ void CTableModel::ClearRows() {
   endResetModel();
 }
 
+void CTableModel::BeginRebuild() {
+  beginResetModel();
+  m_Rebuilding = true;
+  m_Nodes.clear();
+  m_Nodes[0] = NODE{};
+  m_Roles.clear();
+}
+
+void CTableModel::EndRebuild() {
+  m_Rebuilding = false;
+  endResetModel();
+}
+
 bool CTableModel::HasRow(U64 Id) const { return Id != 0 && Node(Id) != nullptr; }
 U64 CTableModel::ParentOf(U64 Id) const {
   const NODE* n = Node(Id);
@@ -98,6 +111,7 @@ void CTableModel::SetText(U64 Id, int Col, const QString& sText) {
   while (t.size() <= Col) t.append(QString());
   if (t[Col] == sText) return;
   t[Col] = sText;
+  if (m_Rebuilding) return;
   const QModelIndex i = IndexOfRow(Id, Col);
   emit dataChanged(i, i, {Qt::DisplayRole});
 }
@@ -366,16 +380,15 @@ bool CSortFilter::CellPasses(const QModelIndex& Cell, const QString& sFilter) co
   if (Cell.data(ROLE_PINNED).toBool()) return true;
   int Kind = sourceModel()->headerData(Cell.column(), Qt::Horizontal, ROLE_FILTER_KIND).toInt();
   if (Kind == 0) Kind = FILTER_KIND_TEXT;
-  if (Kind & FILTER_KIND_NUMBER) {
-    double Min, Max, v;
-    if (!ParseRange(sFilter, Kind, &Min, &Max)) return false;
-    const QVariant Key = Cell.data(ROLE_SORT_KEY);
-    bool ok = false;
-    v = Key.isValid() && Key.typeId() != QMetaType::QString ? Key.toDouble(&ok) : 0;
-    if (!ok && !ParseNumber(Cell.data().toString(), Kind, &v)) return false;
-    return v >= Min && v <= Max;
-  }
-  return Cell.data().toString().contains(sFilter, Qt::CaseInsensitive);
+  if (Kind & FILTER_KIND_TEXT) return Cell.data().toString().contains(sFilter, Qt::CaseInsensitive);
+  if (!(Kind & FILTER_KIND_NUMBER)) return true;
+  double Min, Max, v;
+  if (!ParseRange(sFilter, Kind, &Min, &Max)) return false;
+  const QVariant Key = Cell.data(ROLE_SORT_KEY);
+  bool ok = false;
+  v = Key.isValid() && Key.typeId() != QMetaType::QString ? Key.toDouble(&ok) : 0;
+  if (!ok && !ParseNumber(Cell.data().toString(), Kind, &v)) return false;
+  return v >= Min && v <= Max;
 }
 
 bool CSortFilter::filterAcceptsRow(int SourceRow, const QModelIndex& SourceParent) const {
@@ -393,7 +406,7 @@ bool CSortFilter::FilterMatch(const QModelIndex& ProxyIndex, int* pStart, int* p
   if (sFilter.isEmpty() || ProxyIndex.parent().isValid()) return false;
   const QAbstractItemModel* m = sourceModel();
   const int Kind = m ? m->headerData(ProxyIndex.column(), Qt::Horizontal, ROLE_FILTER_KIND).toInt() : 1;
-  if (Kind & FILTER_KIND_NUMBER) return false;
+  if (Kind != 0 && !(Kind & FILTER_KIND_TEXT)) return false;
   const int At = ProxyIndex.data().toString().indexOf(sFilter, 0, Qt::CaseInsensitive);
   if (At < 0) return false;
   *pStart = At;

@@ -72,6 +72,10 @@ class CTableModel : public QAbstractItemModel {
   void RemoveRow(U64 Id);
   // Removes every row and every stored role value.
   void ClearRows();
+  // A rebuild of all rows as one model reset: ClearRows, then AddRow calls
+  // without a signal each.
+  void BeginRebuild();
+  void EndRebuild();
   bool HasRow(U64 Id) const;
   U64 ParentOf(U64 Id) const;
   const std::vector<U64>& ChildrenOf(U64 Id) const;
@@ -137,6 +141,7 @@ class CTableModel : public QAbstractItemModel {
   QHash<int, bool> m_ConstWidth;
   std::unordered_map<U64, NODE> m_Nodes;
   U64 m_NextId = 1;
+  bool m_Rebuilding = false;
   // Role values by row id, then by (column << 12 | role).
   QHash<U64, QHash<int, QVariant>> m_Roles;
 };

@@ -131,10 +131,11 @@ TEST_F(Framework, FilteringByTextAndRange) {
       {"hexadecimal range", FILTER_KIND_NUMBER | FILTER_KIND_HEX, 1, "10-1F", {"r1", "r2"}},
       {"hexadecimal with prefix", FILTER_KIND_NUMBER | FILTER_KIND_HEX, 1, "0x100", {"r3"}},
       {"text kind compares texts", FILTER_KIND_TEXT, 1, "0000001", {"r1", "r2"}},
+      {"a kind of neither kind lets every row pass", FILTER_KIND_HEX, 1, "zzz", {"r0", "r1", "r2", "r3"}},
   };
   for (const FILTER_CASE& c : Cases) {
     QObject Owner;
-    CTableModel* m = MakeModel(QString(c.Title).contains("hex") || c.Kind == FILTER_KIND_TEXT ? Hex : Dec, c.Kind, &Owner);
+    CTableModel* m = MakeModel(QString(c.Title).contains("hex") || !(c.Kind & FILTER_KIND_NUMBER) ? Hex : Dec, c.Kind, &Owner);
     CSortFilter p;
     p.setSourceModel(m);
     p.SetFilterText(c.Col, c.Filter);
@@ -375,12 +376,12 @@ TEST_F(Framework, HeaderStateAndEmptyText) {
   w.Header()->resizeSection(0, 50);
   ASSERT_TRUE(w.LoadHeaderState());
   EXPECT_EQ(w.Header()->sectionSize(0), 123);
-  // Garbage, and a state that hides every column: the default layout.
-  QHeaderView AllHidden(Qt::Horizontal);
-  AllHidden.setModel(w.Model());
-  AllHidden.hideSection(0);
-  AllHidden.hideSection(1);
-  for (const QByteArray& Bad : {QByteArray("\x00\x01garbage", 9), AllHidden.saveState()}) {
+  // Garbage, a state that hides every column, the toolkit's own state: the
+  // default layout.
+  QHeaderView Other(Qt::Horizontal);
+  Other.setModel(w.Model());
+  for (const QByteArray& Bad : {QByteArray("\x00\x01garbage", 9), QByteArray("TableHeader=\"Locals\", VisibleCols="),
+                                Other.saveState()}) {
     Settings::SetValue(CModelViewWindow::HeaderSettingsKey("Locals"), Bad);
     EXPECT_FALSE(w.LoadHeaderState());
     EXPECT_EQ(w.Header()->count(), 2);
