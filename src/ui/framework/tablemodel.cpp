@@ -3,6 +3,7 @@
 #include "settings/ids.h"
 #include "settings/sysvars.h"
 
+#include <algorithm>
 #include <cmath>
 
 namespace {
@@ -31,12 +32,8 @@ const CTableModel::NODE* CTableModel::Node(U64 Id) const {
 }
 
 int CTableModel::RowInParent(U64 Id) const {
-  const NODE* n = Node(Id);
-  if (!n || Id == 0) return -1;
-  const auto& Sibs = m_Nodes.at(n->Parent).Children;
-  for (size_t i = 0; i < Sibs.size(); ++i)
-    if (Sibs[i] == Id) return int(i);
-  return -1;
+  const NODE* n = Id ? Node(Id) : nullptr;
+  return n ? n->Row : -1;
 }
 
 U64 CTableModel::AddRow(U64 ParentId, const QStringList& Texts) {
@@ -48,6 +45,7 @@ U64 CTableModel::AddRow(U64 ParentId, const QStringList& Texts) {
   const U64 Id = m_NextId++;
   NODE n;
   n.Parent = ParentId;
+  n.Row = Row;
   n.Texts = Texts;
   m_Nodes[Id] = std::move(n);
   m_Nodes[ParentId].Children.push_back(Id);
@@ -66,10 +64,12 @@ void CTableModel::RemoveRow(U64 Id) {
     Stack.pop_back();
     for (U64 c : m_Nodes[x].Children) Stack.push_back(c);
     m_Nodes.erase(x);
-    m_Roles.remove(x);
+    m_Roles.erase(x);
+    m_ReadStates.erase(x);
   }
   auto& Sibs = m_Nodes[ParentId].Children;
   Sibs.erase(Sibs.begin() + Row);
+  for (size_t i = size_t(Row); i < Sibs.size(); ++i) m_Nodes[Sibs[i]].Row = int(i);
   endRemoveRows();
 }
 
@@ -77,7 +77,7 @@ void CTableModel::ClearRows() {
   beginResetModel();
   m_Nodes.clear();
   m_Nodes[0] = NODE{};
-  m_Roles.clear();
+  ForgetAllRoles();
   endResetModel();
 }
 
@@ -86,7 +86,7 @@ void CTableModel::BeginRebuild() {
   m_Rebuilding = true;
   m_Nodes.clear();
   m_Nodes[0] = NODE{};
-  m_Roles.clear();
+  ForgetAllRoles();
 }
 
 void CTableModel::EndRebuild() {
@@ -122,17 +122,52 @@ QString CTableModel::Text(U64 Id, int Col) const {
 }
 
 void CTableModel::SetRole(U64 Id, int Col, int Role, const QVariant& Value) {
-  if (Value.isValid()) m_Roles[Id].insert(RoleKey(Col, Role), Value);
-  else if (auto it = m_Roles.find(Id); it != m_Roles.end()) it->remove(RoleKey(Col, Role));
+  if (Role == ROLE_READ_STATE) {
+    if (Value.isValid()) m_ReadStates[Id] = {m_ReadGeneration, Value.toInt()};
+    else m_ReadStates.erase(Id);
+    return;
+  }
+  if (Role == ROLE_PINNED && Value.toBool()) m_HasPinned = true;
+  const int Key = RoleKey(Col, Role);
+  if (!Value.isValid()) {
+    auto it = m_Roles.find(Id);
+    if (it == m_Roles.end()) return;
+    auto& v = it->second;
+    v.erase(std::remove_if(v.begin(), v.end(), [Key](const ROLE_VALUE& r) { return r.Key == Key; }), v.end());
+    return;
+  }
+  auto& v = m_Roles[Id];
+  for (ROLE_VALUE& r : v)
+    if (r.Key == Key) {
+      r.Value = Value;
+      return;
+    }
+  v.push_back({Key, Value});
 }
 
 QVariant CTableModel::Role(U64 Id, int Col, int Role) const {
-  auto it = m_Roles.constFind(Id);
-  return it == m_Roles.constEnd() ? QVariant() : it->value(RoleKey(Col, Role));
+  if (Role == ROLE_READ_STATE) {
+    auto it = m_ReadStates.find(Id);
+    return it != m_ReadStates.end() && it->second.first == m_ReadGeneration ? QVariant(it->second.second) : QVariant();
+  }
+  auto it = m_Roles.find(Id);
+  if (it == m_Roles.end()) return QVariant();
+  const int Key = RoleKey(Col, Role);
+  for (const ROLE_VALUE& r : it->second)
+    if (r.Key == Key) return r.Value;
+  return QVariant();
 }
 
-void CTableModel::ForgetRoles(U64 Id) { m_Roles.remove(Id); }
-void CTableModel::ForgetAllRoles() { m_Roles.clear(); }
+void CTableModel::ForgetRoles(U64 Id) {
+  m_Roles.erase(Id);
+  m_ReadStates.erase(Id);
+}
+
+void CTableModel::ForgetAllRoles() {
+  m_Roles.clear();
+  m_ReadStates.clear();
+  m_HasPinned = false;
+}
 
 U64 CTableModel::RowIdOf(const QModelIndex& Index) const {
   return Index.isValid() && Index.model() == this ? U64(Index.internalId()) : 0;
@@ -164,16 +199,14 @@ void CTableModel::FillRow(U64 Id, const QStringList& Texts) {
   emit dataChanged(First, IndexOfRow(Id, qMax(0, columnCount() - 1)));
 }
 
-void CTableModel::InvalidateReads() {
-  for (auto it = m_Roles.begin(); it != m_Roles.end(); ++it) it->remove(RoleKey(0, ROLE_READ_STATE));
-}
+void CTableModel::InvalidateReads() { ++m_ReadGeneration; }
 
 void CTableModel::ResetChangeMarks() {
-  for (auto it = m_Roles.begin(); it != m_Roles.end(); ++it) {
-    it->remove(RoleKey(0, ROLE_LAST_VALUE));
-    it->remove(RoleKey(0, ROLE_CHANGE_LEVEL));
-    it->remove(RoleKey(0, ROLE_READ_STATE));
+  for (auto& [Id, v] : m_Roles) {
+    const int a = RoleKey(0, ROLE_LAST_VALUE), b = RoleKey(0, ROLE_CHANGE_LEVEL);
+    v.erase(std::remove_if(v.begin(), v.end(), [a, b](const ROLE_VALUE& r) { return r.Key == a || r.Key == b; }), v.end());
   }
+  m_ReadStates.clear();
   RepaintAll();
 }
 
@@ -340,9 +373,11 @@ bool CSortFilter::lessThan(const QModelIndex& Left, const QModelIndex& Right) co
   const bool Ascending = sortOrder() == Qt::AscendingOrder;
   // "Left before Right" in the order shown, whatever the sort order.
   auto Before = [Ascending](bool LeftFirst) { return Ascending ? LeftFirst : !LeftFirst; };
-  const bool PinL = Left.data(ROLE_PINNED).toBool(), PinR = Right.data(ROLE_PINNED).toBool();
-  if (PinL != PinR) return Before(PinL);
   const QAbstractItemModel* m = sourceModel();
+  const auto* pTable = qobject_cast<const CTableModel*>(m);
+  const bool MayPin = !pTable || pTable->HasPinnedRows();
+  const bool PinL = MayPin && Left.data(ROLE_PINNED).toBool(), PinR = MayPin && Right.data(ROLE_PINNED).toBool();
+  if (PinL != PinR) return Before(PinL);
   if (!m_Sortable || PinL || (m && m->objectName() == QLatin1String("CallStackDataModel"))) {
     if (Left.row() == Right.row()) return false;
     return Before(Left.row() < Right.row());
@@ -377,7 +412,8 @@ bool CSortFilter::lessThan(const QModelIndex& Left, const QModelIndex& Right) co
 }
 
 bool CSortFilter::CellPasses(const QModelIndex& Cell, const QString& sFilter) const {
-  if (Cell.data(ROLE_PINNED).toBool()) return true;
+  const auto* pTable = qobject_cast<const CTableModel*>(sourceModel());
+  if ((!pTable || pTable->HasPinnedRows()) && Cell.data(ROLE_PINNED).toBool()) return true;
   int Kind = sourceModel()->headerData(Cell.column(), Qt::Horizontal, ROLE_FILTER_KIND).toInt();
   if (Kind == 0) Kind = FILTER_KIND_TEXT;
   if (Kind & FILTER_KIND_TEXT) return Cell.data().toString().contains(sFilter, Qt::CaseInsensitive);

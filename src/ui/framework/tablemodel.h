@@ -77,6 +77,9 @@ class CTableModel : public QAbstractItemModel {
   void BeginRebuild();
   void EndRebuild();
   bool HasRow(U64 Id) const;
+  // Whether any row was ever pinned (role 40) since the last clear; the
+  // proxy skips the pinned test without.
+  bool HasPinnedRows() const { return m_HasPinned; }
   U64 ParentOf(U64 Id) const;
   const std::vector<U64>& ChildrenOf(U64 Id) const;
   void SetText(U64 Id, int Col, const QString& sText);
@@ -130,6 +133,7 @@ class CTableModel : public QAbstractItemModel {
  private:
   struct NODE {
     U64 Parent = 0;
+    int Row = 0;  // position among the parent's children
     std::vector<U64> Children;
     QStringList Texts;
   };
@@ -142,8 +146,17 @@ class CTableModel : public QAbstractItemModel {
   std::unordered_map<U64, NODE> m_Nodes;
   U64 m_NextId = 1;
   bool m_Rebuilding = false;
-  // Role values by row id, then by (column << 12 | role).
-  QHash<U64, QHash<int, QVariant>> m_Roles;
+  // Role values by row id: a short list of (column << 12 | role, value).
+  struct ROLE_VALUE {
+    int Key;
+    QVariant Value;
+  };
+  std::unordered_map<U64, std::vector<ROLE_VALUE>> m_Roles;
+  // Read states by row id with the update they belong to; an update only
+  // counts the generation on, so that all rows need reading again at once.
+  std::unordered_map<U64, std::pair<U32, int>> m_ReadStates;
+  U32 m_ReadGeneration = 1;
+  bool m_HasPinned = false;
 };
 
 class CSortFilter : public QSortFilterProxyModel {
