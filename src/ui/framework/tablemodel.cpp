@@ -27,8 +27,7 @@ void CTableModel::SetColumnFilterKind(int Col, int Kind) { m_FilterKinds[Col] = 
 void CTableModel::SetColumnConstWidth(int Col, bool On) { m_ConstWidth[Col] = On; }
 
 const CTableModel::NODE* CTableModel::Node(U64 Id) const {
-  auto it = m_Nodes.find(Id);
-  return it == m_Nodes.end() ? nullptr : &it->second;
+  return m_Nodes.Find(Id);
 }
 
 int CTableModel::RowInParent(U64 Id) const {
@@ -37,9 +36,9 @@ int CTableModel::RowInParent(U64 Id) const {
 }
 
 U64 CTableModel::AddRow(U64 ParentId, const QStringList& Texts) {
-  auto it = m_Nodes.find(ParentId);
-  if (it == m_Nodes.end()) return 0;
-  const int Row = int(it->second.Children.size());
+  NODE* pParent = m_Nodes.Find(ParentId);
+  if (!pParent) return 0;
+  const int Row = int(pParent->Children.size());
   const QModelIndex P = ParentId && !m_Rebuilding ? IndexOfRow(ParentId) : QModelIndex();
   if (!m_Rebuilding) beginInsertRows(P, Row, Row);
   const U64 Id = m_NextId++;
@@ -63,9 +62,9 @@ void CTableModel::RemoveRow(U64 Id) {
     const U64 x = Stack.back();
     Stack.pop_back();
     for (U64 c : m_Nodes[x].Children) Stack.push_back(c);
-    m_Nodes.erase(x);
-    m_Roles.erase(x);
-    m_ReadStates.erase(x);
+    m_Nodes.Erase(x);
+    m_Roles.Erase(x);
+    m_ReadStates.Erase(x);
   }
   auto& Sibs = m_Nodes[ParentId].Children;
   Sibs.erase(Sibs.begin() + Row);
@@ -75,8 +74,9 @@ void CTableModel::RemoveRow(U64 Id) {
 
 void CTableModel::ClearRows() {
   beginResetModel();
-  m_Nodes.clear();
+  m_Nodes.Clear();
   m_Nodes[0] = NODE{};
+  m_NextId = 1;
   ForgetAllRoles();
   endResetModel();
 }
@@ -84,8 +84,9 @@ void CTableModel::ClearRows() {
 void CTableModel::BeginRebuild() {
   beginResetModel();
   m_Rebuilding = true;
-  m_Nodes.clear();
+  m_Nodes.Clear();
   m_Nodes[0] = NODE{};
+  m_NextId = 1;
   ForgetAllRoles();
 }
 
@@ -105,9 +106,9 @@ const std::vector<U64>& CTableModel::ChildrenOf(U64 Id) const {
 }
 
 void CTableModel::SetText(U64 Id, int Col, const QString& sText) {
-  auto it = m_Nodes.find(Id);
-  if (it == m_Nodes.end() || Id == 0 || Col < 0) return;
-  QStringList& t = it->second.Texts;
+  NODE* pNode = m_Nodes.Find(Id);
+  if (!pNode || Id == 0 || Col < 0) return;
+  QStringList& t = pNode->Texts;
   while (t.size() <= Col) t.append(QString());
   if (t[Col] == sText) return;
   t[Col] = sText;
@@ -124,15 +125,15 @@ QString CTableModel::Text(U64 Id, int Col) const {
 void CTableModel::SetRole(U64 Id, int Col, int Role, const QVariant& Value) {
   if (Role == ROLE_READ_STATE) {
     if (Value.isValid()) m_ReadStates[Id] = {m_ReadGeneration, Value.toInt()};
-    else m_ReadStates.erase(Id);
+    else m_ReadStates.Erase(Id);
     return;
   }
   if (Role == ROLE_PINNED && Value.toBool()) m_HasPinned = true;
   const int Key = RoleKey(Col, Role);
   if (!Value.isValid()) {
-    auto it = m_Roles.find(Id);
-    if (it == m_Roles.end()) return;
-    auto& v = it->second;
+    auto* pv = m_Roles.Find(Id);
+    if (!pv) return;
+    auto& v = *pv;
     v.erase(std::remove_if(v.begin(), v.end(), [Key](const ROLE_VALUE& r) { return r.Key == Key; }), v.end());
     return;
   }
@@ -147,25 +148,25 @@ void CTableModel::SetRole(U64 Id, int Col, int Role, const QVariant& Value) {
 
 QVariant CTableModel::Role(U64 Id, int Col, int Role) const {
   if (Role == ROLE_READ_STATE) {
-    auto it = m_ReadStates.find(Id);
-    return it != m_ReadStates.end() && it->second.first == m_ReadGeneration ? QVariant(it->second.second) : QVariant();
+    const auto* p = m_ReadStates.Find(Id);
+    return p && p->first == m_ReadGeneration ? QVariant(p->second) : QVariant();
   }
-  auto it = m_Roles.find(Id);
-  if (it == m_Roles.end()) return QVariant();
+  const auto* pv = m_Roles.Find(Id);
+  if (!pv) return QVariant();
   const int Key = RoleKey(Col, Role);
-  for (const ROLE_VALUE& r : it->second)
+  for (const ROLE_VALUE& r : *pv)
     if (r.Key == Key) return r.Value;
   return QVariant();
 }
 
 void CTableModel::ForgetRoles(U64 Id) {
-  m_Roles.erase(Id);
-  m_ReadStates.erase(Id);
+  m_Roles.Erase(Id);
+  m_ReadStates.Erase(Id);
 }
 
 void CTableModel::ForgetAllRoles() {
-  m_Roles.clear();
-  m_ReadStates.clear();
+  m_Roles.Clear();
+  m_ReadStates.Clear();
   m_HasPinned = false;
 }
 
@@ -202,11 +203,11 @@ void CTableModel::FillRow(U64 Id, const QStringList& Texts) {
 void CTableModel::InvalidateReads() { ++m_ReadGeneration; }
 
 void CTableModel::ResetChangeMarks() {
-  for (auto& [Id, v] : m_Roles) {
-    const int a = RoleKey(0, ROLE_LAST_VALUE), b = RoleKey(0, ROLE_CHANGE_LEVEL);
+  const int a = RoleKey(0, ROLE_LAST_VALUE), b = RoleKey(0, ROLE_CHANGE_LEVEL);
+  m_Roles.ForEach([a, b](std::vector<ROLE_VALUE>& v) {
     v.erase(std::remove_if(v.begin(), v.end(), [a, b](const ROLE_VALUE& r) { return r.Key == a || r.Key == b; }), v.end());
-  }
-  m_ReadStates.clear();
+  });
+  m_ReadStates.Clear();
   RepaintAll();
 }
 

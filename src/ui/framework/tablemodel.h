@@ -51,6 +51,53 @@ class ITableWindow {
   virtual QVariant CellFont(const QModelIndex& SourceIndex) const = 0;
 };
 
+// Values by row id: ids below 2^22 (the model's own, counted from 1 after
+// each clear) in a vector, others in a hash map.
+template <class T>
+class ROW_ID_TABLE {
+ public:
+  T* Find(U64 Id) {
+    if (Id < m_Dense.size()) return m_Used[Id] ? &m_Dense[Id] : nullptr;
+    auto it = m_Sparse.find(Id);
+    return it == m_Sparse.end() ? nullptr : &it->second;
+  }
+  const T* Find(U64 Id) const { return const_cast<ROW_ID_TABLE*>(this)->Find(Id); }
+  T& operator[](U64 Id) {
+    if (Id >= kDenseLimit) return m_Sparse[Id];
+    if (Id >= m_Dense.size()) {
+      m_Dense.resize(Id + 1 + Id / 2);
+      m_Used.resize(m_Dense.size());
+    }
+    m_Used[Id] = 1;
+    return m_Dense[Id];
+  }
+  void Erase(U64 Id) {
+    if (Id < m_Dense.size()) {
+      m_Used[Id] = 0;
+      m_Dense[Id] = T{};
+    } else {
+      m_Sparse.erase(Id);
+    }
+  }
+  void Clear() {
+    m_Dense.clear();
+    m_Used.clear();
+    m_Sparse.clear();
+  }
+  template <class F>
+  void ForEach(F&& Fn) {
+    for (size_t i = 0; i < m_Dense.size(); ++i)
+      if (m_Used[i]) Fn(m_Dense[i]);
+    for (auto& [Id, v] : m_Sparse) Fn(v);
+  }
+
+ private:
+  static constexpr U64 kDenseLimit = U64(1) << 22;
+  std::vector<T> m_Dense;
+  std::vector<char> m_Used;
+  std::unordered_map<U64, T> m_Sparse;
+};
+
 class CTableModel : public QAbstractItemModel {
   Q_OBJECT
  public:
@@ -143,7 +190,7 @@ class CTableModel : public QAbstractItemModel {
   QStringList m_Headers;
   QHash<int, int> m_FilterKinds;
   QHash<int, bool> m_ConstWidth;
-  std::unordered_map<U64, NODE> m_Nodes;
+  ROW_ID_TABLE<NODE> m_Nodes;
   U64 m_NextId = 1;
   bool m_Rebuilding = false;
   // Role values by row id: a short list of (column << 12 | role, value).
@@ -151,10 +198,10 @@ class CTableModel : public QAbstractItemModel {
     int Key;
     QVariant Value;
   };
-  std::unordered_map<U64, std::vector<ROLE_VALUE>> m_Roles;
+  ROW_ID_TABLE<std::vector<ROLE_VALUE>> m_Roles;
   // Read states by row id with the update they belong to; an update only
   // counts the generation on, so that all rows need reading again at once.
-  std::unordered_map<U64, std::pair<U32, int>> m_ReadStates;
+  ROW_ID_TABLE<std::pair<U32, int>> m_ReadStates;
   U32 m_ReadGeneration = 1;
   bool m_HasPinned = false;
 };
