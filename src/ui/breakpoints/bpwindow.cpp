@@ -1,27 +1,19 @@
-// The plain breakpoint window.
+// The breakpoint window.
 #include "ui/breakpoints/bpwindow.h"
 
-#include <QHeaderView>
-#include <QLabel>
+#include "ui/framework/tableview.h"
+
 #include <QTimer>
-#include <QTreeView>
-#include <QVBoxLayout>
 
 CBreakpointWindow::CBreakpointWindow(CBreakpointsDataModel* pModel, QWidget* pParent)
-    : QWidget(pParent), m_pModel(pModel ? pModel : &CBreakpointsDataModel::Instance()) {
-  setWindowTitle(QStringLiteral("Breakpoints"));
+    : CModelViewWindow(pParent), m_pModel(pModel ? pModel : &CBreakpointsDataModel::Instance()) {
+  setObjectName(QStringLiteral("BreakpointWindow"));
+  setWindowTitle(QStringLiteral("Break & Tracepoints"));
+  SetFlag(WINDOW_FLAG_CLEAR_WHEN_HIDDEN, false);
+  SetFlag(WINDOW_FLAG_CLEAR_ON_DISCONNECT, false);
   m_pItems = new CBreakpointItemModel(m_pModel, this);
-  m_pView = new QTreeView(this);
-  m_pView->setModel(m_pItems);
-  m_pView->setRootIsDecorated(true);
-  m_pView->setUniformRowHeights(true);
-  m_pView->header()->setStretchLastSection(true);
-  m_pEmpty = new QLabel(this);
-  m_pEmpty->setAlignment(Qt::AlignCenter);
-  auto* pLayout = new QVBoxLayout(this);
-  pLayout->setContentsMargins(0, 0, 0, 0);
-  pLayout->addWidget(m_pEmpty);
-  pLayout->addWidget(m_pView);
+  SetModel(m_pItems);
+  View()->setRootIsDecorated(true);
   m_pTimer = new QTimer(this);
   m_pTimer->setSingleShot(true);
   m_pTimer->setInterval(10);
@@ -30,13 +22,18 @@ CBreakpointWindow::CBreakpointWindow(CBreakpointsDataModel* pModel, QWidget* pPa
   Rebuild();
 }
 
-QString CBreakpointWindow::EmptyText() const { return m_pEmpty->isHidden() ? QString() : m_pEmpty->text(); }
+CBreakpointWindow::~CBreakpointWindow() { m_pModel->SetChangedCallback(nullptr); }
+
+bool CBreakpointWindow::IsEmpty() const { return !m_pItems->EmptyMessage().isEmpty(); }
+
+QString CBreakpointWindow::GetEmptyWindowText(DEBUG_STATES) const { return m_pItems->EmptyMessage(); }
+
+QString CBreakpointWindow::EmptyText() const { return IsEmpty() ? m_pItems->EmptyMessage() : QString(); }
 
 void CBreakpointWindow::Rebuild() {
+  BackupState(0);
   m_pItems->Reset();
-  m_pView->expandAll();
-  const QString s = m_pItems->EmptyMessage();
-  m_pEmpty->setText(s);
-  m_pEmpty->setVisible(!s.isEmpty());
-  m_pView->setVisible(s.isEmpty());
+  View()->expandAll();
+  RestoreState(0, 2);
+  emit ContentChanged();
 }

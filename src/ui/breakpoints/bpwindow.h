@@ -1,29 +1,30 @@
-// CBreakpointWindow: a tree view over the breakpoint item model, with the
-// empty message over the view while no breakpoint is set. The window
-// framework gives it docking and its place in the perspective later.
+// CBreakpointWindow: the breakpoint rows in a model-view window of the
+// framework (object name BreakpointWindow, shown as "Break & Tracepoints",
+// found by the aliases "Breakpoints", "Tracepoints", ...). While no
+// breakpoint is set it shows "No breakpoints set" instead of the table.
 #pragma once
 #include "ui/breakpoints/bpitemmodel.h"
+#include "ui/framework/modelviewwindow.h"
 
-#include <QWidget>
-
-class QLabel;
-class QTimer;
-class QTreeView;
-
-class CBreakpointWindow : public QWidget {
+class CBreakpointWindow : public CModelViewWindow {
   Q_OBJECT
  public:
   explicit CBreakpointWindow(CBreakpointsDataModel* pModel = nullptr, QWidget* pParent = nullptr);
+  ~CBreakpointWindow() override;
   CBreakpointItemModel* ItemModel() const { return m_pItems; }
-  QTreeView* View() const { return m_pView; }
+  QString GetDisplayName() const override { return QStringLiteral("Break & Tracepoints"); }
   QString EmptyText() const;
+  bool IsEmpty() const override;
+  QString GetEmptyWindowText(DEBUG_STATES State) const override;
+  // The rows mirror the breakpoint model; there is nothing of the window's
+  // own to clear.
+  void Clear() override {}
+  void Update(U32) override {}
   // Rebuilds now (normally collapsed by a 10 ms timer after each change).
   void Rebuild();
 
  private:
   CBreakpointsDataModel* m_pModel;
   CBreakpointItemModel* m_pItems;
-  QTreeView* m_pView;
-  QLabel* m_pEmpty;
   QTimer* m_pTimer;
 };

@@ -11,8 +11,11 @@ QString Hex8(U64 v) { return QStringLiteral("0x") + QStringLiteral("%1").arg(U32
 }  // namespace
 
 CCallStackDataModel::CCallStackDataModel(CCallStack* pStack, QObject* pParent)
-    : QAbstractTableModel(pParent), m_pStack(pStack ? pStack : &CCallStack::Instance()) {
+    : CTableModel(pParent), m_pStack(pStack ? pStack : &CCallStack::Instance()) {
   setObjectName(QStringLiteral("CallStackDataModel"));
+  // Filter kinds of the columns: text, none, text, hexadecimal, none.
+  const int kKinds[CS_COL_COUNT] = {FILTER_KIND_TEXT, 2, FILTER_KIND_TEXT, FILTER_KIND_HEX, 2, 2};
+  for (int c = 0; c < CS_COL_COUNT; ++c) SetColumnFilterKind(c, kKinds[c]);
   ApplySettings();
   connect(m_pStack, &CCallStack::UnwindComplete, this, &CCallStackDataModel::OnCallStackUnwinded);
 }
@@ -38,6 +41,20 @@ void CCallStackDataModel::ApplySettings() {
   }
 }
 
+QModelIndex CCallStackDataModel::index(int Row, int Column, const QModelIndex& Parent) const {
+  if (Parent.isValid() || Row < 0 || Row >= m_Rows || Column < 0 || Column >= CS_COL_COUNT) return QModelIndex();
+  return createIndex(Row, Column, quintptr(Row + 1));
+}
+
+QModelIndex CCallStackDataModel::parent(const QModelIndex&) const { return QModelIndex(); }
+
+void CCallStackDataModel::Relayout() {
+  beginResetModel();
+  endResetModel();
+}
+
+QModelIndex CCallStackDataModel::IndexOfRow(U64 Id, int Col) const { return index(int(Id) - 1, Col); }
+
 int CCallStackDataModel::rowCount(const QModelIndex& Parent) const { return Parent.isValid() ? 0 : m_Rows; }
 int CCallStackDataModel::columnCount(const QModelIndex& Parent) const { return Parent.isValid() ? 0 : CS_COL_COUNT; }
 
@@ -54,7 +71,7 @@ int CCallStackDataModel::RowOfFrame(int Frame) const {
 }
 
 QVariant CCallStackDataModel::headerData(int Section, Qt::Orientation Orientation, int Role) const {
-  if (Orientation != Qt::Horizontal || Role != Qt::DisplayRole) return QVariant();
+  if (Orientation != Qt::Horizontal || Role != Qt::DisplayRole) return CTableModel::headerData(Section, Orientation, Role);
   static const char* const kHeaders[CS_COL_COUNT] = {"Function", "Stack Info", "Source", "PC", "Return Address",
                                                      "Frame Address"};
   return Section >= 0 && Section < CS_COL_COUNT ? QString::fromLatin1(kHeaders[Section]) : QVariant();
@@ -64,7 +81,7 @@ QVariant CCallStackDataModel::data(const QModelIndex& Index, int Role) const {
   if (!Index.isValid() || Index.row() >= m_Rows) return QVariant();
   const int Frame = FrameOfRow(Index.row());
   if (Role == FrameRowRole) return Frame >= 0;
-  if (Role != Qt::DisplayRole) return QVariant();
+  if (Role != Qt::DisplayRole) return Role == Qt::EditRole ? QVariant() : CTableModel::data(Index, Role);
   const CCallStack& s = *m_pStack;
   if (Frame < 0) return Index.column() == 0 ? s.GetStopText() : QString();
   const CCallFrame F = s.GetFrame(Frame);

@@ -1,39 +1,48 @@
-// CCallStackWindow: a plain window over the call stack rows. The window
-// framework gives it docking and its place in the perspective later.
+// CCallStackWindow: the call stack rows in a model-view window of the
+// framework (object name CallStackWindow, shown as "Call Stack"). The rows
+// keep their order, reversed by the layout preference; a click selects a
+// frame, a double click shows its source or instructions.
 #pragma once
 #include "common/types.h"
 #include "ui/callstack/callstackmodel.h"
+#include "ui/framework/modelviewwindow.h"
 
 #include <QModelIndex>
-#include <QWidget>
 
-class QTreeView;
+class QAction;
 
-class CCallStackWindow : public QWidget {
+class CCallStackWindow : public CModelViewWindow {
   Q_OBJECT
  public:
   explicit CCallStackWindow(CCallStackDataModel* pModel = nullptr, QWidget* pParent = nullptr);
   ~CCallStackWindow() override;
   CCallStackDataModel* Model() const { return m_pModel; }
-  QTreeView* View() const { return m_pView; }
+  QString GetDisplayName() const override { return QStringLiteral("Call Stack"); }
   // Selects a frame: its row becomes the current row.
   void SelectFrame(int Frame);
-
- signals:
-  void CallSiteSelected(int CallStackIdx);
+  // The rows mirror the stack; there is nothing of the window's own to clear.
+  void Clear() override {}
+  void Update(U32 NewPC) override;
+  void SetPreference(int SysVarID, I64 Value) override;
+  // "&Current Frame on Top": checked for layout 0; a click sets the layout
+  // preference by command.
+  QAction* LayoutAction() const { return m_pLayoutAction; }
 
  public slots:
-  void Update(U32 NewPC);
-  void OnOpened();
-  void OnCallFrameEvaluated(int StackIdx);
-  void OnItemClicked(const QModelIndex& Index);
-  void OnItemDoubleClicked(const QModelIndex& Index);
+  void OnOpened() override;
+  void OnClosed() override;
+  void OnVisibilityChanged(bool Visible) override;
+  void OnCallFrameEvaluated(int StackIdx) override;
+  void OnItemClicked(QModelIndex Index) override;
+  void OnItemDoubleClicked(QModelIndex Index) override;
 
  protected:
-  void showEvent(QShowEvent* e) override;
-  void hideEvent(QHideEvent* e) override;
+  void FillContextMenu(QMenu* pMenu) override;
 
  private:
+  // The stop row spans the columns; the view follows a growing stack.
+  void OnRowsChanged();
+  QString SelectedPcText() const;
   CCallStackDataModel* m_pModel;
-  QTreeView* m_pView;
+  QAction* m_pLayoutAction;
 };

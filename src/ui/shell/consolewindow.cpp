@@ -53,27 +53,32 @@ void CConsoleInput::keyPressEvent(QKeyEvent* pEvent) {
 
 // ---------------------------------------------------------------- window
 
-CConsoleWindow::CConsoleWindow(QWidget* pParent) : QWidget(pParent) {
+CConsoleWindow::CConsoleWindow(QWidget* pParent) : CWindow(pParent) {
   setObjectName(QStringLiteral("ConsoleWindow"));
   setWindowTitle(QStringLiteral("Console"));
-  m_pOutput = new QTextEdit(this);
+  SetFlag(WINDOW_FLAG_CLEAR_WHEN_HIDDEN, false);
+  SetFlag(WINDOW_FLAG_CLEAR_ON_DISCONNECT, false);
+  auto* pCentral = new QWidget(this);
+  setCentralWidget(pCentral);
+  m_pOutput = new QTextEdit(pCentral);
   m_pOutput->setReadOnly(true);
   m_pOutput->setObjectName(QStringLiteral("ConsoleOutput"));
-  m_pSidebar = new QTextEdit(this);
+  m_pSidebar = new QTextEdit(pCentral);
   m_pSidebar->setReadOnly(true);
   m_pSidebar->setFixedWidth(0);
   m_pSidebar->setVerticalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
-  m_pInput = new CConsoleInput(this);
+  m_pInput = new CConsoleInput(pCentral);
   m_pInput->setObjectName(QStringLiteral("ConsoleInput"));
   auto* pRow = new QHBoxLayout;
   pRow->setContentsMargins(0, 0, 0, 0);
   pRow->setSpacing(0);
   pRow->addWidget(m_pSidebar);
   pRow->addWidget(m_pOutput, 1);
-  auto* pLayout = new QVBoxLayout(this);
+  auto* pLayout = new QVBoxLayout(pCentral);
   pLayout->setContentsMargins(0, 0, 0, 0);
   pLayout->addLayout(pRow, 1);
   pLayout->addWidget(m_pInput);
+  setFocusProxy(m_pInput);
   connect(m_pInput, &QLineEdit::returnPressed, this, &CConsoleWindow::OnCommandEntered);
   connect(m_pOutput->verticalScrollBar(), &QScrollBar::valueChanged, m_pSidebar->verticalScrollBar(), &QScrollBar::setValue);
 
@@ -86,6 +91,12 @@ CConsoleWindow::CConsoleWindow(QWidget* pParent) : QWidget(pParent) {
 }
 
 CConsoleWindow::~CConsoleWindow() = default;
+
+void CConsoleWindow::Clear() {
+  m_pOutput->clear();
+  m_pSidebar->clear();
+  m_pSidebar->setFixedWidth(0);
+}
 
 void CConsoleWindow::SetDrawingEnabled(bool On) {
   if (On) m_pTimer->start();

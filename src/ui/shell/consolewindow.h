@@ -1,7 +1,11 @@
 // The console window: the output side shows the entries of the console ring,
 // drained by a 100 ms timer; the input line runs typed commands and keeps a
-// history walked with Up and Down.
+// history walked with Up and Down. A debug window of the framework (object
+// name ConsoleWindow, shown as "Console") that keeps its text when hidden or
+// disconnected.
 #pragma once
+#include "ui/framework/window.h"
+
 #include <QLineEdit>
 #include <QStringList>
 #include <QWidget>
@@ -30,11 +34,15 @@ class CConsoleInput : public QLineEdit {
   int m_Cursor = -1;      // -1: no entry selected
 };
 
-class CConsoleWindow : public QWidget {
+class CConsoleWindow : public CWindow {
   Q_OBJECT
  public:
   explicit CConsoleWindow(QWidget* pParent = nullptr);
   ~CConsoleWindow() override;
+
+  QString GetDisplayName() const override { return QStringLiteral("Console"); }
+  // Window.Clear: the output and its time stamps go.
+  void Clear() override;
 
   // Draws at most 100 entries of the ring (the timer's work).
   void OnUpdateTimerTimeout();
