@@ -2,7 +2,7 @@
 
 #include "elf/dwarf/line_tables.h"
 #include "elf/elfapi.h"
-#include "project/project.h"
+#include "files/filefinder.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -48,7 +48,8 @@ void CPcLineView::ShowPC(U32 PC) {
     m_Line = 0;
     return;
   }
-  const QString sFile = ProjectModule::ResolvePath(sPath);
+  QString sFile = FileFinder().Resolve(sPath);
+  if (sFile.isEmpty()) sFile = sPath;
   if (sFile != m_sFile) {
     QFile f(sFile);
     if (!f.open(QIODevice::ReadOnly)) {
