@@ -1,0 +1,117 @@
+// The register window on both back ends: after an instruction step the rows
+// whose values changed have change level 1 and the others 0, every value is
+// the one the probe reports, and an edit runs Target.SetReg and reads back.
+#include "commands/actions.h"
+#include "device/device.h"
+#include "device/headless_app.h"
+#include "device/module.h"
+#include "plugins/corehost.h"
+#include "target_support.h"
+#include "testsupport/consolelines.h"
+#include "testsupport/testapp.h"
+#include "ui/framework/viewexport.h"
+#include "ui/registers/registermodel.h"
+#include "ui/registers/registerwindow.h"
+
+#include <QApplication>
+#include <QSignalSpy>
+#include <QTemporaryFile>
+#include <map>
+
+namespace {
+
+using devtest::BACKEND;
+
+// Probe register numbers of the core registers, as the probe library names
+// them (the plug-in's own table is what is under test).
+const std::pair<const char*, U32> kProbeRegs[] = {
+    {"R0", 0},   {"R1", 1},   {"R2", 2},   {"R3", 3},    {"R4", 4},    {"R5", 5},   {"R6", 6},    {"R7", 7},
+    {"R8", 8},   {"R9", 9},   {"R10", 10}, {"R11", 11},  {"R12", 12},  {"SP", 13},  {"LR", 14},   {"PC", 15},
+    {"XPSR", 16}, {"MSP", 17}, {"PSP", 18}};
+
+class RegisterWindowTarget : public devtest::CBackendBatch {
+ protected:
+  static void SetUpTestSuite() {
+    NewTestApp<QApplication>();
+    InstallHeadlessDeviceApp();
+  }
+  void TearDown() override {
+    Device()->PostDisconnect();
+    DeviceModule::WaitUntilIdle(10000);
+    Project().Close();
+  }
+  static I64 Run(int Id, const QVariant& a = {}, const QVariant& b = {}) {
+    ExecAction(Id, a, b);
+    WaitForCommand(Id);
+    return GetActionResult(Id);
+  }
+  // The probe's values, straight from the back end; failed ones left out.
+  static std::map<QString, U64> ProbeValues() {
+    U32 aIdx[std::size(kProbeRegs)];
+    U64 aVal[std::size(kProbeRegs)];
+    U8 aSt[std::size(kProbeRegs)];
+    for (size_t i = 0; i < std::size(kProbeRegs); ++i) aIdx[i] = kProbeRegs[i].second;
+    std::lock_guard<std::recursive_mutex> Lock(Device()->DeviceMutex());
+    Device()->Probe().VORDENARM_ReadRegs(aIdx, aVal, aSt, U32(std::size(kProbeRegs)));
+    std::map<QString, U64> m;
+    for (size_t i = 0; i < std::size(kProbeRegs); ++i)
+      if (!aSt[i]) m[kProbeRegs[i].first] = aIdx[i] == 15 ? aVal[i] & ~1ull : aVal[i] & 0xFFFFFFFFull;
+    return m;
+  }
+};
+
+TEST_P(RegisterWindowTarget, StepMarksChangesAndEditWrites) {
+  const BACKEND& b = GetParam();
+  devtest::CTargetRig Rig(b);
+  for (const QString& s : Setup(Rig)) ASSERT_EQ(ExecuteCommand(s), 1) << s.toStdString();
+  ASSERT_EQ(Run(AID_EXEC_CONNECT), 0);
+  ASSERT_EQ(Run(AID_EXEC_DOWNLOAD, devtest::SourcePath(b.sFirmware)), 0);
+  ASSERT_EQ(Run(AID_EXEC_RESET), 0);
+
+  CRegisterWindow w(nullptr, 1);
+  CRegistersDataModel& m = *w.RegModel();
+  ASSERT_GE(m.RegisterCount(), int(std::size(kProbeRegs))) << "rows from " << m.CpuFile().toStdString();
+  w.resize(500, 1600);
+  w.show();
+  QSignalSpy Read(&m, &CRegistersDataModel::ValuesRead);
+  w.Update(Device()->CurrentPC());
+  ASSERT_TRUE(Read.wait(5000));
+  const std::map<QString, U64> Before = ProbeValues();
+  ASSERT_EQ(Device()->PostStepInst(), 0);
+  ASSERT_TRUE(Read.wait(5000));
+  const std::map<QString, U64> After = ProbeValues();
+  ASSERT_EQ(After.count("PC"), 1u);
+  EXPECT_NE(After.at("PC"), Before.at("PC"));
+  for (const auto& [sName, Value] : After) {
+    SCOPED_TRACE(sName.toStdString());
+    const QModelIndex i = m.IndexOfRow(m.RowOfRegister(sName), CRegistersDataModel::COL_VALUE);
+    U64 v = 0;
+    ASSERT_TRUE(m.GetValue(sName, &v)) << i.data().toString().toStdString() << " " << m.RegisterNames().join(",").toStdString();
+    EXPECT_EQ(v, Value);
+    EXPECT_EQ(i.data(ROLE_CHANGE_LEVEL).toInt(), Before.count(sName) && Before.at(sName) != Value ? 1 : 0);
+    EXPECT_EQ(i.data().toString(), CRegistersDataModel::ValueText(Value, 32, 16));
+  }
+
+  // An edit is the command, and the window reads the register back.
+  TakeConsoleLines();
+  const QModelIndex R7 = m.IndexOfRow(m.RowOfRegister("r7"), CRegistersDataModel::COL_VALUE);
+  ASSERT_TRUE(m.setData(R7, "0x1234ABCD"));
+  EXPECT_TRUE(TakeConsoleLines().join('\n').contains("Target.SetReg (\"R7\", 0x1234ABCD);"));
+  ASSERT_TRUE(Read.wait(5000));
+  U64 v = 0;
+  EXPECT_TRUE(m.GetValue("R7", &v) && v == 0x1234ABCD);
+  EXPECT_EQ(ProbeValues().at("R7"), 0x1234ABCDu);
+  EXPECT_EQ(R7.data(ROLE_CHANGE_LEVEL).toInt(), 1);
+  EXPECT_FALSE(m.setData(R7, "0x1FFFFFFFF")) << "wider than the register";
+
+  QString sError;
+  QTemporaryFile f(QDir::tempPath() + "/regs-XXXXXX.csv");
+  ASSERT_TRUE(f.open());
+  ASSERT_EQ(WIN_Export("Registers 1", f.fileName(), &sError), 0) << sError.toStdString();
+  EXPECT_TRUE(devtest::ReadFileText(f.fileName()).contains("\"    R7\",0x1234ABCD,,General purpose register 7\n"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Backends, RegisterWindowTarget, ::testing::Values(devtest::kSim, devtest::kQemu),
+                         devtest::PrintBackend);
+
+}  // namespace
