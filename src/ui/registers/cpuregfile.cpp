@@ -2,6 +2,7 @@
 
 #include <QFile>
 #include <QFileInfo>
+#include <QHash>
 #include <QXmlStreamReader>
 
 bool REG_ParseNumber(const QString& sText, U64* pValue) {
@@ -37,6 +38,38 @@ U32 BitsOf(const QString& sText, U32 Default) {
   return REG_ParseNumber(sText, &v) && v > 0 && v <= 64 ? U32(v) : Default;
 }
 
+// A field's position: bitOffset with bitWidth, else lsb with msb, else
+// bitRange "[msb:lsb]"; the one-bit ones are appended to Flags.
+void ReadFields(QXmlStreamReader& x, QList<QPair<QString, U8>>* pFlags) {
+  while (x.readNextStartElement()) {
+    if (x.name() != QLatin1String("field")) {
+      x.skipCurrentElement();
+      continue;
+    }
+    QString sName;
+    QHash<QString, U64> v;
+    while (x.readNextStartElement()) {
+      const QString n = x.name().toString();
+      const QString t = ElementText(x);
+      if (n == QLatin1String("name")) sName = t;
+      U64 k = 0;
+      if (n == QLatin1String("bitRange")) {
+        const QStringList l = QString(t).remove(QLatin1Char('[')).remove(QLatin1Char(']')).split(QLatin1Char(':'));
+        if (l.size() == 2 && REG_ParseNumber(l[0], &k)) v.insert(QStringLiteral("rmsb"), k);
+        if (l.size() == 2 && REG_ParseNumber(l[1], &k)) v.insert(QStringLiteral("rlsb"), k);
+      } else if (REG_ParseNumber(t, &k)) {
+        v.insert(n, k);
+      }
+    }
+    auto Has = [&](const char* a, const char* b) { return v.contains(QLatin1String(a)) && v.contains(QLatin1String(b)); };
+    U64 Pos = 0, Width = 0;
+    if (Has("bitOffset", "bitWidth")) Pos = v["bitOffset"], Width = v["bitWidth"];
+    else if (Has("lsb", "msb")) Pos = v["lsb"], Width = v["msb"] - v["lsb"] + 1;
+    else if (Has("rlsb", "rmsb")) Pos = v["rlsb"], Width = v["rmsb"] - v["rlsb"] + 1;
+    if (Width == 1 && Pos < 64 && !sName.isEmpty()) pFlags->append({sName, U8(Pos)});
+  }
+}
+
 void ReadRegister(QXmlStreamReader& x, const QString& sGroup, U32 Bits, QList<CPU_REG_DESC>* pRegs) {
   CPU_REG_DESC r;
   r.Group = sGroup;
@@ -47,6 +80,7 @@ void ReadRegister(QXmlStreamReader& x, const QString& sGroup, U32 Bits, QList<CP
     if (n == QLatin1String("name")) r.Name = ElementText(x);
     else if (n == QLatin1String("description")) r.Description = ElementText(x);
     else if (n == QLatin1String("size")) r.Bits = BitsOf(ElementText(x), r.Bits);
+    else if (n == QLatin1String("fields")) ReadFields(x, &r.Flags);
     else if (n == QLatin1String("index")) {
       U64 v = 0;
       HasIndex = REG_ParseNumber(ElementText(x), &v) && v <= 0xFFFFFFFFull;

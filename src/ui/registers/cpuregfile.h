@@ -1,11 +1,13 @@
 // The CPU registers of a core as its description file lists them (the file
 // the core plug-in names for the core): the groups and, in each, the
 // registers with the logical index the plug-in maps to a probe register.
-// Peripherals, bit fields and dimensions are not read here.
+// Of the bit fields only the one-bit ones are kept, for the flag text;
+// peripherals and dimensions are not read here.
 #pragma once
 #include "common/types.h"
 
 #include <QList>
+#include <QPair>
 #include <QString>
 
 struct CPU_REG_DESC {
@@ -14,6 +16,8 @@ struct CPU_REG_DESC {
   QString Description;  // white space simplified
   U32 LogicIdx = 0;     // element index
   U32 Bits = 32;        // element size, else the group's or the file's
+  // The one-bit fields in file order: name and bit position.
+  QList<QPair<QString, U8>> Flags;
 };
 
 // Reads sPath. 0 with the registers in file order; -1 with the console text in

@@ -62,6 +62,7 @@ int CRegistersDataModel::LoadCpuFile(const QString& sPath) {
     r.LogicIdx = d.LogicIdx;
     r.ProbeIdx = CORE_GetRegIndex(d.LogicIdx);
     r.Bits = d.Bits;
+    r.Flags = d.Flags;
     r.Row = AddRow(GroupRows[r.Group], Texts(d.Name, QString(), QString(), d.Description));
     m_RegOfRow.insert(r.Row, int(m_Regs.size()));
     if (r.ProbeIdx >= 0 && !m_RegOfProbe.contains(U32(r.ProbeIdx))) m_RegOfProbe.insert(U32(r.ProbeIdx), int(m_Regs.size()));
@@ -109,6 +110,20 @@ bool CRegistersDataModel::GetValue(const QString& sName, U64* pValue) const {
   return true;
 }
 
+int CRegistersDataModel::GetVordenRegIdx(const QString& sName) const {
+  const int i = m_RegOfRow.value(RowOfRegister(sName), -1);
+  return i < 0 ? -1 : m_Regs[size_t(i)].ProbeIdx;
+}
+
+QString CRegistersDataModel::FlagText(const QString& sName, U64 Value) const {
+  const int i = m_RegOfRow.value(RowOfRegister(sName), -1);
+  if (i < 0 || m_Regs[size_t(i)].Flags.size() > 10) return QString();
+  QString s;
+  for (const auto& [sFlag, Pos] : m_Regs[size_t(i)].Flags)
+    s += (Value >> Pos) & 1 ? sFlag.left(1).toUpper() : sFlag.left(1).toLower();
+  return s;
+}
+
 // ---------------------------------------------------------------- texts
 
 QString CRegistersDataModel::ValueText(U64 Value, U32 Bits, int Format) {
@@ -148,20 +163,28 @@ int CRegistersDataModel::FormatOf(U64 Row) const {
 }
 
 QStringList CRegistersDataModel::RowTexts(const REG& r) const {
-  const QString sValue = r.Known ? ValueText(r.Value, r.Bits, FormatOf(r.Row)) : QStringLiteral("--------");
+  QString sValue = r.Known ? ValueText(r.Value, r.Bits, FormatOf(r.Row)) : QStringLiteral("--------");
+  if (r.Known && !r.Flags.isEmpty()) sValue += QLatin1Char(' ') + FlagText(r.Name, r.Value);
   return Texts(r.Name, sValue, QString(), Text(r.Row, COL_DESCRIPTION));
 }
 
 QVariant CRegistersDataModel::data(const QModelIndex& Index, int Role) const {
-  if (Index.isValid() && Index.column() == COL_VALUE && (Role == Qt::DisplayRole || Role == Qt::EditRole)) {
-    // The value follows the display format at once; the stored text is the
-    // one the change level compares.
-    const int i = m_RegOfRow.value(RowIdOf(Index), -1);
-    if (i >= 0) {
-      const REG& r = m_Regs[size_t(i)];
-      if (!r.Known) return Text(r.Row, COL_VALUE).isEmpty() ? QString() : QStringLiteral("--------");
-      return ValueText(r.Value, r.Bits, FormatOf(r.Row));
-    }
+  const int i = Index.isValid() && Index.column() == COL_VALUE ? m_RegOfRow.value(RowIdOf(Index), -1) : -1;
+  if (i < 0) return CTableModel::data(Index, Role);
+  // The value follows the display format at once; the stored text is the
+  // one the change level compares. An edit starts from the number alone.
+  const REG& r = m_Regs[size_t(i)];
+  if (Role == Qt::DisplayRole || Role == Qt::EditRole) {
+    if (!r.Known) return Text(r.Row, COL_VALUE).isEmpty() ? QString() : QStringLiteral("--------");
+    const QString s = ValueText(r.Value, r.Bits, FormatOf(r.Row));
+    return Role == Qt::DisplayRole && !r.Flags.isEmpty() ? s + QLatin1Char(' ') + FlagText(r.Name, r.Value) : s;
+  }
+  if (Role == Qt::ToolTipRole && r.Known) {
+    if (r.Value <= 1) return QStringLiteral("value: %1").arg(r.Value);
+    QString s = QStringLiteral("hex: %1\ndec: %2\nbin: %3")
+                    .arg(ValueText(r.Value, r.Bits, 16), QString::number(r.Value), ValueText(r.Value, r.Bits, kFormatBinary));
+    if (r.Value >= 0x20 && r.Value < 0x7F) s += QStringLiteral("\nascii: '%1'").arg(QChar(char(r.Value)));
+    return s;
   }
   return CTableModel::data(Index, Role);
 }

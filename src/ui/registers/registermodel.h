@@ -39,6 +39,11 @@ class CRegistersDataModel : public CTableModel, public CDeviceEventListener {
   U64 RowOfRegister(const QString& sName) const;
   // The cached value; false while it is not known.
   bool GetValue(const QString& sName, U64* pValue) const;
+  // The probe register a register name stands for; -1 for none.
+  int GetVordenRegIdx(const QString& sName) const;
+  // The flag text of a register's one-bit fields for a value: the first
+  // letter of each, upper case when set; empty with more than 10 of them.
+  QString FlagText(const QString& sName, U64 Value) const;
   // The text a value shows in a format, for a register of Bits bits.
   static QString ValueText(U64 Value, U32 Bits, int Format);
   // A typed value: blanks removed, read in the base of the format (a "0x"
@@ -71,6 +76,7 @@ class CRegistersDataModel : public CTableModel, public CDeviceEventListener {
     int ProbeIdx = -1;
     U32 Bits = 32;
     int Group = 0;
+    QList<QPair<QString, U8>> Flags;
     U64 Value = 0;
     bool Known = false;
   };

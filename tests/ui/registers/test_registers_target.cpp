@@ -89,8 +89,11 @@ TEST_P(RegisterWindowTarget, StepMarksChangesAndEditWrites) {
     ASSERT_TRUE(m.GetValue(sName, &v)) << i.data().toString().toStdString() << " " << m.RegisterNames().join(",").toStdString();
     EXPECT_EQ(v, Value);
     EXPECT_EQ(i.data(ROLE_CHANGE_LEVEL).toInt(), Before.count(sName) && Before.at(sName) != Value ? 1 : 0);
-    EXPECT_EQ(i.data().toString(), CRegistersDataModel::ValueText(Value, 32, 16));
+    EXPECT_EQ(i.data().toString(), (CRegistersDataModel::ValueText(Value, 32, 16) + " " + m.FlagText(sName, Value)).trimmed());
   }
+  // xPSR's flags, one letter each from N down to T, with the Thumb bit set.
+  EXPECT_TRUE(m.FlagText("XPSR", After.at("XPSR")).endsWith('T')) << m.FlagText("XPSR", 0).toStdString();
+  EXPECT_EQ(m.FlagText("XPSR", 0), "nzcvqt");
 
   // An edit is the command, and the window reads the register back.
   TakeConsoleLines();
