@@ -6,7 +6,6 @@
 #include "elf/dwarf/line_tables.h"
 #include "elf/elfapi.h"
 #include "files/filefinder.h"
-#include "log/log.h"
 #include "log/logcapture.h"
 #include "testsupport/files.h"
 #include "testsupport/testapp.h"
@@ -23,9 +22,7 @@ namespace {
 // A project directory and the places its sources were moved to.
 class FinderTree : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    if (!QCoreApplication::instance()) NewTestApp<QCoreApplication>();
-  }
+  static void SetUpTestSuite() { NewTestApp<QCoreApplication>(); }
   void SetUp() override {
     ASSERT_TRUE(m_Dir.isValid());
     for (const char* f : {"project/beside.c", "project/beside.bin", "moved/src/app.c", "moved/src/app.zzz",
@@ -42,9 +39,8 @@ class FinderTree : public ::testing::Test {
     FileFinder().SetSourceFileSource(nullptr);
   }
   void Make(const QString& sRel) {
-    const QString p = m_Dir.path() + QLatin1Char('/') + sRel;
-    QDir().mkpath(QFileInfo(p).path());
-    WriteAll(p, "x");
+    QDir().mkpath(QFileInfo(m_Dir.filePath(sRel)).path());
+    WriteAll(m_Dir.filePath(sRel), "x");
   }
   // "@" stands for the tree's directory.
   QString At(const char* s) const { return QString::fromUtf8(s).replace(QLatin1Char('@'), m_Dir.path()); }
@@ -53,18 +49,8 @@ class FinderTree : public ::testing::Test {
   QStringList m_DebugSources;
 };
 
-struct RULE {
-  char Kind;  // 'R' root path, 'S' search path, 'A' alias, 'P' path substitute
-  const char* a;
-  const char* b;
-};
-
-struct FINDER_CASE {
-  const char* Name;
-  std::vector<RULE> Rules;
-  const char* Path;
-  const char* Want;  // "" when nothing is found
-};
+struct RULE { char Kind; const char *a, *b; };  // 'R' root path, 'S' search path, 'A' alias, 'P' substitute
+struct FINDER_CASE { const char* Name; std::vector<RULE> Rules; const char *Path, *Want; };  // Want "": not found
 
 const FINDER_CASE kCases[] = {
     {"moved source by search path", {{'S', "@/moved/src", ""}}, "/build/host/src/app.c", "@/moved/src/app.c"},
@@ -183,11 +169,7 @@ TEST_F(FinderTree, ProgramBuiltOnWindows) {
   DWARF_Install();
   CElfApi& Elf = CElfApi::Instance();
   ASSERT_EQ(Elf.Load(QStringLiteral(TAVIT_SOURCE_DIR "/firmware/tests/elf/winpath.elf")), 0);
-  QStringList Sources;
-  {
-    QMutexLocker Lock(&Elf.Mutex());
-    Sources = DWARF_GetProgramTables().GetSourceFiles();
-  }
+  const QStringList Sources = (QMutexLocker(&Elf.Mutex()), DWARF_GetProgramTables().GetSourceFiles());
   ASSERT_FALSE(Sources.isEmpty());
   for (const char* f : {"shapes.c", "shapes.h"}) Make(QStringLiteral("fw/") + f);
   for (const QString& s : Sources) {
