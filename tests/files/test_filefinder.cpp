@@ -103,9 +103,9 @@ TEST_F(FinderTree, RulesResolveMovedFiles) {
   }
 }
 
-// Which resolutions the user hears of, what the debug log gets, and the
-// source statistics.
-TEST_F(FinderTree, MessagesAndStatistics) {
+// Which resolutions the user hears of, what the debug log gets, the source
+// statistics, and paths written with a macro in front.
+TEST_F(FinderTree, MessagesStatisticsAndMacros) {
   CFileFinder& F = FileFinder();
   F.AddRootPath(At("@/roots/r1"));
   QStringList Debug;  // the other lines of the last resolution
@@ -119,12 +119,8 @@ TEST_F(FinderTree, MessagesAndStatistics) {
     return Console.join('\n');
   };
   const std::pair<const char*, const char*> kTold[] = {
-      {"beside.bin", ""},
-      {"lib/util.bin", "File path resolved: \"lib/util.bin\" was found at \"@/roots/r1/lib/util.bin\""},
-      {"lib/util.bin", ""},
-      {"/no/such.bin", "File not found: /no/such.bin"},
-      {"/no/such.bin", ""},
-      {"$(ProjectDir)/beside.bin", ""}};
+      {"beside.bin", ""}, {"lib/util.bin", "File path resolved: \"lib/util.bin\" was found at \"@/roots/r1/lib/util.bin\""},
+      {"lib/util.bin", ""}, {"/no/such.bin", "File not found: /no/such.bin"}, {"/no/such.bin", ""}, {"$(ProjectDir)/beside.bin", ""}};
   for (const auto& [sPath, sWant] : kTold) EXPECT_EQ(Told(sPath), At(sWant)) << sPath;
   F.Reset();
   EXPECT_EQ(Told("/no/such.bin"), QStringLiteral("File not found: /no/such.bin"));
@@ -136,9 +132,7 @@ TEST_F(FinderTree, MessagesAndStatistics) {
   // Source results are counted, and a burst of them is told once.
   QSignalSpy Stats(&F, &CFileFinder::SrcFileResStatsChanged);
   QSignalSpy Resolved(&F, &CFileFinder::SrcFilePathResolved);
-  F.Resolve(QStringLiteral("/build/host/src/app.c"));
-  F.Resolve(QStringLiteral("/build/host/src/gone.c"));
-  F.Resolve(QStringLiteral("/build/host/src/gone.h"));
+  for (const char* s : {"app.c", "gone.c", "gone.h"}) F.Resolve(QStringLiteral("/build/host/src/") + s);
   EXPECT_EQ(F.ResolvedSources(), QSet<QString>{QStringLiteral("/build/host/src/app.c")});
   EXPECT_EQ(F.UnresolvedSources().size(), 2);
   ASSERT_EQ(Resolved.size(), 1);
@@ -147,10 +141,8 @@ TEST_F(FinderTree, MessagesAndStatistics) {
   EXPECT_EQ(Stats.size(), 1);
   F.AddSearchPath(At("@/search/s1"));
   EXPECT_TRUE(F.ResolvedSources().isEmpty() && F.UnresolvedSources().isEmpty());
-}
 
-TEST_F(FinderTree, CollapseExpandAndAliasOrigin) {
-  CFileFinder& F = FileFinder();
+  // The reverse way, for the project file writer; macro values.
   EXPECT_EQ(F.Collapse(At("@/project/sub/x.c"), QStringLiteral("$(ProjectDir)")), QStringLiteral("$(ProjectDir)/sub/x.c"));
   EXPECT_EQ(F.Collapse(At("@/project\\x.c"), QStringLiteral("$(ProjectDir)")), QStringLiteral("$(ProjectDir)/x.c"));
   EXPECT_EQ(F.Collapse(At("@/projectx/x.c"), QStringLiteral("$(ProjectDir)")), At("@/projectx/x.c"));

@@ -1,11 +1,13 @@
 #include "ui/registers/registerwindow.h"
 
+#include "device/datamanager.h"
 #include "device/device.h"
 #include "plugins/corehost.h"
 #include "ui/framework/tableview.h"
 #include "ui/registers/registermodel.h"
 
 #include <QAbstractItemView>
+#include <QMenu>
 
 CRegisterWindow::CRegisterWindow(QWidget* pParent, int Index) : CModelViewWindow(pParent), m_Index(qMax(1, Index)) {
   setObjectName(QStringLiteral("RegisterWindow"));
@@ -50,6 +52,28 @@ void CRegisterWindow::OnDeviceConnectDone(CONNECT_MODES Mode) {
   CModelViewWindow::OnDeviceConnectDone(Mode);
   EnsureRows();
   emit ContentChanged();
+}
+
+void CRegisterWindow::OnActionRefreshItemTriggered() {
+  CDeviceDataManager::Instance().ClearCaches();
+  CModelViewWindow::OnActionRefreshItemTriggered();
+}
+
+void CRegisterWindow::OnActionRefreshAllTriggered() {
+  CDeviceDataManager::Instance().ClearCaches();
+  CModelViewWindow::OnActionRefreshAllTriggered();
+}
+
+void CRegisterWindow::FillContextMenu(QMenu* pMenu) {
+  const bool Halted = !IsEmpty() && CDevice::InstanceIfCreated()->HaltReported();
+  QAction* pItem = pMenu->addAction(QStringLiteral("Refresh Item"));
+  Connect(pItem, SIGNAL(triggered()), this, SLOT(OnActionRefreshItemTriggered()));
+  pItem->setEnabled(Halted && View()->currentIndex().isValid());
+  QAction* pAll = pMenu->addAction(QStringLiteral("Refresh All"));
+  Connect(pAll, SIGNAL(triggered()), this, SLOT(OnActionRefreshAllTriggered()));
+  pAll->setEnabled(Halted);
+  pMenu->addSeparator();
+  CModelViewWindow::FillContextMenu(pMenu);
 }
 
 QWidget* REG_CreateRegisterWindow(QWidget* pParent, int Index) { return new CRegisterWindow(pParent, Index); }

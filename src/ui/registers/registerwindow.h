@@ -29,6 +29,15 @@ class CRegisterWindow : public CModelViewWindow {
 
   void OnDeviceConnectDone(CONNECT_MODES Mode) override;
 
+ public slots:
+  // Both read anew from the target, past the data cache: the group of the
+  // selected register, or every group that shows.
+  void OnActionRefreshItemTriggered() override;
+  void OnActionRefreshAllTriggered() override;
+
+ protected:
+  void FillContextMenu(QMenu* pMenu) override;
+
  private:
   CRegistersDataModel* m_pRegModel;
   int m_Index;
