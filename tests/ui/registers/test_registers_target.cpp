@@ -93,6 +93,9 @@ TEST_P(RegisterWindowTarget, StepMarksChangesAndEditWrites) {
   // xPSR's flags, one letter each from N down to T, with the Thumb bit set.
   EXPECT_TRUE(m.FlagText("XPSR", After.at("XPSR")).endsWith('T')) << m.FlagText("XPSR", 0).toStdString();
   EXPECT_EQ(m.FlagText("XPSR", 0), "nzcvqt");
+  w.SetDisplayFormat(10);
+  EXPECT_EQ(m.IndexOfRow(m.RowOfRegister("PC"), 1).data().toString(), QString::number(After.at("PC")));
+  w.SetDisplayFormat(0);
 
   // An edit is the command, and the window reads the register back.
   TakeConsoleLines();
