@@ -222,10 +222,8 @@ QStringList CProject::CurrentStateCommands() const {
     Add(AID_PROJECT_ADD_SVD_FILE, {s});
   }
   if (!m_ProgramFilePath.isEmpty()) {
-    QString s = m_ProgramFilePath;
     const QString d = VScript::ScriptDir();
-    if (!d.isEmpty() && s.startsWith(d + QLatin1Char('/'))) s = QStringLiteral("$(ProjectDir)") + s.mid(d.size());
-    Add(AID_FILE_OPEN, {s});
+    Add(AID_FILE_OPEN, {FileFinder().Collapse(m_ProgramFilePath, QStringLiteral("$(ProjectDir)"))});
     if (!d.isEmpty()) {
       Add(AID_PROJECT_ADD_PATH_SUBSTITUTE, {d, QStringLiteral("$(ProjectDir)")});
       Add(AID_PROJECT_ADD_PATH_SUBSTITUTE, {d.toLower(), QStringLiteral("$(ProjectDir)")});
