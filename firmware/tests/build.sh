@@ -46,6 +46,9 @@ fi
 
 MAP="-ffile-prefix-map=$FW=/tavit/firmware -fdebug-prefix-map=$FW=/tavit/firmware -fdebug-prefix-map=$TMP=/tmp/tavit"
 LINK="-Wl,--build-id=none"
+# Prefix maps that must win over MAP (the last matching map wins); empty but
+# for the program that pretends to come from another machine.
+LATEMAP=()
 
 # build NAME FLAGS... -- SOURCES...: compiles each source to an object in the
 # temporary directory, then links.
@@ -57,10 +60,10 @@ build() {
     mkdir -p "$TMP/obj/$name"
     for src in "$@"; do
         obj=$TMP/obj/$name/$(basename "$src").o
-        "$CC" "${flags[@]}" $MAP -c "$src" -o "$obj"
+        "$CC" "${flags[@]}" $MAP "${LATEMAP[@]}" -c "$src" -o "$obj"
         objs+=("$obj")
     done
-    "$CC" "${flags[@]}" $MAP $LINK "${objs[@]}" -lgcc -o "$TMP/$name.elf"
+    "$CC" "${flags[@]}" $MAP "${LATEMAP[@]}" $LINK "${objs[@]}" -lgcc -o "$TMP/$name.elf"
     mv "$TMP/$name.elf" "$OUTDIR/$name.elf"
     [ $CHECK = 1 ] || printf '%-20s %8d bytes\n' "$name.elf" "$(stat -c %s "$OUTDIR/$name.elf")"
 }
@@ -88,6 +91,12 @@ SHAPES="-mthumb -mcpu=cortex-m4 -O2 -gno-as-loc-support -ffreestanding -nostdlib
 for v in 5 4; do
     build shapes-dwarf$v $SHAPES -gdwarf-$v -- shapes.c
 done
+
+# A program built on a Windows machine: its compile directory is a path with a
+# drive letter and backslashes, which exists nowhere here.
+LATEMAP=("-fdebug-prefix-map=$HERE=C:\\Build\\Fw")
+build winpath $SHAPES -gdwarf-4 -- shapes.c
+LATEMAP=()
 
 build lvt -mthumb -mcpu=cortex-m4 -g -O0 -nostdlib -Wl,-e,main -- lvt.c
 

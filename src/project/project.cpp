@@ -3,6 +3,7 @@
 #include "cmdline/cmdline.h"
 #include "commands/actions.h"
 #include "common/hash.h"
+#include "files/filefinder.h"
 #include "log/diag.h"
 #include "log/log.h"
 #include "log/messagebox.h"
@@ -127,21 +128,12 @@ CProject::CProject(QObject* pParent) : QObject(pParent) {
   m_pOpenTimer->setInterval(10);
   connect(m_pOpenTimer, &QTimer::timeout, this, &CProject::OnOpenTimeout);
   connect(this, &CProject::AboutToClose, this, [this](const QString&) { WriteUserFile(); });
+  FileFinder().SetProjectDirSource([] { return VScript::ScriptDir(); });
 }
 
 CProject& Project() {
   static CProject* p = new CProject;  // lives until the process ends
   return *p;
-}
-
-void CProject::AddPathSubstitute(const QString& sPath, const QString& sSubstitute) {
-  for (auto& p : m_Substitutes) {
-    if (p.first == sPath) {
-      p.second = sSubstitute;
-      return;
-    }
-  }
-  m_Substitutes.append({sPath, sSubstitute});
 }
 
 void CProject::AnnounceTitle() { emit TitleChanged(VScript::ScriptFilePath()); }
@@ -204,7 +196,8 @@ void CProject::Close() {
   m_CorePluginPath.clear();
   UnloadCorePlugin();
   m_SvdFiles.clear();
-  m_Substitutes.clear();
+  // Root paths, search paths, aliases and substitutes belong to the project.
+  FileFinder().Reset();
   m_Dev = PROJECT_DEVICE_SETTINGS();
   m_UserLines.clear();
   m_UserPath.clear();
@@ -229,10 +222,8 @@ QStringList CProject::CurrentStateCommands() const {
     Add(AID_PROJECT_ADD_SVD_FILE, {s});
   }
   if (!m_ProgramFilePath.isEmpty()) {
-    QString s = m_ProgramFilePath;
     const QString d = VScript::ScriptDir();
-    if (!d.isEmpty() && s.startsWith(d + QLatin1Char('/'))) s = QStringLiteral("$(ProjectDir)") + s.mid(d.size());
-    Add(AID_FILE_OPEN, {s});
+    Add(AID_FILE_OPEN, {FileFinder().Collapse(m_ProgramFilePath, QStringLiteral("$(ProjectDir)"))});
     if (!d.isEmpty()) {
       Add(AID_PROJECT_ADD_PATH_SUBSTITUTE, {d, QStringLiteral("$(ProjectDir)")});
       Add(AID_PROJECT_ADD_PATH_SUBSTITUTE, {d.toLower(), QStringLiteral("$(ProjectDir)")});
@@ -500,20 +491,14 @@ bool QueryClose() {
 bool IsProjectPath(const QString& sPath) { return sPath.endsWith(QLatin1String(".vdebug"), Qt::CaseInsensitive); }
 
 QString ResolvePath(const QString& sPath) {
-  QString s = sPath;
-  s.replace(QLatin1String("$(ProjectDir)"), VScript::ScriptDir(), Qt::CaseInsensitive);
-  s.replace(QLatin1String("$(InstallDir)"), InstallDir(), Qt::CaseInsensitive);
-  s.replace(QLatin1Char('\\'), QLatin1Char('/'));
-  for (const auto& p : Project().PathSubstitutes()) {
-    if (!p.first.isEmpty() && s.startsWith(p.first) && p.first != p.second) {
-      s = p.second + s.mid(p.first.size());
-      break;
-    }
-  }
-  if (QFileInfo(s).isRelative() && !VScript::ScriptDir().isEmpty()) {
-    const QString p = QDir(VScript::ScriptDir()).filePath(s);
-    if (QFileInfo::exists(p) || !QFileInfo::exists(s)) s = p;
-  }
+  Project();  // tells the finder where the project lies
+  // The command reports a missing or unfit file itself, with its own words.
+  const bool Report = FileFinder().SetReport(false);
+  const QString sFound = FileFinder().Resolve(sPath);
+  FileFinder().SetReport(Report);
+  if (!sFound.isEmpty()) return sFound;
+  QString s = FilePaths::Normalise(FileFinder().Expand(sPath));
+  if (FilePaths::IsRelative(s) && !s.isEmpty() && !VScript::ScriptDir().isEmpty()) s = QDir(VScript::ScriptDir()).filePath(s);
   return QDir::cleanPath(s);
 }
 

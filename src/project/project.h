@@ -104,11 +104,6 @@ class CProject : public QObject {
   PROJECT_DEVICE_SETTINGS& DeviceSettings() { return m_Dev; }
   void AddWarning(const QString& sText) { m_Warnings.append(sText); }
   void AddSvdFile(const QString& sPath) { m_SvdFiles.append(sPath); }
-  // Path substitutes of Project.AddPathSubstitute: a path that starts with
-  // the key is read with the substitute in its place. Kept here until the
-  // file finder owns them.
-  const QList<QPair<QString, QString>>& PathSubstitutes() const { return m_Substitutes; }
-  void AddPathSubstitute(const QString& sPath, const QString& sSubstitute);
   // A project made in memory: open and modified.
   void MarkNew() {
     m_IsOpen = true;
@@ -162,7 +157,6 @@ class CProject : public QObject {
   QStringList m_Warnings;
   QString m_PendingPath;
   QStringList m_SvdFiles;
-  QList<QPair<QString, QString>> m_Substitutes;
   QString m_ProgramFilePath;
   QDateTime m_ProgramFileTime;
   QString m_SettingsFile;
@@ -207,8 +201,10 @@ bool CreateFromCmdLine(const CMDLINE_OPTIONS& Options);
 
 // Helpers of the command slots.
 bool IsProjectPath(const QString& sPath);
-// "$(ProjectDir)" and "$(InstallDir)" expanded, relative paths taken from
-// the project directory.
+// A file a project command names: the file finder's answer, or, for a file
+// the finder does not find (one to be written, one that is missing), the
+// path with its macros expanded, taken from the project directory when it is
+// relative.
 QString ResolvePath(const QString& sPath);
 void AddRecentProject(const QString& sPath);
 // Refuses a project that is being opened, or one a running OnProjectLoad

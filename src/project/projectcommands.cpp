@@ -6,6 +6,7 @@
 #include "commands/actions.h"
 #include "device/projectsettings.h"
 #include "expr/evaluator.h"
+#include "files/filefinder.h"
 #include "cmdline/cmdline.h"
 #include "log/log.h"
 #include "log/messagebox.h"
@@ -597,28 +598,32 @@ void OnSetConsoleLogFile(int Id) {
   SetActionResult(Id, 0);
 }
 
-// Project.AddPathSubstitute(sPath, sSubstitute): both expanded, "\\" as "/".
-void OnAddPathSubstitute(int Id) {
+// Project.AddRootPath, AddSearchPath, AddFileAlias, AddPathSubstitute: the
+// rules of the file finder, their paths taken as written. A path to replace
+// may not be empty; an empty root or search path is kept and passed over.
+void OnAddFinderRule(int Id) {
   if (!CheckArgCount(Id)) return;
   const QStringList Args = GetActionArgs(Id);
-  auto Expand = [](QString s) {
-    s = s.trimmed();
-    s.replace(QLatin1String("$(ProjectDir)"), VScript::ScriptDir(), Qt::CaseInsensitive);
-    s.replace(QLatin1String("$(InstallDir)"), InstallDir(), Qt::CaseInsensitive);
-    s.replace(QLatin1Char('\\'), QLatin1Char('/'));
-    return s;
-  };
-  const QString sPath = Expand(Args[0]);
-  if (sPath.isEmpty()) {
-    FailAction(Id, QStringLiteral("invalid parameter"), Args[0]);
-    return;
+  CFileFinder& F = FileFinder();
+  switch (Id) {
+    case AID_PROJECT_ADD_ROOT_PATH: F.AddRootPath(Args[0]); break;
+    case AID_PROJECT_ADD_SEARCH_PATH: F.AddSearchPath(Args[0]); break;
+    case AID_PROJECT_ADD_FILE_ALIAS:
+    case AID_PROJECT_ADD_PATH_SUBSTITUTE:
+      if (Args[0].trimmed().isEmpty()) {
+        FailAction(Id, QStringLiteral("invalid parameter"), Args[0]);
+        return;
+      }
+      if (Id == AID_PROJECT_ADD_FILE_ALIAS) F.AddFileAlias(Args[0], Args[1]);
+      else F.AddPathSubstitute(Args[0], Args[1]);
+      break;
   }
-  Project().AddPathSubstitute(sPath, Expand(Args[1]));
   SetActionResult(Id, 0);
 }
 
 void RegisterSlots() {
-  SetCommandSlot(AID_PROJECT_ADD_PATH_SUBSTITUTE, OnAddPathSubstitute);
+  for (int Id : {AID_PROJECT_ADD_ROOT_PATH, AID_PROJECT_ADD_SEARCH_PATH, AID_PROJECT_ADD_FILE_ALIAS, AID_PROJECT_ADD_PATH_SUBSTITUTE})
+    SetCommandSlot(Id, OnAddFinderRule);
   SetCommandSlot(AID_PROJECT_SET_CONSOLE_LOG_FILE, OnSetConsoleLogFile);
   SetCommandSlot(AID_FILE_OPEN, OnFileOpen);
   SetCommandSlot(AID_FILE_NEW_PROJECT, OnFileNewProject);

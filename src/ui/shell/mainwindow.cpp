@@ -118,7 +118,6 @@ void CMainWindow::RegisterOwnSlots() {
   SetCommandSlot(AID_HELP_COMMANDS, [this](int Id) { OnHelpCommands(Id); });
   SetCommandSlot(AID_HELP_ABOUT, [this](int Id) { OnHelpAbout(Id); });
   SetCommandSlot(AID_FILE_EXIT, [this](int Id) { OnFileExit(Id); });
-  SetCommandSlot(AID_PROJECT_ADD_ROOT_PATH, [this](int Id) { OnAddRootPath(Id); });
 }
 
 void CMainWindow::OnUtilLog(int Id) {
@@ -183,16 +182,6 @@ void CMainWindow::OnFileExit(int Id) {
   m_ExitRequested = true;
   // Leaves the slot first, so that the echo of this command is complete.
   QTimer::singleShot(0, this, [this] { close(); });
-}
-
-void CMainWindow::OnAddRootPath(int Id) {
-  if (!CheckArgCount(Id)) return;
-  const QString s = GetActionArgs(Id).at(0);
-  if (s.isEmpty()) {
-    SetActionError(Id, QStringLiteral("invalid parameter"));
-    return;
-  }
-  if (!m_RootPaths.contains(s)) m_RootPaths.append(s);
 }
 
 bool CMainWindow::eventFilter(QObject* pObject, QEvent* pEvent) {

@@ -31,8 +31,6 @@ class CMainWindow : public QMainWindow {
   bool IsClosing() const { return m_IsClosing; }
   // File.Exit asked for the end of the program.
   bool IsExitRequested() const { return m_ExitRequested; }
-  // The root paths of Project.AddRootPath, until the project module owns them.
-  const QStringList& RootPaths() const { return m_RootPaths; }
 
   // Runs once after the first show (or at once in batch mode).
   void SetWindowShownHandler(const std::function<void()>& Fn) { m_OnShown = Fn; }
@@ -61,7 +59,6 @@ class CMainWindow : public QMainWindow {
   void OnHelpCommands(int Id);
   void OnHelpAbout(int Id);
   void OnFileExit(int Id);
-  void OnAddRootPath(int Id);
 
   CConsoleWindow* m_pConsole = nullptr;
   QTimer* m_pDeviceEventTimer = nullptr;
@@ -69,7 +66,6 @@ class CMainWindow : public QMainWindow {
   bool m_IsClosing = false;
   bool m_ShownDone = false;
   bool m_ExitRequested = false;
-  QStringList m_RootPaths;
   QString m_sProjectPath;
   std::function<void()> m_OnShown;
 };

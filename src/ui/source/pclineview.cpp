@@ -2,7 +2,7 @@
 
 #include "elf/dwarf/line_tables.h"
 #include "elf/elfapi.h"
-#include "project/project.h"
+#include "files/filefinder.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -25,11 +25,18 @@ CPcLineView::CPcLineView(QWidget* pParent) : QWidget(pParent) {
   m_pText->setFont(f);
   pLayout->addWidget(m_pHeader);
   pLayout->addWidget(m_pText, 1);
+  // New path rules may find the file elsewhere: read it again.
+  connect(&FileFinder(), &CFileFinder::RulesChanged, this, [this] {
+    m_sFile.clear();
+    if (m_HasPC) ShowPC(m_LastPC);
+  });
 }
 
 void CPcLineView::ClearMark() { m_pText->setExtraSelections({}); }
 
 void CPcLineView::ShowPC(U32 PC) {
+  m_HasPC = true;
+  m_LastPC = PC;
   QString sPath;
   CSrcLoc Loc;
   {
@@ -48,7 +55,8 @@ void CPcLineView::ShowPC(U32 PC) {
     m_Line = 0;
     return;
   }
-  const QString sFile = ProjectModule::ResolvePath(sPath);
+  QString sFile = FileFinder().Resolve(sPath);
+  if (sFile.isEmpty()) sFile = sPath;
   if (sFile != m_sFile) {
     QFile f(sFile);
     if (!f.open(QIODevice::ReadOnly)) {

@@ -21,8 +21,8 @@ class CPcLineView : public QWidget, public CDeviceEventListener {
   void OnDeviceHaltDone(U32 NewPC, HALT_REASONS) override { ShowPC(NewPC); }
   void OnDeviceStepped(U32 NewPC) override { ShowPC(NewPC); }
   void OnDeviceResetDone(U32 NewPC, RESET_MODES) override { ShowPC(NewPC); }
-  void OnDeviceDisconnectDone() override { ClearMark(); }
-  void OnDeviceResumeDone(RESUME_MODES) override { ClearMark(); }
+  void OnDeviceDisconnectDone() override { m_HasPC = false, ClearMark(); }
+  void OnDeviceResumeDone(RESUME_MODES) override { m_HasPC = false, ClearMark(); }
 
  private:
   void ClearMark();
@@ -30,4 +30,6 @@ class CPcLineView : public QWidget, public CDeviceEventListener {
   QPlainTextEdit* m_pText;
   QString m_sFile;
   int m_Line = 0;
+  bool m_HasPC = false;  // ShowPC ran; the last PC is shown again when the path rules change
+  U32 m_LastPC = 0;
 };

@@ -2,7 +2,7 @@
 // the demo program whose recorded paths the project maps back to the tree.
 #include "elf/dwarf/debuginfo.h"
 #include "elf/elfapi.h"
-#include "project/project.h"
+#include "files/filefinder.h"
 #include "testsupport/testapp.h"
 #include "testsupport/tools.h"
 #include "ui/source/pclineview.h"
@@ -15,7 +15,7 @@ TEST(PcLineView, ShowsTheLineOfThePcAndSaysWhenThereIsNone) {
   DWARF_Install();
   const QString sElf = QStringLiteral(TAVIT_SOURCE_DIR "/examples/demo/demo.elf");
   ASSERT_EQ(CElfApi::Instance().Load(sElf), 0);
-  Project().AddPathSubstitute(QStringLiteral("/tavit"), QStringLiteral(TAVIT_SOURCE_DIR));
+  FileFinder().AddPathSubstitute(QStringLiteral("/tavit"), QStringLiteral(TAVIT_SOURCE_DIR));
   CPcLineView View;
   for (const char* sFunc : {"main", "SysTick_Handler"}) {
     const std::string Nm = RunToolOutput("arm-none-eabi-nm " + sElf.toStdString() + " | grep ' T " + sFunc + "$'");
