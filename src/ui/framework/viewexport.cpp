@@ -103,12 +103,36 @@ int WIN_Export(const QString& sWindow, const QString& sFilePath, QString* psErro
     ConsolePrintLines(Lines);
     return 0;
   }
+  const bool Csv = sFilePath.endsWith(QLatin1String(".csv"), Qt::CaseInsensitive);
+  return WIN_WriteLines(sFilePath, Csv ? WIN_CsvLines(Lines) : Lines, psError) ? 0 : -1;
+}
+
+QStringList WIN_CsvLines(const QStringList& TabLines) {
+  QStringList Out;
+  for (const QString& l : TabLines) {
+    QStringList Fields = l.split(QLatin1Char('\t'));
+    for (QString& f : Fields) {
+      const bool Quote = f.contains(QLatin1Char(',')) || f.contains(QLatin1Char('"')) ||
+                         (!f.isEmpty() && (f.front().isSpace() || f.back().isSpace()));
+      if (Quote) f = QLatin1Char('"') + QString(f).replace(QLatin1String("\""), QLatin1String("\"\"")) + QLatin1Char('"');
+    }
+    Out << Fields.join(QLatin1Char(','));
+  }
+  return Out;
+}
+
+bool WIN_WriteLines(const QString& sFilePath, const QStringList& Lines, QString* psError) {
+  auto Fail = [&](const QString& s) {
+    if (psError) *psError = s;
+    return false;
+  };
+  if (sFilePath.isEmpty()) return Fail(QStringLiteral("invalid parameter: no file path"));
   QSaveFile f(sFilePath);
   if (!f.open(QIODevice::WriteOnly | QIODevice::Text))
     return Fail(QStringLiteral("Cannot write %1: %2").arg(sFilePath, f.errorString()));
   f.write((Lines.join(QLatin1Char('\n')) + QLatin1Char('\n')).toUtf8());
   if (!f.commit()) return Fail(QStringLiteral("Cannot write %1: %2").arg(sFilePath, f.errorString()));
-  return 0;
+  return true;
 }
 
 void WIN_InstallExportCommand() { SetCommandSlot(AID_WINDOW_EXPORT, OnWindowExport); }

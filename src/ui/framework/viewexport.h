@@ -22,8 +22,16 @@ QStringList WIN_ExportableWindows();
 // blanks per level. Tabs and line breaks inside a text become blanks.
 QStringList WIN_ModelLines(QAbstractItemModel* pModel);
 
+// The same rows as comma-separated values: a field holding a comma, a quote
+// or a leading or trailing blank is quoted, its quotes doubled.
+QStringList WIN_CsvLines(const QStringList& TabLines);
+// Writes the lines, each ended by a line break, atomically; false with the
+// reason in *psError.
+bool WIN_WriteLines(const QString& sFilePath, const QStringList& Lines, QString* psError);
+
 // Writes the rows of the named window (case-insensitive) to sFilePath, or to
-// the console when the path is "-". 0, or -1 with the reason in *psError.
+// the console when the path is "-"; a path ending in ".csv" gets
+// comma-separated values. 0, or -1 with the reason in *psError.
 int WIN_Export(const QString& sWindow, const QString& sFilePath, QString* psError);
 
 // Installs the slot of Window.Export.

@@ -10,7 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <QFile>
-#include <QGuiApplication>
+#include <QApplication>
 #include <QStandardItemModel>
 #include <QTemporaryDir>
 
@@ -35,8 +35,7 @@ const QStringList kExpected = {"Function\tLocation", "main\tmain.c: 12", "  Work
                                "Reset_Handler\t0x08000100"};
 
 TEST(WindowExport, RowsToAFileAndToTheConsole) {
-  static QGuiApplication* pApp = NewTestApp<QGuiApplication>();
-  (void)pApp;
+  if (!qApp) NewTestApp<QApplication>();
   SetUiThread();
   ConsoleRingStart();
   std::unique_ptr<QStandardItemModel> pModel(MakeModel());
