@@ -1,19 +1,12 @@
 #include "ui/memory/memorywindow.h"
 
-#include <QPainter>
-
-CMemoryWindow::CMemoryWindow(int Index, QWidget* pParent) : QWidget(pParent), m_Index(Index) {
+CMemoryWindow::CMemoryWindow(int Index, QWidget* pParent) : CWindow(pParent), m_Index(Index) {
   setObjectName(QStringLiteral("MemoryWindow"));
-  setWindowTitle(GetName());
+  setWindowTitle(QStringLiteral("Memory %1").arg(Index));
   setFocusPolicy(Qt::StrongFocus);
   setMinimumSize(120, 60);
 }
 
-QString CMemoryWindow::GetName() const { return QStringLiteral("Memory %1").arg(m_Index); }
-
-void CMemoryWindow::paintEvent(QPaintEvent*) {
-  QPainter p(this);
-  p.fillRect(rect(), palette().window());
-  p.setPen(palette().color(QPalette::WindowText));
-  p.drawText(rect(), Qt::AlignCenter, GetEmptyWindowText());
+QStringList CMemoryWindow::GetAliasNames() const {
+  return {QStringLiteral("Memory Content%1").arg(m_Index), QStringLiteral("Memory%1").arg(m_Index)};
 }

@@ -1,19 +1,16 @@
 // CMemoryWindow: a memory window, "Memory 1", "Memory 2", ... It holds no
-// contents yet and shows the empty-window text "No data".
+// contents yet: it stays empty and shows "No data".
 #pragma once
-#include <QWidget>
+#include "ui/framework/window.h"
 
-class CMemoryWindow : public QWidget {
+class CMemoryWindow : public CWindow {
   Q_OBJECT
  public:
   CMemoryWindow(int Index, QWidget* pParent = nullptr);
   int Index() const { return m_Index; }
-  QString GetName() const;
-  QString GetEmptyWindowText() const { return QStringLiteral("No data"); }
-  bool IsEmpty() const { return true; }
-
- protected:
-  void paintEvent(QPaintEvent* pEvent) override;
+  QStringList GetAliasNames() const override;
+  QString GetEmptyWindowText(DEBUG_STATES) const override { return QStringLiteral("No data"); }
+  bool IsEmpty() const override { return true; }
 
  private:
   int m_Index;

@@ -3,6 +3,7 @@
 // file.
 #include "log/log.h"
 #include "settings/store.h"
+#include "ui/framework/window.h"
 #include "ui/shell/mainwindow.h"
 #include "ui/shell/toolbars.h"
 
@@ -124,6 +125,11 @@ QStringList CMainWindow::WriteWindowLines() const {
   QStringList Lines;
   for (SHELL_WINDOW* p : AllWindows()) {
     if (!p->IsOpen()) continue;
+    // A framework window writes its own line, with its own fields.
+    if (auto* w = qobject_cast<CWindow*>(p->pWindow)) {
+      w->SaveToLine(Lines);
+      continue;
+    }
     QString sArea = QStringLiteral("FLOATING");
     if (!p->pDock->isFloating()) {
       const Qt::DockWidgetArea Area = dockWidgetArea(p->pDock);
@@ -168,6 +174,10 @@ void CMainWindow::ReadWindowLines(const QStringList& Lines) {
     for (SHELL_WINDOW* q : AllWindows())
       if (q->sName.compare(sName, Qt::CaseInsensitive) == 0) p = q;
     if (!p) continue;
+    if (auto* w = qobject_cast<CWindow*>(p->pWindow)) {
+      w->ClearAttributes();
+      w->LoadFromLines(Lines);
+    }
     const QString sArea = f.value(QStringLiteral("dockarea")).toLower();
     bool Placed = false;
     for (const auto& a : kAreas) {

@@ -7,6 +7,7 @@
 #include "log/log.h"
 #include "settings/edit.h"
 #include "settings/store.h"
+#include "ui/framework/dockwindow.h"
 #include "ui/shell/consolewindow.h"
 #include "ui/shell/statusbar.h"
 #include "ui/shell/toolbars.h"
@@ -75,9 +76,14 @@ void ShellHooks::AddShutDownStep(int Step, const std::function<void()>& Fn) { Sh
 // keeps only when it is named.
 static void InitShellResources() { Q_INIT_RESOURCE(shellicons); }
 
-CMainWindow::CMainWindow(QWidget* pParent) : QMainWindow(pParent) {
+CMainWindow::CMainWindow(QWidget* pParent) : CWindow(pParent) {
   InitShellResources();
   setObjectName(QStringLiteral("MainWindow"));
+  setWindowFlags(Qt::Window);
+  // The display formats belong to the debug windows; here their keys would
+  // collide with the windows' own.
+  for (int Format : {0, 2, 8, 10, 16})
+    if (QAction* a = DisplayFormatAction(Format)) removeAction(a);
   setDockOptions(QMainWindow::AnimatedDocks | QMainWindow::AllowTabbedDocks | QMainWindow::AllowNestedDocks);
   // 1. Fields; the device event timer (single shot, 1 ms) for the device layer.
   m_pDeviceEventTimer = new QTimer(this);
@@ -255,14 +261,14 @@ bool CMainWindow::eventFilter(QObject* pObject, QEvent* pEvent) {
   if (pObject == this && pEvent->type() == QEvent::Show && !m_ShownDone) m_pShownTimer->start();
   // A window closed by its title bar: the command does it, so that the
   // console shows the statement.
-  if (pEvent->type() == QEvent::Close && !m_IsClosing)
+  if (pEvent->type() == QEvent::Close && !m_IsClosing && !qobject_cast<CDockWindow*>(pObject))
     if (auto* pDock = qobject_cast<QDockWidget*>(pObject))
       if (SHELL_WINDOW* p = EntryOf(pDock); p && p->pDock == pDock) {
         pEvent->ignore();
         ExecAction(AID_WINDOW_CLOSE, p->sName);
         return true;
       }
-  return QMainWindow::eventFilter(pObject, pEvent);
+  return CWindow::eventFilter(pObject, pEvent);
 }
 
 void CMainWindow::RunWindowShown() {
@@ -274,6 +280,8 @@ void CMainWindow::RunWindowShown() {
   emit InitComplete();
   for (const QString& s : GetUnlinkedActionNames()) LogWarning(QStringLiteral("Unknown GUI action could not be linked: ") + s);
 }
+
+void CMainWindow::contextMenuEvent(QContextMenuEvent* pEvent) { QMainWindow::contextMenuEvent(pEvent); }
 
 void CMainWindow::closeEvent(QCloseEvent* pEvent) {
   if (!OnWindowClosed(pEvent)) return;

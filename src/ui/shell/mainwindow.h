@@ -5,6 +5,7 @@
 // settings store, shows the status bar and the title, and runs the shut-down
 // sequence when it closes.
 #pragma once
+#include "ui/framework/window.h"
 #include "ui/shell/recentlists.h"
 #include "ui/shell/shellstate.h"
 
@@ -65,7 +66,7 @@ struct SHELL_WINDOW {
   bool IsOpen() const;
 };
 
-class CMainWindow : public QMainWindow {
+class CMainWindow : public CWindow {
   Q_OBJECT
  public:
   explicit CMainWindow(QWidget* pParent = nullptr);
@@ -149,6 +150,7 @@ class CMainWindow : public QMainWindow {
 
  protected:
   void closeEvent(QCloseEvent* pEvent) override;
+  void contextMenuEvent(QContextMenuEvent* pEvent) override;
   bool eventFilter(QObject* pObject, QEvent* pEvent) override;
 
  private:

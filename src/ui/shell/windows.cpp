@@ -2,6 +2,8 @@
 // lookup by name, the commands Window.* and Toolbar.*, the Window menu and
 // the focus that decides the active window.
 #include "commands/actions.h"
+#include "ui/framework/dockwindow.h"
+#include "ui/framework/window.h"
 #include "ui/shell/consolewindow.h"
 #include "ui/shell/mainwindow.h"
 #include "ui/shell/statusbar.h"
@@ -76,6 +78,7 @@ QString TranslateAlias(const QString& s) {
 bool Matches(const SHELL_WINDOW* p, const QString& sInput) {
   const QString s = TranslateAlias(sInput.trimmed());
   if (s.isEmpty()) return false;
+  if (auto* w = qobject_cast<CWindow*>(p->pWindow); w && w->IsMatched(sInput)) return true;
   if (s.compare(p->sName, Qt::CaseInsensitive) == 0) return true;
   if (p->pWindow && s.compare(p->pWindow->objectName(), Qt::CaseInsensitive) == 0) return true;
   for (const QString& a : p->Aliases)
@@ -130,16 +133,23 @@ SHELL_WINDOW* CMainWindow::CreateWindow(SHELL_WINDOW_KINDS Kind, int Index, QWid
   if (Kind == SWK_MEMORY) p->Aliases << QStringLiteral("Memory");
   if (Kind == SWK_REGISTERS) p->Aliases << QStringLiteral("Registers");
   if (pWidget->objectName().isEmpty()) pWidget->setObjectName(QLatin1String(n.sObjectName));
-  p->pDock = new QDockWidget(p->sName, this);
+  if (pWidget->windowTitle().isEmpty()) pWidget->setWindowTitle(p->sName);
+  if (auto* w = qobject_cast<CWindow*>(pWidget)) {
+    // A framework window's dock turns a close by its title bar into the
+    // command itself.
+    p->pDock = new CDockWindow(w, this);
+  } else {
+    p->pDock = new QDockWidget(p->sName, this);
+    p->pDock->setWidget(pWidget);
+    // Closing such a dock by its title bar is turned into the command by
+    // the main window's event filter, so that the console shows it.
+  }
   p->pDock->setObjectName(p->sName);
-  p->pDock->setWidget(pWidget);
+  p->pDock->setWindowTitle(p->sName);
   p->pDock->setAllowedAreas(Qt::AllDockWidgetAreas);
   p->pDock->hide();
   addDockWidget(n.Area, p->pDock);
   p->pDock->hide();
-  // Closing a window by its title bar is a command, so that the console
-  // shows it.
-  p->pDock->installEventFilter(this);
   connect(p->pDock, &QDockWidget::topLevelChanged, this, [this] { UpdateActions(); });
   return p;
 }
@@ -228,6 +238,8 @@ void CMainWindow::ShowWindow(SHELL_WINDOW* p) {
 
 void CMainWindow::CloseWindow(SHELL_WINDOW* p) {
   if (!p || p->Kind == SWK_SOURCE) return;
+  if (auto* d = qobject_cast<CDockWindow*>(p->pDock)) d->CloseWindow();
+  // A dock whose main window is not on the screen takes no close event.
   p->pDock->hide();
   // Further memory and register windows go when they are closed.
   if (p->Kind == SWK_MEMORY && p->Index > 1) RemoveMemoryWindow(p);
@@ -311,7 +323,9 @@ void CMainWindow::OnWindowSetDisplayFormat(int Id) {
     SetActionResult(Id, -1);
     return;
   }
-  if (!QMetaObject::invokeMethod(p->pWindow, "SetDisplayFormat", Q_ARG(int, Format))) {
+  if (auto* w = qobject_cast<CWindow*>(p->pWindow)) {
+    w->SetDisplayFormat(Format);
+  } else if (!QMetaObject::invokeMethod(p->pWindow, "SetDisplayFormat", Q_ARG(int, Format))) {
     SetActionError(Id, QStringLiteral("invalid parameter"), p->sName + QStringLiteral(" has no display format"));
     SetActionResult(Id, -1);
     return;
@@ -329,13 +343,11 @@ void CMainWindow::OnWindowPerform(int Id) {
     return;
   }
   // The window's generic command takes the id and the further arguments.
+  // The arguments stay in the action for the window to read.
   int r = -1;
-  const bool Known = QMetaObject::invokeMethod(p->pWindow, "PerformAction", Q_RETURN_ARG(int, r), Q_ARG(int, Id),
-                                               Q_ARG(QVariant, Args.value(1)), Q_ARG(QVariant, Args.value(2)),
-                                               Q_ARG(QVariant, QVariant()));
+  if (auto* w = qobject_cast<CWindow*>(p->pWindow)) r = w->PerformAction(Id);
   if (r < 0 && GetActionError(Id).isEmpty())
     SetActionError(Id, QStringLiteral("not supported by window"), p->sName);
-  (void)Known;
   SetActionResult(Id, r < 0 ? -1 : r);
 }
 
