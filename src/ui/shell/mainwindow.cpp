@@ -18,6 +18,8 @@
 #include <QDockWidget>
 #include <QElapsedTimer>
 #include <QFileInfo>
+#include <QKeyEvent>
+#include <QTabBar>
 #include <QMenu>
 #include <QMenuBar>
 #include <QThread>
@@ -117,6 +119,7 @@ CMainWindow::CMainWindow(QWidget* pParent) : CWindow(pParent) {
   m_pPeriodicTimer = new QTimer(this);
   m_pPeriodicTimer->setInterval(200);
   connect(m_pPeriodicTimer, &QTimer::timeout, this, &CMainWindow::UpdateActions);
+  connect(m_pPeriodicTimer, &QTimer::timeout, this, &CMainWindow::UpdateTabBars);
   // 7.-8. Modes, window frame, file lists and the debug perspective.
   resize(1000, 700);
   m_RecentProjects.Load(Settings::Value(QStringLiteral("AppData/RecentProjects")).toStringList());
@@ -259,6 +262,18 @@ void CMainWindow::OnAddRootPath(int Id) {
 
 bool CMainWindow::eventFilter(QObject* pObject, QEvent* pEvent) {
   if (pObject == this && pEvent->type() == QEvent::Show && !m_ShownDone) m_pShownTimer->start();
+  // Escape outside a modal or popup widget returns to the middle of the
+  // window, unless the focused window takes the key itself.
+  if (pEvent->type() == QEvent::KeyPress && static_cast<QKeyEvent*>(pEvent)->key() == Qt::Key_Escape &&
+      !QApplication::activeModalWidget() && !QApplication::activePopupWidget() && centralWidget())
+    if (auto* w = qobject_cast<QWidget*>(pObject); w && w->window() == this && w == QApplication::focusWidget()) {
+      SHELL_WINDOW* p = EntryOf(w);
+      const bool WindowTakesIt = p && p->pWindow->property("EscKeyOpActive").toBool();
+      if (!WindowTakesIt) {
+        centralWidget()->setFocus(Qt::ShortcutFocusReason);
+        return true;
+      }
+    }
   // A window closed by its title bar: the command does it, so that the
   // console shows the statement.
   if (pEvent->type() == QEvent::Close && !m_IsClosing && !qobject_cast<CDockWindow*>(pObject))
@@ -279,6 +294,17 @@ void CMainWindow::RunWindowShown() {
   UpdateActions();
   emit InitComplete();
   for (const QString& s : GetUnlinkedActionNames()) LogWarning(QStringLiteral("Unknown GUI action could not be linked: ") + s);
+}
+
+void CMainWindow::UpdateTabBars() {
+  // Tab bars of docked windows are made as windows are tabified; each new
+  // one lets the user move its tabs and shows their texts in full.
+  for (QTabBar* t : findChildren<QTabBar*>(QString(), Qt::FindDirectChildrenOnly)) {
+    if (t->property("TavitTabBar").toBool()) continue;
+    t->setProperty("TavitTabBar", true);
+    t->setMovable(true);
+    t->setElideMode(Qt::ElideNone);
+  }
 }
 
 void CMainWindow::contextMenuEvent(QContextMenuEvent* pEvent) { QMainWindow::contextMenuEvent(pEvent); }

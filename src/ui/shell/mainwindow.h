@@ -137,6 +137,8 @@ class CMainWindow : public CWindow {
   QMenu* StartMenu() const { return m_pStartMenu; }
   QMenu* ResetMenu() const { return m_pResetMenu; }
   void UpdateWindowMenu();
+  // Makes tab bars of docked windows movable, once for each new bar.
+  void UpdateTabBars();
 
  public slots:
   // The project shown in the title changed (empty: a new project).

@@ -240,6 +240,10 @@ void CMainWindow::CreateMenus() {
     QAction* a = Act(s.Id);
     if (!a) continue;
     const SHELL_WINDOW_KINDS Kind = s.Kind;
+    // Windows that do not exist in this build have no item.
+    bool Exists = false;
+    for (SHELL_WINDOW* p : AllWindows()) Exists |= p->Kind == Kind;
+    a->setVisible(Exists);
     connect(a, &QAction::triggered, this, [this, Kind] {
       // Through the command, so that the console shows what happened.
       for (SHELL_WINDOW* p : AllWindows())

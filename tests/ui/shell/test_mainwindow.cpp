@@ -3,6 +3,7 @@
 #include "commands/actions.h"
 #include "settings/store.h"
 #include "testsupport/consolelines.h"
+#include "testsupport/randomtext.h"
 #include "testsupport/testapp.h"
 #include "ui/memory/memorywindow.h"
 #include "ui/shell/mainwindow.h"
@@ -257,6 +258,34 @@ TEST_F(MainWindowTest, CorruptPerspectiveFallsBackToTheDefaultLayout) {
     EXPECT_TRUE(TakeConsoleLines().join('\n').contains("Warning: the stored window layout"));
     EXPECT_TRUE(IsOpen("Console") && IsOpen("Memory 1") && IsOpen("Registers 1"));
     EXPECT_FALSE(m_pMain->FindToolBar(QStringLiteral("Debug"))->isHidden()) << "the default's tool bar, not the stored one";
+  }
+}
+
+// Random user file lines and stored window states: no crash, no flood of
+// windows, and the main window keeps a visible window.
+TEST_F(MainWindowTest, RandomLayoutInputIsHarmless) {
+  testsupport::RandomText Gen({"OpenWindow=", "OpenToolbar=", "\"Memory 3\"", "\"Registers 2\"", "\"Console\"",
+                               ", ", "DockArea=", "FLOATING", "left", "x=", "y=", "w=", "h=", "-99999", "2147483647",
+                               "\"", "=", "Floating=1", "\"Debug\"", "DisplayFormat=16"},
+                              {"OpenWindow=\"Memory 2\", DockArea=FLOATING, x=10, y=10, w=200, h=100"}, 20);
+  for (int i = 0; i < 300; ++i) {
+    QStringList Lines;
+    for (int n = 0; n < 4; ++n)
+      Lines << QString::fromStdString(i % 2 ? Gen.Text(1, 12, 5, testsupport::RandomText::Character)
+                                            : Gen.Mutate(Gen.Seed(), 6, testsupport::RandomText::Byte));
+    m_pMain->ReadWindowLines(Lines);
+    m_pMain->ReadToolbarLines(Lines);
+    ASSERT_LE(m_pMain->MemoryWindows().size() + m_pMain->RegisterWindows().size(), 130);
+  }
+  for (int i = 0; i < 20; ++i) {
+    QByteArray State = m_pMain->saveState();
+    for (int n = 0; n < 4; ++n) State[int(Gen.Below(State.size()))] = char(Gen.Next());
+    Settings::SetValue(QStringLiteral("AppData/Perspectives/Debug/WindowState"), State);
+    m_pMain->ApplyDefaultLayout();
+    m_pMain->RestorePerspective();
+    bool AnyOpen = false;
+    for (SHELL_WINDOW* p : m_pMain->AllWindows()) AnyOpen |= p->IsOpen();
+    EXPECT_TRUE(AnyOpen);
   }
 }
 
