@@ -76,7 +76,10 @@ void InstallShellWindows() {
     return new CCallStackWindow(new CCallStackDataModel(&CCallStack::Instance()), pParent);
   });
   ShellWindows::SetFactory(SWK_BREAKPOINTS, [](QWidget* pParent, int) -> QWidget* {
-    return new CBreakpointWindow(&CBreakpointsDataModel::Instance(), pParent);
+    auto* w = new CBreakpointWindow(&CBreakpointsDataModel::Instance(), pParent);
+    // The model outlives the window: it forgets the window's callback.
+    QObject::connect(w, &QObject::destroyed, [] { CBreakpointsDataModel::Instance().SetChangedCallback({}); });
+    return w;
   });
   ShellWindows::SetFactory(SWK_MEMORY, [](QWidget* pParent, int Index) -> QWidget* {
     return new CMemoryWindow(Index, pParent);
@@ -133,9 +136,12 @@ class CStatusProgress : public CDeviceEventListener, public VFile::IFileProgress
 
 // The user file keeps the open windows and tool bars of the main window.
 void RegisterLayoutSections(CMainWindow* pMain) {
-  RegisterUserFileSection({QStringLiteral("OpenWindow"), 1, [pMain] { return pMain->WriteWindowLines(); },
+  // A project that did not load keeps the lines it had.
+  RegisterUserFileSection({QStringLiteral("OpenWindow"), 1,
+                           [pMain] { return Project().IsOpen() ? pMain->WriteWindowLines() : QStringList(); },
                            [pMain](const QStringList& Lines) { pMain->ReadWindowLines(Lines); }});
-  RegisterUserFileSection({QStringLiteral("OpenToolbar"), 1, [pMain] { return pMain->WriteToolbarLines(); },
+  RegisterUserFileSection({QStringLiteral("OpenToolbar"), 1,
+                           [pMain] { return Project().IsOpen() ? pMain->WriteToolbarLines() : QStringList(); },
                            [pMain](const QStringList& Lines) { pMain->ReadToolbarLines(Lines); }});
 }
 

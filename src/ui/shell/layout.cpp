@@ -8,6 +8,7 @@
 #include "ui/shell/toolbars.h"
 
 #include <QAction>
+#include <QCryptographicHash>
 #include <QDockWidget>
 #include <QApplication>
 #include <QRegularExpression>
@@ -41,6 +42,10 @@ QHash<QString, QString> SplitLine(const QString& sLine, QString* psName) {
     h.insert(sKey.toLower(), sValue);
   }
   return h;
+}
+
+QString StateDigest(const QByteArray& State) {
+  return QString::fromLatin1(QCryptographicHash::hash(State, QCryptographicHash::Sha1).toHex());
 }
 
 bool OnSomeScreen(const QRect& r) {
@@ -92,7 +97,10 @@ bool CMainWindow::RestorePerspective() {
   if (!v.isValid()) return true;
   QWidget* pFocus = QApplication::focusWidget();
   const QByteArray State = v.toByteArray();
-  if (State.isEmpty() || !restoreState(State)) {
+  // The toolkit does not survive every damaged state, so a state is only
+  // handed to it when its digest, written with it, still matches.
+  const bool Intact = Settings::Value(sGroup + QStringLiteral("/WindowStateDigest")).toString() == StateDigest(State);
+  if (State.isEmpty() || !Intact || !restoreState(State)) {
     // Shown in the console as well: the user sees why the layout changed.
     LogInfo(QStringLiteral("Warning: the stored window layout (") + sGroup +
             QStringLiteral(") is damaged and was not restored; the default layout is used."));
@@ -117,7 +125,9 @@ bool CMainWindow::RestorePerspective() {
 
 void CMainWindow::SavePerspective() {
   const QString sGroup = m_Perspective == 0 ? QStringLiteral("AppData/Perspectives/Edit") : QStringLiteral("AppData/Perspectives/Debug");
-  Settings::SetValue(sGroup + QStringLiteral("/WindowState"), saveState());
+  const QByteArray State = saveState();
+  Settings::SetValue(sGroup + QStringLiteral("/WindowState"), State);
+  Settings::SetValue(sGroup + QStringLiteral("/WindowStateDigest"), StateDigest(State));
   for (CToolBar* p : m_ToolBars) Settings::SetValue(sGroup + QLatin1Char('/') + p->StateKey(), !p->isHidden());
 }
 
