@@ -136,12 +136,15 @@ class CStatusProgress : public CDeviceEventListener, public VFile::IFileProgress
 
 // The user file keeps the open windows and tool bars of the main window.
 void RegisterLayoutSections(CMainWindow* pMain) {
-  // A project that did not load keeps the lines it had.
+  // A project whose script did not load keeps the lines it had.
+  static bool s_Loaded = false;
+  QObject::connect(&Project(), &CProject::Opened, [] { s_Loaded = Project().IsOpen() && !VScript::HasError(); });
+  QObject::connect(&Project(), &CProject::Closed, [] { s_Loaded = false; });
   RegisterUserFileSection({QStringLiteral("OpenWindow"), 1,
-                           [pMain] { return Project().IsOpen() ? pMain->WriteWindowLines() : QStringList(); },
+                           [pMain] { return s_Loaded ? pMain->WriteWindowLines() : QStringList(); },
                            [pMain](const QStringList& Lines) { pMain->ReadWindowLines(Lines); }});
   RegisterUserFileSection({QStringLiteral("OpenToolbar"), 1,
-                           [pMain] { return Project().IsOpen() ? pMain->WriteToolbarLines() : QStringList(); },
+                           [pMain] { return s_Loaded ? pMain->WriteToolbarLines() : QStringList(); },
                            [pMain](const QStringList& Lines) { pMain->ReadToolbarLines(Lines); }});
 }
 
