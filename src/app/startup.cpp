@@ -9,6 +9,8 @@
 #include "device/module.h"
 #include "disasm/instinstall.h"
 #include "files/filecommands.h"
+#include "files/fileworker.h"
+#include "device/listener.h"
 #include "log/console.h"
 #include "log/diag.h"
 #include "log/log.h"
@@ -27,15 +29,30 @@
 #include "ui/callstack/callstackmodel.h"
 #include "ui/dialogs/projectdialogs.h"
 #include "ui/framework/viewexport.h"
+#include "ui/breakpoints/bpwindow.h"
+#include "ui/callstack/callstackwindow.h"
+#include "ui/memory/memorywindow.h"
+#include "ui/registers/registerwindow.h"
 #include "ui/shell/mainwindow.h"
+#include "ui/shell/statusbar.h"
 
 #include <QAction>
 #include <QApplication>
 #include <QFile>
 #include <QFileInfo>
 #include <QFont>
+#include <QTimer>
 #include <cstdio>
 #include <memory>
+
+namespace {
+std::function<void(CMainWindow*)>& StartedHook() {
+  static std::function<void(CMainWindow*)> s_Hook;
+  return s_Hook;
+}
+}  // namespace
+
+void SetMainWindowStartedHook(const std::function<void(CMainWindow*)>& Fn) { StartedHook() = Fn; }
 
 START_PATH ChooseStartPath(const QStringList& Args, const CMDLINE_OPTIONS& Options, bool RecentEmpty,
                            bool StartWithMostRecent, bool Batch) {
@@ -52,6 +69,86 @@ START_PATH ChooseStartPath(const QStringList& Args, const CMDLINE_OPTIONS& Optio
 }
 
 namespace {
+
+// The debug windows of the main window, and what its actions, title and
+// status bar follow.
+void InstallShellWindows() {
+  ShellWindows::SetFactory(SWK_CALL_STACK, [](QWidget* pParent, int) -> QWidget* {
+    return new CCallStackWindow(new CCallStackDataModel(&CCallStack::Instance()), pParent);
+  });
+  ShellWindows::SetFactory(SWK_BREAKPOINTS, [](QWidget* pParent, int) -> QWidget* {
+    auto* w = new CBreakpointWindow(&CBreakpointsDataModel::Instance(), pParent);
+    // The model outlives the window: it forgets the window's callback.
+    QObject::connect(w, &QObject::destroyed, [] { CBreakpointsDataModel::Instance().SetChangedCallback({}); });
+    return w;
+  });
+  ShellWindows::SetFactory(SWK_MEMORY, [](QWidget* pParent, int Index) -> QWidget* {
+    return new CMemoryWindow(Index, pParent);
+  });
+  ShellWindows::SetFactory(SWK_REGISTERS, REG_CreateRegisterWindow);
+  ShellHooks::SetStateSource([] {
+    SHELL_STATE St;
+    const CProject& p = Project();
+    St.ProjectOpen = p.IsOpen();
+    St.ProjectModified = p.IsModified();
+    St.CorePluginLoaded = IsCorePluginLoaded();
+    if (CDevice* d = CDevice::InstanceIfCreated()) {
+      St.Connected = d->IsConnected();
+      St.BreakpointCount = d->BpCount();
+      St.DataBreakpointCount = d->WpCount();
+      St.TracepointCount = d->TpCount();
+    }
+    if (St.Connected) St.ProgramPath = p.ProgramFilePath();
+    if (CDebugSession* pSession = SessionModule::DebugSession()) {
+      const RUN_CONTROL_STATES c = pSession->RunControls();
+      St.Start = c.Start;
+      St.Stop = c.Stop;
+      St.Continue = c.Continue;
+      St.Halt = c.Halt;
+      St.Reset = c.Reset;
+      St.Step = c.Step;
+    }
+    St.ConnectMode = int(SysVars::GetValue(VAR_CONNECT_MODE));
+    St.ResetMode = int(SysVars::GetValue(VAR_RESET_MODE));
+    return St;
+  });
+}
+
+// Progress of the device (download, memory reads) and of the data file
+// reader and writer in the status bar.
+class CStatusProgress : public CDeviceEventListener, public VFile::IFileProgress {
+ public:
+  explicit CStatusProgress(CStatusBar* pBar) : m_pBar(pBar) {}
+  void OnDeviceSetProgressMsg(const char* sMsg) override { m_pBar->SetProgressMessage(QString::fromUtf8(sMsg)); }
+  void OnDeviceStartProgress(int Min, int Max) override { m_pBar->StartProgress(Min, Max); }
+  void OnDeviceEndProgress() override { m_pBar->EndProgress(); }
+  void OnDeviceSetProgressValue(int Value) override { m_pBar->SetProgressValue(Value); }
+  void StartProgress(const QString& sText, qint64 Total) override {
+    m_Scale = Total > 1000000 ? Total / 1000000 + 1 : 1;
+    m_pBar->SetProgressMessage(sText);
+    m_pBar->StartProgress(0, int(Total / m_Scale));
+  }
+  void SetProgress(qint64 Value) override { m_pBar->SetProgressValue(int(Value / m_Scale)); }
+  void EndProgress() override { m_pBar->EndProgress(); }
+
+ private:
+  CStatusBar* m_pBar;
+  qint64 m_Scale = 1;
+};
+
+// The user file keeps the open windows and tool bars of the main window.
+void RegisterLayoutSections(CMainWindow* pMain) {
+  // A project whose script did not load keeps the lines it had.
+  static bool s_Loaded = false;
+  QObject::connect(&Project(), &CProject::Opened, [] { s_Loaded = Project().IsOpen() && !VScript::HasError(); });
+  QObject::connect(&Project(), &CProject::Closed, [] { s_Loaded = false; });
+  RegisterUserFileSection({QStringLiteral("OpenWindow"), 1,
+                           [pMain] { return s_Loaded ? pMain->WriteWindowLines() : QStringList(); },
+                           [pMain](const QStringList& Lines) { pMain->ReadWindowLines(Lines); }});
+  RegisterUserFileSection({QStringLiteral("OpenToolbar"), 1,
+                           [pMain] { return s_Loaded ? pMain->WriteToolbarLines() : QStringList(); },
+                           [pMain](const QStringList& Lines) { pMain->ReadToolbarLines(Lines); }});
+}
 
 // The modules install their commands and meet each other here, by direct
 // calls, before the main window exists.
@@ -129,12 +226,26 @@ void InstallModules() {
   ShellHooks::AddShutDownStep(6, [] { Project().Close(); });
   // Step 9 lets go of the core plug-in that a device without a project loaded.
   ShellHooks::AddShutDownStep(9, [] { UnloadCorePlugin(); });
+  InstallShellWindows();
 }
 
 // The main window and the project learn about each other.
 void ConnectMainWindow(CMainWindow* pMain) {
   VScript::SetClosingTest([pMain] { return pMain->IsClosing(); });
   QObject::connect(&Project(), &CProject::TitleChanged, pMain, &CMainWindow::SetProjectTitle);
+  QObject::connect(&Project(), &CProject::ModifiedChanged, pMain, &CMainWindow::OnProjectModifiedChanged);
+  QObject::connect(&Project(), &CProject::Closed, pMain, &CMainWindow::UpdateActions);
+  static CStatusProgress* s_pProgress = new CStatusProgress(pMain->StatusBar());
+  VFile::SetFileProgress(s_pProgress);
+  RegisterLayoutSections(pMain);
+  // The run controls follow the session: F5 starts a session when there is
+  // none and continues the target in one, so only one of the two is enabled.
+  if (CDebugSession* pSession = SessionModule::DebugSession()) {
+    QObject::connect(pSession, &CDebugSession::RunControlsChanged, pMain, &CMainWindow::UpdateActions);
+    QObject::connect(pSession, &CDebugSession::StatusChanged, pMain->StatusBar(), &CStatusBar::SetStatusMessage);
+    QObject::connect(pSession, &CDebugSession::DataFileOpened, pMain, &CMainWindow::AddRecentProgram);
+  }
+  pMain->UpdateActions();
 }
 
 // True when the start went as asked (batch mode's exit status needs it).
@@ -215,25 +326,14 @@ int RunTavit(int argc, char** argv) {
   InstallModules();
   auto* pMain = new CMainWindow;
   ConnectMainWindow(pMain);
-  // The run controls follow the session: F5 starts a session when there is
-  // none and continues the target in one, so only one of the two is enabled.
-  if (CDebugSession* pSession = SessionModule::DebugSession()) {
-    auto Apply = [pMain, pSession] {
-      const RUN_CONTROL_STATES c = pSession->RunControls();
-      const std::pair<const char*, bool> Rows[] = {
-          {"actionDebugStart", c.Start}, {"actionDebugStop", c.Stop}, {"actionDebugContinue", c.Continue},
-          {"actionDebugHalt", c.Halt}, {"actionDebugReset", c.Reset}, {"actionDebugStepInto", c.Step},
-          {"actionDebugStepOver", c.Step}, {"actionDebugStepOut", c.Step}};
-      for (const auto& [sName, On] : Rows)
-        if (QAction* a = pMain->findChild<QAction*>(QLatin1String(sName))) a->setEnabled(On);
-    };
-    QObject::connect(pSession, &CDebugSession::RunControlsChanged, pMain, Apply);
-    Apply();
-  }
   // With a window, the file and line of the PC stand in the middle.
   if (!o.IsBatch) pMain->setCentralWidget(new CPcLineView(pMain));
   auto pStartOk = std::make_shared<bool>(true);
-  pMain->SetWindowShownHandler([pMain, pStartOk] { *pStartOk = OnWindowShown(pMain); });
+  pMain->SetWindowShownHandler([pMain, pStartOk] {
+    *pStartOk = OnWindowShown(pMain);
+    pMain->UpdateActions();
+    if (StartedHook()) QTimer::singleShot(0, pMain, [pMain] { StartedHook()(pMain); });
+  });
   // 10. The debug console is the terminal the process was started from.
   if (o.DebugMode) setvbuf(stdout, nullptr, _IONBF, 0);
   // 11. The log sink takes the toolkit's messages.

@@ -2,6 +2,7 @@
 #pragma once
 #include "cmdline/cmdline.h"
 #include <QStringList>
+#include <functional>
 
 // What the first show of the main window leads to.
 enum START_PATH {
@@ -17,3 +18,9 @@ START_PATH ChooseStartPath(const QStringList& Args, const CMDLINE_OPTIONS& Optio
 
 // The whole process: start-up, event loop, shut-down. Returns the exit code.
 int RunTavit(int argc, char** argv);
+
+// Called once after the first show of the main window has done its work
+// (the project of the command line is open); for drivers of the whole
+// program such as the GUI acceptance test and the start-up benchmark.
+class CMainWindow;
+void SetMainWindowStartedHook(const std::function<void(CMainWindow*)>& Fn);

@@ -93,10 +93,10 @@ TEST_F(Batch, ArgumentsQuotesAliasesCommentsAndCleanExit) {
 }
 
 TEST_F(Batch, RefusedArgumentsAndSlotsOfLaterModules) {
-  RUN r = RunProgram({"-batch", WriteFile("b4.txt", "Util.Log a b\nWindow.Add(\"Watched Data\", \"a,b\")\n")});
+  RUN r = RunProgram({"-batch", WriteFile("b4.txt", "Util.Log a b\nEdit.MemZone(\"main\", \"a,b\")\n")});
   EXPECT_EQ(Body(r), QStringList({"Util.Log (\"a\", b);", "Util.Log (\"a\", b): wrong parameter count", "=> 0 (0x0)",
-                                  "Window.Add (\"Watched Data\", \"a,b\");",
-                                  "Window.Add (\"Watched Data\", \"a,b\"): not implemented yet", "=> 0 (0x0)"}));
+                                  "Edit.MemZone (\"main\", \"a,b\");",
+                                  "Edit.MemZone (\"main\", \"a,b\"): not implemented yet", "=> 0 (0x0)"}));
   EXPECT_EQ(r.Exit, 1);
 }
 

@@ -7,13 +7,19 @@
 #include "log/log.h"
 #include "settings/edit.h"
 #include "settings/store.h"
+#include "ui/framework/dockwindow.h"
 #include "ui/shell/consolewindow.h"
+#include "ui/shell/statusbar.h"
+#include "ui/shell/toolbars.h"
 
 #include <QAction>
 #include <QApplication>
 #include <QCloseEvent>
 #include <QDockWidget>
 #include <QElapsedTimer>
+#include <QFileInfo>
+#include <QKeyEvent>
+#include <QTabBar>
 #include <QMenu>
 #include <QMenuBar>
 #include <QThread>
@@ -43,13 +49,44 @@ std::multimap<int, std::function<void()>>& ShutDownSteps() {
   static std::multimap<int, std::function<void()>> s_Steps;
   return s_Steps;
 }
+SHELL_STATE_SOURCE& StateSource() {
+  static SHELL_STATE_SOURCE s_Source;
+  return s_Source;
+}
 }  // namespace
+
+void ShellHooks::SetStateSource(const SHELL_STATE_SOURCE& Fn) { StateSource() = Fn; }
+
+QString ShellTitleText(const QString& sAppTitle, const SHELL_STATE& St) {
+  QString sProject;
+  if (!St.ProjectOpen || St.ProjectPath.isEmpty())
+    sProject = QStringLiteral("New Project");
+  else if (St.Connected)
+    sProject = QFileInfo(St.ProjectPath).completeBaseName();
+  else
+    sProject = St.ProjectPath;
+  if (St.Connected && !St.ProgramPath.isEmpty()) return sAppTitle + QStringLiteral(" - ") + St.ProgramPath;
+  QString s = sAppTitle + QStringLiteral(" - ") + sProject;
+  if (St.ProjectModified) s += QStringLiteral(" - *");
+  return s;
+}
 
 void ShellHooks::AddCloseQuery(const std::function<bool()>& Fn) { CloseQueries().push_back(Fn); }
 void ShellHooks::AddShutDownStep(int Step, const std::function<void()>& Fn) { ShutDownSteps().emplace(Step, Fn); }
 
-CMainWindow::CMainWindow(QWidget* pParent) : QMainWindow(pParent) {
+// The icons live in a resource of this static library, which the linker
+// keeps only when it is named.
+static void InitShellResources() { Q_INIT_RESOURCE(shellicons); }
+
+CMainWindow::CMainWindow(QWidget* pParent) : CWindow(pParent) {
+  InitShellResources();
   setObjectName(QStringLiteral("MainWindow"));
+  setWindowFlags(Qt::Window);
+  // The display formats belong to the debug windows; here their keys would
+  // collide with the windows' own.
+  for (int Format : {0, 2, 8, 10, 16})
+    if (QAction* a = DisplayFormatAction(Format)) removeAction(a);
+  setDockOptions(QMainWindow::AnimatedDocks | QMainWindow::AllowTabbedDocks | QMainWindow::AllowNestedDocks);
   // 1. Fields; the device event timer (single shot, 1 ms) for the device layer.
   m_pDeviceEventTimer = new QTimer(this);
   m_pDeviceEventTimer->setSingleShot(true);
@@ -58,57 +95,85 @@ CMainWindow::CMainWindow(QWidget* pParent) : QMainWindow(pParent) {
   InstallLogMessageHandler();
   // 4. Settings into memory.
   Settings::Load();
-  // 5. User interface: the console window, the actions, identity, user settings.
-  m_pConsole = new CConsoleWindow(this);
-  auto* pDock = new QDockWidget(QStringLiteral("Console"), this);
-  pDock->setObjectName(QStringLiteral("ConsoleDock"));
-  pDock->setWidget(m_pConsole);
-  addDockWidget(Qt::BottomDockWidgetArea, pDock);
+  // 5. User interface: the actions, identity, user settings, the debug
+  // windows in their docks, the menus and the tool bars.
+  m_pStatusBar = new CStatusBar(this);
+  setStatusBar(m_pStatusBar);
   setCentralWidget(new QWidget(this));
   CreateActions();
   LinkActions(this);
   UserSettings::Load();
+  CreateWindows();
+  CreateMenus();
+  CreateToolBars();
   RegisterOwnSlots();
-  // 6. Connections: the first show event starts OnWindowShown.
+  RegisterWindowSlots();
+  // 6. Connections: the first show event starts OnWindowShown; the focus
+  // decides the active window.
   qApp->installEventFilter(this);
+  connect(qApp, &QApplication::focusChanged, this, qOverload<QWidget*, QWidget*>(&CMainWindow::OnFocusChanged));
   m_pShownTimer = new QTimer(this);
   m_pShownTimer->setSingleShot(true);
   m_pShownTimer->setInterval(10);
   connect(m_pShownTimer, &QTimer::timeout, this, &CMainWindow::RunWindowShown);
-  // 9. Title.
-  UpdateTitle();
+  m_pPeriodicTimer = new QTimer(this);
+  m_pPeriodicTimer->setInterval(200);
+  connect(m_pPeriodicTimer, &QTimer::timeout, this, &CMainWindow::UpdateActions);
+  connect(m_pPeriodicTimer, &QTimer::timeout, this, &CMainWindow::UpdateTabBars);
+  // 7.-8. Modes, window frame, file lists and the debug perspective.
   resize(1000, 700);
+  m_RecentProjects.Load(Settings::Value(QStringLiteral("AppData/RecentProjects")).toStringList());
+  m_RecentPrograms.Load(Settings::Value(QStringLiteral("AppData/RecentPrograms")).toStringList());
+  const QByteArray Geometry = Settings::Value(QStringLiteral("AppData/Geometry")).toByteArray();
+  if (!Geometry.isEmpty()) restoreGeometry(Geometry);
+  RebuildRecentMenus();
+  ApplyDefaultLayout();
+  RestorePerspective();
+  m_Perspective = 1;
+  // 9. Title and actions.
+  UpdateTitle();
+  UpdateActions();
 }
 
-CMainWindow::~CMainWindow() { qApp->removeEventFilter(this); }
+CMainWindow::~CMainWindow() {
+  qApp->removeEventFilter(this);
+  disconnect(qApp, &QApplication::focusChanged, this, nullptr);
+  UnlinkActions(this);
+  for (SHELL_WINDOW* p : AllWindows()) delete p;
+}
+
+SHELL_STATE CMainWindow::State() const {
+  SHELL_STATE St;
+  if (StateSource()) St = StateSource()();
+  if (St.ProjectPath.isEmpty() && !m_sProjectPath.isEmpty()) {
+    St.ProjectPath = m_sProjectPath;
+    St.ProjectOpen = true;
+  }
+  return St;
+}
 
 void CMainWindow::UpdateTitle() {
-  setWindowTitle(QApplication::applicationName() + QLatin1Char(' ') + QApplication::applicationVersion() +
-                 QStringLiteral(" - ") + (m_sProjectPath.isEmpty() ? QStringLiteral("New Project") : m_sProjectPath));
+  const QString sApp = QApplication::applicationName() + QLatin1Char(' ') + QApplication::applicationVersion();
+  const QString s = ShellTitleText(sApp, State());
+  if (s != windowTitle()) setWindowTitle(s);
 }
 
 void CMainWindow::SetProjectTitle(const QString& sProjectPath) {
   m_sProjectPath = sProjectPath;
+  if (!sProjectPath.isEmpty()) AddRecentProject(sProjectPath);
   UpdateTitle();
 }
 
-void CMainWindow::CreateActions() {
-  // One action per command row. Rows without a prototype belong to the
-  // context menus of the debug windows, which create and link them.
-  QMap<QString, QMenu*> Menus;
-  for (int Id = 0; Id < ACTION_COUNT; ++Id) {
-    const ACTION_DESC* r = GetActionDesc(Id);
-    const QString sName = GetCommandName(Id);
-    if (sName.isEmpty()) continue;
-    auto* a = new QAction(sName.section(QLatin1Char('.'), 1), this);
-    a->setObjectName(QString::fromLatin1(r->ActionName));
-    const QString sFamily = sName.section(QLatin1Char('.'), 0, 0);
-    QMenu*& m = Menus[sFamily];
-    if (!m) m = menuBar()->addMenu(sFamily);
-    m->addAction(a);
-    addAction(a);
-    ConnectAction(a, this, [Id] { RunCommandSlot(Id); });
-  }
+void CMainWindow::OnProjectModifiedChanged() { UpdateTitle(); }
+
+void CMainWindow::AddRecentProject(const QString& sPath) {
+  m_RecentProjects.Add(sPath);
+  RebuildRecentMenus();
+}
+
+void CMainWindow::AddRecentProgram(const QString& sPath) {
+  m_RecentPrograms.Add(sPath);
+  RebuildRecentMenus();
 }
 
 void CMainWindow::RegisterOwnSlots() {
@@ -168,7 +233,7 @@ void CMainWindow::OnUtilSleep(int Id) {
 
 void CMainWindow::OnHelpCommands(int Id) {
   if (!CheckArgCount(Id)) return;
-  if (auto* pDock = qobject_cast<QDockWidget*>(m_pConsole->parentWidget())) pDock->show();
+  if (SHELL_WINDOW* p = EntryOf(m_pConsole)) ShowWindow(p);
   ConsolePrintLines(GetHelpLines(), 0, false, CommandColorId());
 }
 
@@ -186,16 +251,52 @@ void CMainWindow::OnFileExit(int Id) {
 
 bool CMainWindow::eventFilter(QObject* pObject, QEvent* pEvent) {
   if (pObject == this && pEvent->type() == QEvent::Show && !m_ShownDone) m_pShownTimer->start();
-  return QMainWindow::eventFilter(pObject, pEvent);
+  // Escape outside a modal or popup widget returns to the middle of the
+  // window, unless the focused window takes the key itself.
+  if (pEvent->type() == QEvent::KeyPress && static_cast<QKeyEvent*>(pEvent)->key() == Qt::Key_Escape &&
+      !QApplication::activeModalWidget() && !QApplication::activePopupWidget() && centralWidget())
+    if (auto* w = qobject_cast<QWidget*>(pObject); w && w->window() == this && w == QApplication::focusWidget()) {
+      SHELL_WINDOW* p = EntryOf(w);
+      const bool WindowTakesIt = p && p->pWindow->property("EscKeyOpActive").toBool();
+      if (!WindowTakesIt) {
+        centralWidget()->setFocus(Qt::ShortcutFocusReason);
+        return true;
+      }
+    }
+  // A window closed by its title bar: the command does it, so that the
+  // console shows the statement.
+  if (pEvent->type() == QEvent::Close && !m_IsClosing && !qobject_cast<CDockWindow*>(pObject))
+    if (auto* pDock = qobject_cast<QDockWidget*>(pObject))
+      if (SHELL_WINDOW* p = EntryOf(pDock); p && p->pDock == pDock) {
+        pEvent->ignore();
+        ExecAction(AID_WINDOW_CLOSE, p->sName);
+        return true;
+      }
+  return CWindow::eventFilter(pObject, pEvent);
 }
 
 void CMainWindow::RunWindowShown() {
   if (m_ShownDone) return;
   m_ShownDone = true;
+  m_pPeriodicTimer->start();
   if (m_OnShown) m_OnShown();
+  UpdateActions();
   emit InitComplete();
   for (const QString& s : GetUnlinkedActionNames()) LogWarning(QStringLiteral("Unknown GUI action could not be linked: ") + s);
 }
+
+void CMainWindow::UpdateTabBars() {
+  // Tab bars of docked windows are made as windows are tabified; each new
+  // one lets the user move its tabs and shows their texts in full.
+  for (QTabBar* t : findChildren<QTabBar*>(QString(), Qt::FindDirectChildrenOnly)) {
+    if (t->property("TavitTabBar").toBool()) continue;
+    t->setProperty("TavitTabBar", true);
+    t->setMovable(true);
+    t->setElideMode(Qt::ElideNone);
+  }
+}
+
+void CMainWindow::contextMenuEvent(QContextMenuEvent* pEvent) { QMainWindow::contextMenuEvent(pEvent); }
 
 void CMainWindow::closeEvent(QCloseEvent* pEvent) {
   if (!OnWindowClosed(pEvent)) return;
@@ -216,6 +317,12 @@ bool CMainWindow::OnWindowClosed(QCloseEvent* pEvent) {
   }
   m_IsClosing = true;
   for (QTimer* t : findChildren<QTimer*>()) t->stop();
+  // AppData and the perspective.
+  Settings::SetValue(QStringLiteral("AppData/RecentProjects"), m_RecentProjects.Paths());
+  Settings::SetValue(QStringLiteral("AppData/RecentPrograms"), m_RecentPrograms.Paths());
+  Settings::SetValue(QStringLiteral("AppData/Geometry"), saveGeometry());
+  Settings::SetValue(QStringLiteral("AppData/Version"), QApplication::applicationVersion());
+  SavePerspective();
   for (const auto& Step : ShutDownSteps()) Step.second();
   // Colours, fonts and preferences back to the settings store.
   UserSettings::Save();

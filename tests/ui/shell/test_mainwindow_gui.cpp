@@ -1,0 +1,160 @@
+// The main window under a real X server: the demo project is opened by the
+// program itself, F5 and F10 twice are real key events delivered to the main
+// window, and the results are read from the windows' models and palettes.
+// Without a display the test starts itself again under xvfb-run; without
+// xvfb-run it is skipped.
+#include "app/startup.h"
+#include "session/debugsession.h"
+#include "session/program.h"
+#include "ui/callstack/callstackwindow.h"
+#include "ui/shell/consolewindow.h"
+#include "ui/shell/mainwindow.h"
+
+#include <QAbstractItemView>
+#include <QAction>
+#include <QApplication>
+#include <QDir>
+#include <QDockWidget>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTest>
+#include <cstdio>
+
+namespace {
+
+constexpr int kSkip = 77;
+int g_nFailures = 0;
+
+void Check(bool Ok, const QString& sWhat) {
+  std::printf("%s: %s\n", Ok ? "PASS" : "FAIL", qPrintable(sWhat));
+  if (!Ok) ++g_nFailures;
+}
+
+QString Artefacts() {
+  const QString s = qEnvironmentVariable("TAVIT_BUILD_DIR", QDir::currentPath()) + QStringLiteral("/test-artefacts");
+  QDir().mkpath(s);
+  return s;
+}
+
+// Runs this program again under a virtual X server; its exit status.
+int RunUnderXvfb(int argc, char** argv) {
+  const QString sXvfbRun = QStandardPaths::findExecutable(QStringLiteral("xvfb-run"));
+  if (sXvfbRun.isEmpty()) {
+    std::printf("SKIPPED: xvfb-run is not installed, and the GUI acceptance test needs a real X server\n");
+    return kSkip;
+  }
+  QStringList Args = {QStringLiteral("-a"), QStringLiteral("-s"), QStringLiteral("-screen 0 1280x800x24"),
+                      QString::fromLocal8Bit(argv[0])};
+  for (int i = 1; i < argc; ++i) Args << QString::fromLocal8Bit(argv[i]);
+  QProcess p;
+  QProcessEnvironment Env = QProcessEnvironment::systemEnvironment();
+  Env.insert(QStringLiteral("TAVIT_UNDER_XVFB"), QStringLiteral("1"));
+  Env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("xcb"));
+  p.setProcessEnvironment(Env);
+  p.setProcessChannelMode(QProcess::ForwardedChannels);
+  p.start(sXvfbRun, Args);
+  if (!p.waitForFinished(240000)) {
+    p.kill();
+    std::printf("FAIL: the program under xvfb-run did not end within 240 s\n");
+    return 1;
+  }
+  return p.exitStatus() == QProcess::NormalExit ? p.exitCode() : 1;
+}
+
+SHELL_WINDOW* Window(CMainWindow* pMain, const char* sName) { return pMain->FindWindow(QLatin1String(sName), true); }
+
+QString TopFrame(CMainWindow* pMain) {
+  SHELL_WINDOW* p = Window(pMain, "Call Stack");
+  auto* v = p ? p->pWindow->findChild<QAbstractItemView*>() : nullptr;
+  if (!v || !v->model() || v->model()->rowCount() == 0) return QString();
+  return v->model()->index(0, 0).data().toString();
+}
+
+// Waits until the session has delivered the halt of the last resume.
+bool WaitHalted(CDebugSession* s, U64 HaltsBefore) {
+  return QTest::qWaitFor([&] { return s->HaltCount() > HaltsBefore && !s->IsAwaitingHalt(); }, 30000);
+}
+
+// The rows of a view whose cells carry a change colour: a background or
+// foreground that differs from the palette's plain colours.
+int ChangeColouredRows(QAbstractItemView* v) {
+  const QAbstractItemModel* m = v->model();
+  const QColor Base = v->palette().color(QPalette::Base), Text = v->palette().color(QPalette::Text);
+  int n = 0;
+  std::function<void(const QModelIndex&)> Walk = [&](const QModelIndex& Parent) {
+    for (int r = 0; r < m->rowCount(Parent); ++r) {
+      bool Marked = false;
+      for (int c = 0; c < m->columnCount(Parent); ++c) {
+        const QModelIndex i = m->index(r, c, Parent);
+        const QVariant Bg = i.data(Qt::BackgroundRole), Fg = i.data(Qt::ForegroundRole);
+        if (Bg.isValid() && Bg.value<QBrush>().color() != Base && Bg.value<QBrush>().style() != Qt::NoBrush) Marked = true;
+        if (Fg.isValid() && Fg.value<QBrush>().color() != Text) Marked = true;
+      }
+      n += Marked;
+      Walk(m->index(r, 0, Parent));
+    }
+  };
+  Walk(QModelIndex());
+  return n;
+}
+
+void Scenario(CMainWindow* pMain) {
+  pMain->raise();
+  pMain->activateWindow();
+  Check(QTest::qWaitForWindowActive(pMain, 5000), "the main window is the active window");
+  CDebugSession* s = SessionModule::DebugSession();
+  Check(s != nullptr, "the debug session exists");
+  if (!s) return;
+  Check(pMain->windowTitle().contains(QLatin1String("demo")), "the title names the demo project: " + pMain->windowTitle());
+
+  U64 Halts = s->HaltCount();
+  QTest::keyClick(pMain, Qt::Key_F5);
+  Check(WaitHalted(s, Halts), "F5 started the session and it halted");
+  Check(QTest::qWaitFor([&] { return TopFrame(pMain).contains(QLatin1String("main")); }, 10000),
+        "the call stack shows main: " + TopFrame(pMain));
+  for (int i = 0; i < 2; ++i) {
+    Halts = s->HaltCount();
+    QTest::keyClick(pMain, Qt::Key_F10);
+    Check(WaitHalted(s, Halts), QStringLiteral("F10 number %1 stepped and halted").arg(i + 1));
+  }
+  Check(QTest::qWaitFor([&] { return TopFrame(pMain).contains(QLatin1String("main")); }, 10000),
+        "after two steps the call stack shows main: " + TopFrame(pMain));
+  QTest::qWait(300);  // the console paints on its timer
+  const QString sConsole = pMain->ConsoleWindow()->PlainText();
+  Check(sConsole.contains(QLatin1String("Debug.Start();")), "the console echoed Debug.Start();");
+  Check(sConsole.count(QLatin1String("Debug.StepOver();")) == 2, "the console echoed Debug.StepOver(); twice");
+
+  // The registers window, when there is one, marks what the steps changed.
+  if (SHELL_WINDOW* r = pMain->FindWindow(QStringLiteral("Registers 1"), true)) {
+    auto* v = r->pWindow->findChild<QAbstractItemView*>();
+    Check(v && QTest::qWaitFor([&] { return ChangeColouredRows(v) > 0; }, 5000),
+          "the registers window shows changed registers in the change colour");
+  } else {
+    std::printf("NOTE: no window \"Registers 1\"; its change colours are not checked\n");
+  }
+
+  // The pictures: the whole screen, and the main window alone.
+  QTest::qWait(200);
+  const QString sScreen = Artefacts() + QStringLiteral("/ui_shell_gui_screen.png");
+  const int rc = QProcess::execute(QStringLiteral("import"), {QStringLiteral("-window"), QStringLiteral("root"), sScreen});
+  Check(rc == 0 && QFile::exists(sScreen), "screenshot of the whole screen: " + sScreen);
+  pMain->grab().save(Artefacts() + QStringLiteral("/mainwindow.png"));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (!qEnvironmentVariableIsSet("TAVIT_UNDER_XVFB")) return RunUnderXvfb(argc, argv);
+  const QString sProject = qEnvironmentVariable("TAVIT_SOURCE_DIR", QStringLiteral(".")) +
+                           QStringLiteral("/examples/demo/demo.vdebug");
+  QByteArray Program = argv[0], Project = sProject.toLocal8Bit();
+  char* Args[] = {Program.data(), Project.data(), nullptr};
+  SetMainWindowStartedHook([](CMainWindow* pMain) {
+    Scenario(pMain);
+    pMain->close();
+  });
+  const int Exit = RunTavit(2, Args);
+  Check(Exit == 0, QStringLiteral("the program ended with status %1").arg(Exit));
+  std::printf("%d failure(s)\n", g_nFailures);
+  return g_nFailures == 0 ? 0 : 1;
+}
