@@ -31,6 +31,7 @@
 #include "ui/framework/viewexport.h"
 #include "ui/breakpoints/bpwindow.h"
 #include "ui/callstack/callstackwindow.h"
+#include "elf/elfapi.h"
 #include "ui/memory/memorywindow.h"
 #include "ui/registers/registerwindow.h"
 #include "ui/shell/mainwindow.h"
@@ -128,13 +129,37 @@ class CStatusProgress : public CDeviceEventListener, public VFile::IFileProgress
     m_pBar->SetProgressMessage(sText);
     m_pBar->StartProgress(0, int(Total / m_Scale));
   }
-  void SetProgress(qint64 Value) override { m_pBar->SetProgressValue(int(Value / m_Scale)); }
-  void EndProgress() override { m_pBar->EndProgress(); }
+  // The data file reader and writer and the program load hold the event
+  // loop while they work, so their progress is painted as it comes.
+  void SetProgress(qint64 Value) override {
+    m_pBar->SetProgressValue(int(Value / m_Scale));
+    m_pBar->PaintNow();
+  }
+  void EndProgress() override {
+    m_pBar->EndProgress();
+    m_pBar->PaintNow(true);
+  }
+  static void OnProgramLoad(int Done, int Total) {
+    CStatusBar* b = s_pInstance ? s_pInstance->m_pBar : nullptr;
+    if (!b) return;
+    if (Done == 0) {
+      b->SetProgressMessage(QStringLiteral("Opening File..."));
+      b->StartProgress(0, Total);
+    } else if (Done > 0) {
+      b->SetProgressValue(Done);
+    } else {
+      b->SetProgressMessage(QString());
+      b->EndProgress();
+    }
+    b->PaintNow(Done <= 0);
+  }
+  static CStatusProgress* s_pInstance;
 
  private:
   CStatusBar* m_pBar;
   qint64 m_Scale = 1;
 };
+CStatusProgress* CStatusProgress::s_pInstance = nullptr;
 
 // The user file keeps the open windows and tool bars of the main window.
 void RegisterLayoutSections(CMainWindow* pMain) {
@@ -237,6 +262,8 @@ void ConnectMainWindow(CMainWindow* pMain) {
   QObject::connect(&Project(), &CProject::Closed, pMain, &CMainWindow::UpdateActions);
   static CStatusProgress* s_pProgress = new CStatusProgress(pMain->StatusBar());
   VFile::SetFileProgress(s_pProgress);
+  CStatusProgress::s_pInstance = s_pProgress;
+  CElfApi::SetLoadProgressHook(&CStatusProgress::OnProgramLoad);
   RegisterLayoutSections(pMain);
   // The run controls follow the session: F5 starts a session when there is
   // none and continues the target in one, so only one of the two is enabled.

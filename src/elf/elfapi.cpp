@@ -5,12 +5,14 @@
 #include "log/log.h"
 
 #include <QElapsedTimer>
+#include <algorithm>
 #include <QFile>
 #include <QMutexLocker>
 
 namespace {
 void LogStage(const char* sText, const QElapsedTimer& Timer) {
   LogInfo(QString::fromLatin1(sText) + LogTimeText(Timer.nsecsElapsed() / 1000));
+  CElfApi::ReportLoadStage();
 }
 } // namespace
 
@@ -30,9 +32,32 @@ void ElfApiDiagHook(const ELF_DIAG* pDiag) {
 
 namespace {
 CElfApi::STAGES_HOOK s_pfStagesHook = nullptr;
+CElfApi::PROGRESS_HOOK s_pfProgressHook = nullptr;
+int s_StagesDone = -1;  // -1: no load running
 }
 
 void CElfApi::SetDebugStagesHook(STAGES_HOOK pfHook) { s_pfStagesHook = pfHook; }
+void CElfApi::SetLoadProgressHook(PROGRESS_HOOK pfHook) { s_pfProgressHook = pfHook; }
+
+void CElfApi::ReportLoadStage() {
+  if (s_StagesDone < 0) return;
+  s_StagesDone = std::min(s_StagesDone + 1, kLoadStages);
+  if (s_pfProgressHook) s_pfProgressHook(s_StagesDone, kLoadStages);
+}
+
+namespace {
+// Brackets one load for the progress hook, whichever way the load ends.
+struct CLoadProgress {
+  CLoadProgress() {
+    s_StagesDone = 0;
+    if (s_pfProgressHook) s_pfProgressHook(0, CElfApi::kLoadStages);
+  }
+  ~CLoadProgress() {
+    s_StagesDone = -1;
+    if (s_pfProgressHook) s_pfProgressHook(-1, CElfApi::kLoadStages);
+  }
+};
+}  // namespace
 
 CElfApi& CElfApi::Instance() {
   static CElfApi s_Api;
@@ -43,6 +68,7 @@ int CElfApi::Load(const QString& sFilePath) {
   QMutexLocker lock(&m_Mutex);
   QElapsedTimer timer;
   timer.start();
+  const CLoadProgress Progress;
   // Stage 0: the previous program goes, the new one is opened with its debug
   // information.
   Close();

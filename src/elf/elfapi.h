@@ -33,6 +33,15 @@ public:
   typedef void (*STAGES_HOOK)(ELF_FILE* pFile, const QElapsedTimer* pTimer, int* pFunctionCount, int* pGlobalCount);
   static void SetDebugStagesHook(STAGES_HOOK pfHook);
 
+  // Progress of a load, for a status bar: (0, n) when it begins, (k, n)
+  // after each of its n stages, (-1, n) when it ended. The hook runs on the
+  // loading thread, under the mutex; it must not touch the program.
+  static constexpr int kLoadStages = 17;
+  typedef void (*PROGRESS_HOOK)(int Done, int Total);
+  static void SetLoadProgressHook(PROGRESS_HOOK pfHook);
+  // Counts one stage of the running load (the debug reader's stages too).
+  static void ReportLoadStage();
+
   // Closes the previous program, opens sFilePath and runs the load stages.
   // 0 on success, -1 on failure (reported through the diagnostic catalogue).
   int Load(const QString& sFilePath);

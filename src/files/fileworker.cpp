@@ -35,6 +35,7 @@ bool SameFile(const QString& a, const QString& b) {
 }  // namespace
 
 void SetFileProgress(IFileProgress* pProgress) { s_pProgress = pProgress; }
+IFileProgress* FileProgress() { return s_pProgress; }
 
 CMemBlockList CFileWorker::Read(const QString& sFilePath, I64 BaseAddr) {
   const QFileInfo Info(sFilePath);

@@ -20,6 +20,7 @@ class IFileProgress {
   virtual void EndProgress() = 0;
 };
 void SetFileProgress(IFileProgress* pProgress);  // null: no progress shown
+IFileProgress* FileProgress();                   // the installed one, or null
 
 class CFileWorker : public QObject {
   Q_OBJECT

@@ -15,6 +15,23 @@
 namespace {
 QString Env(const char* s) { return QString::fromLocal8Bit(qgetenv(s)); }
 
+std::vector<std::pair<int, int>> g_Progress;
+void RecordProgress(int Done, int Total) { g_Progress.push_back({Done, Total}); }
+
+// Every load, failed or not, is bracketed by (0, n) and (-1, n), with the
+// stages counted upwards in between and never past n.
+void ExpectBracketedProgress(const char* sWhat) {
+  SCOPED_TRACE(sWhat);
+  ASSERT_GE(g_Progress.size(), 2u);
+  EXPECT_EQ(g_Progress.front(), std::make_pair(0, CElfApi::kLoadStages));
+  EXPECT_EQ(g_Progress.back(), std::make_pair(-1, CElfApi::kLoadStages));
+  for (size_t i = 1; i + 1 < g_Progress.size(); ++i) {
+    EXPECT_GT(g_Progress[i].first, g_Progress[i - 1].first);
+    EXPECT_LE(g_Progress[i].first, CElfApi::kLoadStages);
+  }
+  g_Progress.clear();
+}
+
 TEST(ElfApiWrapper, LoadLogsStagesAndAnswersElfCommands) {
   if (!readelf::Available()) GTEST_SKIP() << "no readelf";
   DIAG_Init();
@@ -25,6 +42,7 @@ TEST(ElfApiWrapper, LoadLogsStagesAndAnswersElfCommands) {
   EXPECT_EQ(api.GetEndianess(), -1);
   EXPECT_EQ(api.GetBaseAddr(), 0xFFFFFFFFu);
   EXPECT_EQ(api.GetEndian(), 2);
+  CElfApi::SetLoadProgressHook(RecordProgress);
 
   QDirIterator it(Env("TAVIT_SOURCE_DIR") + "/firmware", {"*.elf"}, QDir::Files, QDirIterator::Subdirectories);
   int n = 0;
@@ -32,6 +50,7 @@ TEST(ElfApiWrapper, LoadLogsStagesAndAnswersElfCommands) {
     const QString file = it.next();
     SCOPED_TRACE(file.toStdString());
     ASSERT_EQ(api.Load(file), 0);
+    ExpectBracketedProgress("load");
     ++n;
     const readelf::Listing re = readelf::All(file.toStdString());
     ASSERT_TRUE(re.Header.count("Entry point address"));
@@ -67,6 +86,8 @@ TEST(ElfApiWrapper, LoadLogsStagesAndAnswersElfCommands) {
   EXPECT_EQ(api.GetEntryPointPC(), 0xFFFFFFFFu);
   EXPECT_EQ(api.Load(Env("TAVIT_TEST_TMP") + "/missing.elf"), -1);
   EXPECT_FALSE(api.IsLoaded());
+  ExpectBracketedProgress("failed load");
+  CElfApi::SetLoadProgressHook(nullptr);
 
   LogFlush();
   SetLogFile(LOG_FILE_APP, QString());

@@ -903,6 +903,7 @@ CLineTables g_ProgramTables;
 void LogStageText(const char* sText, void* pContext) {
   const QElapsedTimer* t = static_cast<const QElapsedTimer*>(pContext);
   LogInfo(QString::fromLatin1(sText) + LogTimeText(t ? t->nsecsElapsed() / 1000 : 0));
+  CElfApi::ReportLoadStage();
 }
 } // namespace
 

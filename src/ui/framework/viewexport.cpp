@@ -1,11 +1,14 @@
 #include "ui/framework/viewexport.h"
 
+#include "files/fileworker.h"
+
 #include "commands/actionids.h"
 #include "commands/actions.h"
 #include "log/log.h"
 
 #include <QAbstractItemModel>
 #include <QSaveFile>
+#include <algorithm>
 #include <QVector>
 #include <utility>
 
@@ -130,7 +133,17 @@ bool WIN_WriteLines(const QString& sFilePath, const QStringList& Lines, QString*
   QSaveFile f(sFilePath);
   if (!f.open(QIODevice::WriteOnly | QIODevice::Text))
     return Fail(QStringLiteral("Cannot write %1: %2").arg(sFilePath, f.errorString()));
-  f.write((Lines.join(QLatin1Char('\n')) + QLatin1Char('\n')).toUtf8());
+  // A long export shows its progress; the rows go out in slices.
+  constexpr qsizetype kSlice = 4096;
+  VFile::IFileProgress* pProgress = Lines.size() > kSlice ? VFile::FileProgress() : nullptr;
+  if (pProgress) pProgress->StartProgress(QStringLiteral("Exporting..."), Lines.size());
+  for (qsizetype i = 0; i < Lines.size(); i += kSlice) {
+    QByteArray Chunk;
+    for (qsizetype j = i; j < std::min(Lines.size(), i + kSlice); ++j) Chunk += Lines[j].toUtf8() + '\n';
+    f.write(Chunk);
+    if (pProgress) pProgress->SetProgress(std::min(Lines.size(), i + kSlice));
+  }
+  if (pProgress) pProgress->EndProgress();
   if (!f.commit()) return Fail(QStringLiteral("Cannot write %1: %2").arg(sFilePath, f.errorString()));
   return true;
 }

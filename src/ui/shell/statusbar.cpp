@@ -2,6 +2,7 @@
 
 #include <QLabel>
 #include <QProgressBar>
+#include <QThread>
 #include <QTimer>
 #include <QToolButton>
 
@@ -107,6 +108,15 @@ void CStatusBar::OnTempStatusMsgChanged(const QString& Message) {
 void CStatusBar::OnButtonCancelClicked() {
   m_Canceled = true;
   emit Canceled();
+}
+
+void CStatusBar::PaintNow(bool Force) {
+  if (QThread::currentThread() != thread()) return;
+  if (!Force && m_LastPaintNow.isValid() && m_LastPaintNow.elapsed() < 50) return;
+  m_LastPaintNow.start();
+  m_pTimer->stop();
+  OnTimerTimeout();
+  repaint();
 }
 
 void CStatusBar::OnTimerTimeout() {

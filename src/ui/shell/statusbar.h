@@ -3,6 +3,7 @@
 // connection info, cursor text). Setters only store the value; one
 // single-shot timer paints all fields, so a burst of changes costs one update.
 #pragma once
+#include <QElapsedTimer>
 #include <QFont>
 #include <QStatusBar>
 #include <QString>
@@ -31,6 +32,10 @@ class CStatusBar : public QStatusBar {
   void SetActiveWindowStatus(const QString& Text);
   void SetCursorText(const QString& Text);
   void SetFont(const QFont& Font);
+  // For work that holds the event loop (a program load, a file read) the
+  // timer cannot fire: this paints the fields at once, at most every 50 ms
+  // unless forced. Only on the thread of the widget.
+  void PaintNow(bool Force = false);
 
   // The stored values (what the next paint shows).
   QString StatusMessage() const { return m_sStatus; }
@@ -68,4 +73,5 @@ class CStatusBar : public QStatusBar {
   int m_ProgressMin = 0, m_ProgressMax = 100, m_ProgressValue = 0;
   bool m_ProgressActive = false, m_Canceled = false;
   int m_nPaints = 0;
+  QElapsedTimer m_LastPaintNow;
 };

@@ -8,13 +8,19 @@
 #include "ui/source/pclineview.h"
 
 #include <QApplication>
+#include <algorithm>
 #include <gtest/gtest.h>
 
 TEST(PcLineView, ShowsTheLineOfThePcAndSaysWhenThereIsNone) {
   NewTestApp<QApplication>();
   DWARF_Install();
   const QString sElf = QStringLiteral(TAVIT_SOURCE_DIR "/examples/demo/demo.elf");
+  // With the debug reader installed a load passes through all its stages.
+  static int s_MaxStage = 0;
+  CElfApi::SetLoadProgressHook([](int Done, int) { s_MaxStage = std::max(s_MaxStage, Done); });
   ASSERT_EQ(CElfApi::Instance().Load(sElf), 0);
+  CElfApi::SetLoadProgressHook(nullptr);
+  EXPECT_EQ(s_MaxStage, CElfApi::kLoadStages);
   FileFinder().AddPathSubstitute(QStringLiteral("/tavit"), QStringLiteral(TAVIT_SOURCE_DIR));
   CPcLineView View;
   for (const char* sFunc : {"main", "SysTick_Handler"}) {
