@@ -1,5 +1,7 @@
 #include "ui/framework/modelviewwindow.h"
 
+#include <QEvent>
+
 #include "commands/actionids.h"
 #include "commands/actions.h"
 #include "log/log.h"
@@ -63,6 +65,7 @@ CModelViewWindow::CModelViewWindow(QWidget* pParent) : CWindow(pParent) {
   connect(m_pView, &QTreeView::collapsed, this, &CModelViewWindow::OnItemCollapsed);
   connect(m_pView, &CTreeView::KeyPressed, this, &CModelViewWindow::OnKeyPressed);
   connect(m_pView->verticalScrollBar(), &QScrollBar::valueChanged, this, &CModelViewWindow::OnScrollBarValueChanged);
+  m_pView->viewport()->installEventFilter(this);
   connect(m_pHeader, &QHeaderView::customContextMenuRequested, this, &CModelViewWindow::OnHeaderContextMenuRequested);
   connect(m_pHeader, &QHeaderView::sortIndicatorChanged, this, &CModelViewWindow::OnSortIndicatorChanged);
   connect(m_pHeader, &QHeaderView::sectionHandleDoubleClicked, this, &CModelViewWindow::OnTableHeaderColDividerDoubleClicked);
@@ -447,6 +450,13 @@ void CModelViewWindow::OnItemCollapsed(QModelIndex) {
 }
 
 void CModelViewWindow::OnScrollBarValueChanged() { m_pUpdateTimer->start(10); }
+
+bool CModelViewWindow::eventFilter(QObject* pObject, QEvent* pEvent) {
+  if (pObject == m_pView->viewport() && (pEvent->type() == QEvent::Resize || pEvent->type() == QEvent::Show) &&
+      m_pModel && !m_pUpdateTimer->isActive())
+    m_pUpdateTimer->start(10);
+  return CWindow::eventFilter(pObject, pEvent);
+}
 
 void CModelViewWindow::OnSelectionChanged(QModelIndex, QModelIndex) { Repaint(); }
 

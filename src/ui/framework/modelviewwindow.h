@@ -114,6 +114,9 @@ class CModelViewWindow : public CWindow, public ITableWindow {
   void OnVisibilityChanged(bool Visible) override;
 
  protected:
+  // Rows that become visible by a layout (a window shown just before a stop,
+  // a resize) are read as they appear.
+  bool eventFilter(QObject* pObject, QEvent* pEvent) override;
   void FillContextMenu(QMenu* pMenu) override;
   // The export dialog's work: asks for a file and runs Window.Export.
   virtual void OnActionExportTriggered();

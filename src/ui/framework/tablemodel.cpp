@@ -370,26 +370,60 @@ QString CSortFilter::RangeText(const QString& sMin, const QString& sMax) {
   return a + QLatin1Char('-') + b;
 }
 
-bool CSortFilter::lessThan(const QModelIndex& Left, const QModelIndex& Right) const {
-  const bool Ascending = sortOrder() == Qt::AscendingOrder;
-  // "Left before Right" in the order shown, whatever the sort order.
-  auto Before = [Ascending](bool LeftFirst) { return Ascending ? LeftFirst : !LeftFirst; };
+void CSortFilter::sort(int Column, Qt::SortOrder Order) {
+  m_KeyCache.clear();
+  m_SortContext = ContextFor(Column);
+  m_SortContext.Ascending = Order == Qt::AscendingOrder;
+  m_InSort = true;
+  QSortFilterProxyModel::sort(Column, Order);
+  m_InSort = false;
+  m_KeyCache.clear();
+}
+
+CSortFilter::SORT_CONTEXT CSortFilter::ContextFor(int Column) const {
+  SORT_CONTEXT c;
+  c.Ascending = sortOrder() == Qt::AscendingOrder;
   const QAbstractItemModel* m = sourceModel();
   const auto* pTable = qobject_cast<const CTableModel*>(m);
-  const bool MayPin = !pTable || pTable->HasPinnedRows();
-  const bool PinL = MayPin && Left.data(ROLE_PINNED).toBool(), PinR = MayPin && Right.data(ROLE_PINNED).toBool();
+  c.MayPin = !pTable || pTable->HasPinnedRows();
+  c.KeepOrder = !m_Sortable || (m && m->objectName() == QLatin1String("CallStackDataModel"));
+  c.Kind = m ? m->headerData(Column, Qt::Horizontal, ROLE_FILTER_KIND).toInt() : FILTER_KIND_TEXT;
+  return c;
+}
+
+CSortFilter::SORT_KEYS CSortFilter::KeysFor(const QModelIndex& i) {
+  // Folded once, so that comparing is a plain compare without regard to case.
+  return SORT_KEYS{i.data(ROLE_PINNED).toBool(), i.data().toString().toCaseFolded(), i.data(ROLE_SORT_KEY),
+                   i.data(ROLE_SORT_KEY_2)};
+}
+
+const CSortFilter::SORT_KEYS& CSortFilter::CachedKeys(const QModelIndex& Index) const {
+  auto it = m_KeyCache.find(Index);
+  if (it == m_KeyCache.end()) it = m_KeyCache.emplace(Index, KeysFor(Index)).first;
+  return it->second;
+}
+
+bool CSortFilter::lessThan(const QModelIndex& Left, const QModelIndex& Right) const {
+  if (m_InSort) return Less(Left, Right, CachedKeys(Left), CachedKeys(Right), m_SortContext);
+  // A sort the proxy starts by itself (a change of data) asks the rows.
+  return Less(Left, Right, KeysFor(Left), KeysFor(Right), ContextFor(Left.column()));
+}
+
+bool CSortFilter::Less(const QModelIndex& Left, const QModelIndex& Right, const SORT_KEYS& L, const SORT_KEYS& R,
+                       const SORT_CONTEXT& c) {
+  // "Left before Right" in the order shown, whatever the sort order.
+  auto Before = [&c](bool LeftFirst) { return c.Ascending ? LeftFirst : !LeftFirst; };
+  const bool PinL = c.MayPin && L.Pinned, PinR = c.MayPin && R.Pinned;
   if (PinL != PinR) return Before(PinL);
-  if (!m_Sortable || PinL || (m && m->objectName() == QLatin1String("CallStackDataModel"))) {
+  if (c.KeepOrder || PinL) {
     if (Left.row() == Right.row()) return false;
     return Before(Left.row() < Right.row());
   }
-  const int Kind = m ? m->headerData(Left.column(), Qt::Horizontal, ROLE_FILTER_KIND).toInt() : FILTER_KIND_TEXT;
-  auto TextLess = [&] {
-    return QString::compare(Left.data().toString(), Right.data().toString(), Qt::CaseInsensitive) < 0;
-  };
-  if (!(Kind & FILTER_KIND_NUMBER)) return TextLess();
-  for (int Role : {int(ROLE_SORT_KEY), int(ROLE_SORT_KEY_2)}) {
-    const QVariant a = Left.data(Role), b = Right.data(Role);
+  auto TextLess = [&] { return L.Text < R.Text; };
+  if (!(c.Kind & FILTER_KIND_NUMBER)) return TextLess();
+  for (int k = 0; k < 2; ++k) {
+    const QVariant& a = k ? L.Key2 : L.Key1;
+    const QVariant& b = k ? R.Key2 : R.Key1;
     if (!a.isValid() || !b.isValid()) return TextLess();
     if (a.typeId() == QMetaType::Double || b.typeId() == QMetaType::Double) {
       const double x = a.toDouble(), y = b.toDouble();
@@ -397,9 +431,9 @@ bool CSortFilter::lessThan(const QModelIndex& Left, const QModelIndex& Right) co
       return x < y;
     }
     if (a.typeId() == QMetaType::QString || b.typeId() == QMetaType::QString) {
-      const int c = QString::compare(a.toString(), b.toString(), Qt::CaseInsensitive);
-      if (c == 0) continue;
-      return c < 0;
+      const int cmp = QString::compare(a.toString(), b.toString(), Qt::CaseInsensitive);
+      if (cmp == 0) continue;
+      return cmp < 0;
     }
     const qlonglong x = a.toLongLong(), y = b.toLongLong();
     if (x == y) {

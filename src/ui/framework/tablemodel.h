@@ -229,12 +229,38 @@ class CSortFilter : public QSortFilterProxyModel {
   static bool ParseRange(const QString& sText, int Kind, double* pMin, double* pMax);
   static QString RangeText(const QString& sMin, const QString& sMax);
 
+  // A sort asks each row for its keys once, not at every comparison.
+  void sort(int Column, Qt::SortOrder Order = Qt::AscendingOrder) override;
+
  protected:
   bool lessThan(const QModelIndex& Left, const QModelIndex& Right) const override;
   bool filterAcceptsRow(int SourceRow, const QModelIndex& SourceParent) const override;
 
  private:
+  struct SORT_KEYS {
+    bool Pinned = false;
+    QString Text;
+    QVariant Key1, Key2;
+  };
+  // What one sort needs to know of the source, the same for every pair.
+  struct SORT_CONTEXT {
+    bool Ascending = true, MayPin = true, KeepOrder = false;
+    int Kind = 1;
+  };
+  SORT_CONTEXT ContextFor(int Column) const;
+  static SORT_KEYS KeysFor(const QModelIndex& Index);
+  const SORT_KEYS& CachedKeys(const QModelIndex& Index) const;
+  static bool Less(const QModelIndex& Left, const QModelIndex& Right, const SORT_KEYS& L, const SORT_KEYS& R,
+                   const SORT_CONTEXT& c);
   bool CellPasses(const QModelIndex& Cell, const QString& sFilter) const;
+  struct INDEX_HASH {
+    size_t operator()(const QModelIndex& i) const { return qHash(i); }
+  };
+  // Node-based, so that the keys of one side stay put while the other's are
+  // added.
+  mutable std::unordered_map<QModelIndex, SORT_KEYS, INDEX_HASH> m_KeyCache;
+  SORT_CONTEXT m_SortContext;
+  bool m_InSort = false;
   bool m_Sortable = true;
   QMap<int, QString> m_Filters;
 };

@@ -1,6 +1,7 @@
 #include "ui/framework/viewexport.h"
 
 #include "files/fileworker.h"
+#include "ui/framework/window.h"
 
 #include "commands/actionids.h"
 #include "commands/actions.h"
@@ -19,10 +20,12 @@ QVector<std::pair<QString, VIEW_MODEL_PROVIDER>>& Providers() {
   return v;
 }
 
+// By name, or by an alias of the window table ("Registers" is "Registers 1").
 int IndexOf(const QString& sWindow) {
   const auto& v = Providers();
-  for (int i = 0; i < v.size(); ++i)
-    if (v[i].first.compare(sWindow.trimmed(), Qt::CaseInsensitive) == 0) return i;
+  for (const QString& sName : {sWindow.trimmed(), CWindow::ResolveAlias(sWindow)})
+    for (int i = 0; i < v.size(); ++i)
+      if (v[i].first.compare(sName, Qt::CaseInsensitive) == 0) return i;
   return -1;
 }
 

@@ -57,6 +57,12 @@ TEST(WindowExport, RowsToAFileAndToTheConsole) {
   ASSERT_EQ(WIN_Export("Call Stack", "-", &sErr), 0) << sErr.toStdString();
   EXPECT_EQ(TakeConsoleLines().join('\n'), kExpected.join('\n'));
 
+  // A window is also found by the alias of its name.
+  WIN_RegisterViewModel("Registers 1", [&] { return pModel.get(); });
+  ASSERT_EQ(WIN_Export("Registers", "-", &sErr), 0) << sErr.toStdString();
+  EXPECT_EQ(TakeConsoleLines().join('\n'), kExpected.join('\n'));
+  WIN_UnregisterViewModel("Registers 1");
+
   // Unknown window, unwritable path: an error, nothing written.
   EXPECT_EQ(WIN_Export("Nonesuch", sPath, &sErr), -1);
   EXPECT_EQ(sErr, "invalid parameter: Nonesuch");
