@@ -24,23 +24,7 @@ namespace {
 
 using devtest::BACKEND;
 
-class CoreHostTarget : public ::testing::TestWithParam<BACKEND> {
- protected:
-  static void SetUpTestSuite() {
-    NewTestApp<QApplication>();
-    InstallHeadlessDeviceApp();  // the actions behind the commands
-  }
-  void TearDown() override {
-    Device()->PostDisconnect();
-    DeviceModule::WaitUntilIdle(10000);
-    Project().Close();
-  }
-  static I64 Run(int Id, const QVariant& a = {}, const QVariant& b = {}) {
-    ExecAction(Id, a, b);
-    WaitForCommand(Id);
-    return GetActionResult(Id);
-  }
-};
+class CoreHostTarget : public CHeadlessTargetSuite<::testing::TestWithParam<BACKEND>> {};
 
 TEST_P(CoreHostTarget, RegistersGoThroughThePluginOfTheDevice) {
   const BACKEND& b = GetParam();

@@ -260,6 +260,12 @@ void CMainWindow::RegisterWindowSlots() {
   SetCommandSlot(AID_TOOLBAR_CLOSE, [this](int Id) { OnToolbarShowClose(Id, false); });
 }
 
+// A window command's failure: the error word, the name given, result -1.
+static void FailWindowCommand(int Id, const QString& sWhat, const QString& sDetail) {
+  SetActionError(Id, sWhat, sDetail);
+  SetActionResult(Id, -1);
+}
+
 void CMainWindow::OnWindowShow(int Id) {
   if (!CheckArgCount(Id)) return;
   const QString sName = GetActionArgs(Id).at(0).trimmed();
@@ -277,11 +283,7 @@ void CMainWindow::OnWindowShow(int Id) {
   } else {
     p = FindWindow(sName, false);
   }
-  if (!p) {
-    SetActionError(Id, QStringLiteral("unknown window"), sName);
-    SetActionResult(Id, -1);
-    return;
-  }
+  if (!p) return FailWindowCommand(Id, QStringLiteral("unknown window"), sName);
   ShowWindow(p);
   SetActionArgs(Id, {p->sName});
   SetActionResult(Id, 0);
@@ -291,11 +293,7 @@ void CMainWindow::OnWindowClose(int Id) {
   if (!CheckArgCount(Id, 0)) return;
   const QStringList Args = GetActionArgs(Id);
   SHELL_WINDOW* p = Args.isEmpty() ? m_pActive : FindWindow(Args.at(0), true);
-  if (!p) {
-    SetActionError(Id, QStringLiteral("unknown window"), Args.value(0));
-    SetActionResult(Id, -1);
-    return;
-  }
+  if (!p) return FailWindowCommand(Id, QStringLiteral("unknown window"), Args.value(0));
   if (Args.isEmpty()) SetActionArgs(Id, {p->sName});
   CloseWindow(p);
   SetActionResult(Id, 0);
@@ -312,23 +310,13 @@ void CMainWindow::OnWindowSetDisplayFormat(int Id) {
   if (!CheckArgCount(Id)) return;
   const QStringList Args = GetActionArgs(Id);
   SHELL_WINDOW* p = FindWindow(Args.at(0), true);
-  if (!p) {
-    SetActionError(Id, QStringLiteral("unknown window"), Args.at(0));
-    SetActionResult(Id, -1);
-    return;
-  }
+  if (!p) return FailWindowCommand(Id, QStringLiteral("unknown window"), Args.at(0));
   int Format = 0;
-  if (!ParseDisplayFormat(Args.at(1), &Format)) {
-    SetActionError(Id, QStringLiteral("invalid parameter"), Args.at(1));
-    SetActionResult(Id, -1);
-    return;
-  }
+  if (!ParseDisplayFormat(Args.at(1), &Format)) return FailWindowCommand(Id, QStringLiteral("invalid parameter"), Args.at(1));
   if (auto* w = qobject_cast<CWindow*>(p->pWindow)) {
     w->SetDisplayFormat(Format);
   } else if (!QMetaObject::invokeMethod(p->pWindow, "SetDisplayFormat", Q_ARG(int, Format))) {
-    SetActionError(Id, QStringLiteral("invalid parameter"), p->sName + QStringLiteral(" has no display format"));
-    SetActionResult(Id, -1);
-    return;
+    return FailWindowCommand(Id, QStringLiteral("invalid parameter"), p->sName + QStringLiteral(" has no display format"));
   }
   SetActionResult(Id, 0);
 }
@@ -337,11 +325,7 @@ void CMainWindow::OnWindowPerform(int Id) {
   if (!CheckArgCount(Id)) return;
   const QStringList Args = GetActionArgs(Id);
   SHELL_WINDOW* p = FindWindow(Args.at(0), true);
-  if (!p) {
-    SetActionError(Id, QStringLiteral("unknown window"), Args.at(0));
-    SetActionResult(Id, -1);
-    return;
-  }
+  if (!p) return FailWindowCommand(Id, QStringLiteral("unknown window"), Args.at(0));
   // The window's generic command takes the id and the further arguments.
   // The arguments stay in the action for the window to read.
   int r = -1;

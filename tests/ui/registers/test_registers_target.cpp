@@ -28,22 +28,8 @@ const char* const kProbeRegs[] = {"R0", "R1", "R2", "R3", "R4",  "R5", "R6", "R7
                                   "R10", "R11", "R12", "SP", "LR", "PC", "XPSR", "MSP", "PSP"};
 constexpr U32 kCount = U32(std::size(kProbeRegs));
 
-class RegisterWindowTarget : public devtest::CBackendBatch {
+class RegisterWindowTarget : public CHeadlessTargetSuite<devtest::CBackendBatch> {
  protected:
-  static void SetUpTestSuite() {
-    NewTestApp<QApplication>();
-    InstallHeadlessDeviceApp();
-  }
-  void TearDown() override {
-    Device()->PostDisconnect();
-    DeviceModule::WaitUntilIdle(10000);
-    Project().Close();
-  }
-  static I64 Run(int Id, const QVariant& a = {}, const QVariant& b = {}) {
-    ExecAction(Id, a, b);
-    WaitForCommand(Id);
-    return GetActionResult(Id);
-  }
   // The probe's values, straight from the back end; failed ones left out.
   static std::map<QString, U64> ProbeValues() {
     U32 aIdx[kCount];
