@@ -75,30 +75,30 @@ class CDebugSession : public QObject, public CDeviceEventListener {
 
  public:
   // ---- device reports
-  void OnDeviceConnectDone(CONNECT_MODES Mode) override { Later([=] { HandleConnectDone(Mode); }); }
+  void OnDeviceConnectDone(CONNECT_MODES Mode) override { Later([=, this] { HandleConnectDone(Mode); }); }
   void OnDeviceConnectFailed(CONNECT_MODES Mode) override;
   void OnDeviceConnectCanceled(CONNECT_MODES Mode) override;
-  void OnDeviceDisconnectDone() override { Later([=] { HandleDisconnectDone(); }); }
-  void OnDeviceConnectionLost() override { Later([=] { HandleConnectionLost(); }); }
+  void OnDeviceDisconnectDone() override { Later([=, this] { HandleDisconnectDone(); }); }
+  void OnDeviceConnectionLost() override { Later([=, this] { HandleConnectionLost(); }); }
   void OnDeviceAboutToResume(RESUME_MODES Mode) override;
   void OnDeviceResumeDone(RESUME_MODES Mode) override;
   void OnDeviceResumeFailed(RESUME_MODES) override { EndWait(); }
-  void OnDeviceResetDone(U32 NewPC, RESET_MODES Mode) override { Later([=] { HandleResetDone(NewPC, Mode); }); }
+  void OnDeviceResetDone(U32 NewPC, RESET_MODES Mode) override { Later([=, this] { HandleResetDone(NewPC, Mode); }); }
   void OnDeviceResetFailed(U32, RESET_MODES) override {
     m_bSessionReset = false;
     EndWait();
   }
-  void OnDeviceHaltDone(U32, HALT_REASONS Reason) override { Later([=] { HandleHaltDone(Reason); }); }
+  void OnDeviceHaltDone(U32, HALT_REASONS Reason) override { Later([=, this] { HandleHaltDone(Reason); }); }
   void OnDeviceHaltFailed() override { EndWait(); }
-  void OnDeviceStepped(U32) override { Later([=] { HandleStepped(); }); }
+  void OnDeviceStepped(U32) override { Later([=, this] { HandleStepped(); }); }
   void OnDeviceStepInstFailed(U32) override { EndWait(); }
   void OnDeviceStepIntoFailed(U32) override { EndWait(); }
   void OnDeviceStepOverFailed(U32) override { EndWait(); }
   void OnDeviceStepOutFailed(U32) override { EndWait(); }
   void OnDeviceRunToSymbolFailed(U32) override { EndWait(); }
-  void OnDeviceEndDownloadDone(const char*, DOWNLOAD_MODES) override { Later([=] { HandleEndDownloadDone(); }); }
+  void OnDeviceEndDownloadDone(const char*, DOWNLOAD_MODES) override { Later([=, this] { HandleEndDownloadDone(); }); }
   void OnDeviceEndDownloadFailed(const char*, DOWNLOAD_MODES, int Code) override {
-    Later([=] { HandleEndDownloadFailed(Code); });
+    Later([=, this] { HandleEndDownloadFailed(Code); });
   }
 
  private:
