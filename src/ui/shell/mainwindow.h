@@ -161,6 +161,8 @@ class CMainWindow : public CWindow {
   void RegisterOwnSlots();
   void RegisterWindowSlots();
   SHELL_WINDOW* CreateWindow(SHELL_WINDOW_KINDS Kind, int Index, QWidget* pWidget);
+  SHELL_WINDOW* AddNumberedWindow(SHELL_WINDOW_KINDS Kind, QList<SHELL_WINDOW*>& List);
+  void RemoveNumberedWindow(QList<SHELL_WINDOW*>& List, SHELL_WINDOW* pEntry);
   void RebuildRecentMenus();
   void SetupMenuViewMemory();
   void UpdateMenuViewMemory();

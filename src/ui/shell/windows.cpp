@@ -170,44 +170,37 @@ void CMainWindow::CreateWindows() {
   AddRegisterWindow();
 }
 
-SHELL_WINDOW* CMainWindow::AddMemoryWindow() {
-  if (!Factory(SWK_MEMORY)) return nullptr;
-  const int Index = FreeIndex(m_MemoryWindows);
-  QWidget* w = Factory(SWK_MEMORY)(this, Index);
+// One more window of a kind that exists in any number, at the lowest free
+// index of its list.
+SHELL_WINDOW* CMainWindow::AddNumberedWindow(SHELL_WINDOW_KINDS Kind, QList<SHELL_WINDOW*>& List) {
+  if (!Factory(Kind)) return nullptr;
+  const int Index = FreeIndex(List);
+  QWidget* w = Factory(Kind)(this, Index);
   if (!w) return nullptr;
-  SHELL_WINDOW* p = CreateWindow(SWK_MEMORY, Index, w);
-  m_MemoryWindows.insert(Index - 1 < m_MemoryWindows.size() ? Index - 1 : m_MemoryWindows.size(), p);
-  if (Index > 1)
+  SHELL_WINDOW* p = CreateWindow(Kind, Index, w);
+  List.insert(Index - 1 < List.size() ? Index - 1 : List.size(), p);
+  return p;
+}
+
+void CMainWindow::RemoveNumberedWindow(QList<SHELL_WINDOW*>& List, SHELL_WINDOW* p) {
+  if (!List.removeOne(p)) return;
+  if (m_pActive == p) m_pActive = nullptr;
+  removeDockWidget(p->pDock);
+  p->pDock->deleteLater();
+  delete p;
+}
+
+SHELL_WINDOW* CMainWindow::AddMemoryWindow() {
+  SHELL_WINDOW* p = AddNumberedWindow(SWK_MEMORY, m_MemoryWindows);
+  if (p && p->Index > 1)
     if (SHELL_WINDOW* pFirst = m_MemoryWindows.first(); pFirst != p && pFirst->IsOpen())
       tabifyDockWidget(pFirst->pDock, p->pDock);
   return p;
 }
 
-SHELL_WINDOW* CMainWindow::AddRegisterWindow() {
-  if (!Factory(SWK_REGISTERS)) return nullptr;
-  const int Index = FreeIndex(m_RegisterWindows);
-  QWidget* w = Factory(SWK_REGISTERS)(this, Index);
-  if (!w) return nullptr;
-  SHELL_WINDOW* p = CreateWindow(SWK_REGISTERS, Index, w);
-  m_RegisterWindows.insert(Index - 1 < m_RegisterWindows.size() ? Index - 1 : m_RegisterWindows.size(), p);
-  return p;
-}
-
-void CMainWindow::RemoveMemoryWindow(SHELL_WINDOW* p) {
-  if (!m_MemoryWindows.removeOne(p)) return;
-  if (m_pActive == p) m_pActive = nullptr;
-  removeDockWidget(p->pDock);
-  p->pDock->deleteLater();
-  delete p;
-}
-
-void CMainWindow::RemoveRegisterWindow(SHELL_WINDOW* p) {
-  if (!m_RegisterWindows.removeOne(p)) return;
-  if (m_pActive == p) m_pActive = nullptr;
-  removeDockWidget(p->pDock);
-  p->pDock->deleteLater();
-  delete p;
-}
+SHELL_WINDOW* CMainWindow::AddRegisterWindow() { return AddNumberedWindow(SWK_REGISTERS, m_RegisterWindows); }
+void CMainWindow::RemoveMemoryWindow(SHELL_WINDOW* p) { RemoveNumberedWindow(m_MemoryWindows, p); }
+void CMainWindow::RemoveRegisterWindow(SHELL_WINDOW* p) { RemoveNumberedWindow(m_RegisterWindows, p); }
 
 QList<SHELL_WINDOW*> CMainWindow::AllWindows() const { return m_Windows + m_MemoryWindows + m_RegisterWindows; }
 
