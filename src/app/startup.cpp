@@ -1,7 +1,7 @@
 #include "app/startup.h"
 
 #include "app/batch.h"
-#include "ui/source/pclineview.h"
+#include "ui/source/sourcewindow.h"
 #include "cmdline/cmdline.h"
 #include "commands/actions.h"
 #include "device/bpmodel.h"
@@ -108,6 +108,10 @@ void InstallShellWindows() {
       St.Halt = c.Halt;
       St.Reset = c.Reset;
       St.Step = c.Step;
+    }
+    if (CSourceWindow* w = CSourceWindow::Instance()) {
+      St.DocumentOpen = w->GetFileCount() > 0;
+      St.DocumentModified = w->ActiveDocument() && w->ActiveDocument()->HasUnsavedChanges;
     }
     St.ConnectMode = int(SysVars::GetValue(VAR_CONNECT_MODE));
     St.ResetMode = int(SysVars::GetValue(VAR_RESET_MODE));
@@ -248,10 +252,41 @@ void InstallModules() {
   // keeps the window open); step 6 of the shut-down closes the project,
   // which writes the user file.
   ShellHooks::AddCloseQuery([] { return ProjectModule::QueryClose(); });
+  // Modified documents are saved or given up by the user; a cancel keeps
+  // the window open.
+  ShellHooks::AddCloseQuery([] {
+    CSourceWindow* w = CSourceWindow::Instance();
+    return !w || w->NotifyUserCloseAll();
+  });
+  SourceCommands::Install();
   ShellHooks::AddShutDownStep(6, [] { Project().Close(); });
   // Step 9 lets go of the core plug-in that a device without a project loaded.
   ShellHooks::AddShutDownStep(9, [] { UnloadCorePlugin(); });
   InstallShellWindows();
+}
+
+// The source viewer's documents in the user file, the project's life and
+// the main window's actions.
+void ConnectSourceWindow(CMainWindow* pMain) {
+  CSourceWindow* w = CSourceWindow::Instance();
+  if (!w) return;
+  QObject::connect(w, &CSourceWindow::DocumentStateChanged, pMain, &CMainWindow::UpdateActions);
+  QObject::connect(w, &CWindow::ContentChanged, pMain, &CMainWindow::UpdateActions);
+  QObject::connect(&Project(), &CProject::Closed, w, [w] {
+    if (w->NotifyUserCloseAll()) w->CloseAll();
+  });
+  static bool s_Registered = false;
+  if (s_Registered) return;
+  s_Registered = true;
+  RegisterUserFileSection({QStringLiteral("OpenDocument"), 4,
+                           [] {
+                             QStringList Lines;
+                             if (CSourceWindow* w = CSourceWindow::Instance()) Lines = w->WriteDocumentLines();
+                             return Lines;
+                           },
+                           [](const QStringList& Lines) {
+                             if (CSourceWindow* w = CSourceWindow::Instance()) w->ReadDocumentLines(Lines);
+                           }});
 }
 
 // The main window and the project learn about each other.
@@ -353,8 +388,10 @@ int RunTavit(int argc, char** argv) {
   InstallModules();
   auto* pMain = new CMainWindow;
   ConnectMainWindow(pMain);
-  // With a window, the file and line of the PC stand in the middle.
-  if (!o.IsBatch) pMain->setCentralWidget(new CPcLineView(pMain));
+  // The source viewer stands in the middle; without a screen it is there
+  // too, so that commands and steps work on the same documents.
+  pMain->setCentralWidget(new CSourceWindow(pMain));
+  ConnectSourceWindow(pMain);
   auto pStartOk = std::make_shared<bool>(true);
   pMain->SetWindowShownHandler([pMain, pStartOk] {
     *pStartOk = OnWindowShown(pMain);

@@ -1,9 +1,17 @@
 // The main window under a real X server: the demo project is opened by the
 // program itself, F5 and F10 twice are real key events delivered to the main
 // window, and the results are read from the windows' models and palettes.
+// Then the source viewer: the PC line against addr2line, F9 and its echo,
+// a line expanded against objdump, and Run to Cursor (Ctrl+F10).
 // Without a display the test starts itself again under xvfb-run; without
 // xvfb-run it is skipped.
 #include "app/startup.h"
+#include "device/device.h"
+#include "testsupport/tools.h"
+#include "ui/source/sidebar.h"
+#include "ui/source/sourceeditor.h"
+#include "ui/source/sourcerows.h"
+#include "ui/source/sourcewindow.h"
 #include "session/debugsession.h"
 #include "session/program.h"
 #include "ui/callstack/callstackwindow.h"
@@ -16,6 +24,7 @@
 #include <QDir>
 #include <QDockWidget>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QStandardPaths>
 #include <QTest>
 #include <cstdio>
@@ -98,6 +107,95 @@ int ChangeColouredRows(QAbstractItemView* v) {
   return n;
 }
 
+int DemoLine(const char* sText) {
+  QFile f(qEnvironmentVariable("TAVIT_SOURCE_DIR") + QStringLiteral("/firmware/sim/demo.c"));
+  if (!f.open(QIODevice::ReadOnly)) return 0;
+  const QList<QByteArray> Lines = f.readAll().split('\n');
+  for (int i = 0; i < Lines.size(); ++i)
+    if (Lines[i].contains(sText)) return i + 1;
+  return 0;
+}
+
+// The source viewer, halted in main.
+void SourceScenario(CMainWindow* pMain, CDebugSession* s) {
+  CSourceWindow* w = CSourceWindow::Instance();
+  Check(w && pMain->centralWidget() == w, "the source viewer is the central window");
+  if (!w) return;
+  CSourceEditor* e = w->GetTextEditor();
+  const QString sElf = qEnvironmentVariable("TAVIT_SOURCE_DIR") + QStringLiteral("/examples/demo/demo.elf");
+  auto LineOfPc = [&] {
+    const U32 PC = CDevice::Instance()->CurrentPC();
+    const std::string Where = RunToolOutput("arm-none-eabi-addr2line -e " + sElf.toStdString() + QStringLiteral(" 0x%1").arg(PC, 0, 16).toStdString());
+    return std::stoi("0" + Where.substr(Where.rfind(':') + 1));
+  };
+  const int PcLine = LineOfPc();
+  Check(PcLine > 0 && int(w->GetPcLoc().line) == PcLine && w->IsPcRow(e->RowOfDocLine(PcLine)),
+        QStringLiteral("the PC line is the halt's line %1 (viewer: %2)").arg(PcLine).arg(w->GetPcLoc().line));
+  Check(w->ActiveDocument() && w->ActiveDocument()->Name() == QLatin1String("demo.c"), "demo.c is the active document");
+
+  // F9 on a line sets a breakpoint: the console shows the statement, the
+  // sidebar the mark; F9 again clears it.
+  const int BpLine = DemoLine("g_Fib = Fibonacci(");
+  w->SelectFileLine(w->ActiveDocument()->FilePath, BpLine, true);
+  QTest::qWait(50);
+  QTest::keyClick(e, Qt::Key_F9);
+  QTest::qWait(300);
+  const int BpRow = e->RowOfDocLine(BpLine);
+  Check(w->GetSideBar()->IconAt(BpRow) == 3, QStringLiteral("the sidebar shows a breakpoint on line %1 (icon %2)").arg(BpLine).arg(w->GetSideBar()->IconAt(BpRow)));
+  const QString sConsole = pMain->ConsoleWindow()->PlainText();
+  Check(sConsole.contains(QStringLiteral("Break.SetOnSrc (\"demo.c:%1\");").arg(BpLine)) ||
+            sConsole.contains(QStringLiteral(":%1\");").arg(BpLine)),
+        "the console echoed Break.SetOnSrc for the line");
+  QTest::keyClick(e, Qt::Key_F9);
+  QTest::qWait(300);
+  Check(w->GetSideBar()->IconAt(BpRow) != 3, "F9 again cleared it");
+
+  // A line expanded lists the instructions objdump lists for its addresses.
+  const int ExpLine = DemoLine("uint32_t s = g_Seconds;");
+  w->SelectFileLine(w->ActiveDocument()->FilePath, ExpLine, true);
+  QTest::keyClick(e, Qt::Key_Plus, Qt::ControlModifier);
+  QTest::qWait(100);
+  if (!e->IsExpanded(ExpLine)) w->SetLineExpanded(ExpLine, true);  // a keyboard without the key
+  const int Row = e->RowOfDocLine(ExpLine);
+  QList<U32> Addrs;
+  QStringList Texts;
+  for (int r = Row + 1; r < e->RowCount() && e->RowKind(r) == 0; ++r) Addrs << U32(e->RowAddr(r)), Texts << CSourceRowsModel::RowText(e, r);
+  // objdump -dl marks each group of instructions with its file and line.
+  QList<U32> RefAddrs;
+  QStringList RefMnemonics;
+  {
+    const QString sDump = QString::fromStdString(RunToolOutput("arm-none-eabi-objdump -dl " + sElf.toStdString()));
+    const QRegularExpression Marker(QStringLiteral(R"(^\S*demo\.c:(\d+))")), Other(QStringLiteral(R"(^\S+:\d+( \(discriminator \d+\))?$)"));
+    const QRegularExpression Inst(QStringLiteral(R"(^\s+([0-9a-f]+):\s+[0-9a-f]{4}(?: [0-9a-f]{4})?\s+(\S+))"));
+    bool In = false;
+    for (const QString& l : sDump.split('\n')) {
+      if (const auto m = Marker.match(l); m.hasMatch()) In = m.captured(1).toInt() == ExpLine;
+      else if (Other.match(l).hasMatch()) In = false;
+      else if (const auto i = Inst.match(l); In && i.hasMatch()) RefAddrs << i.captured(1).toUInt(nullptr, 16), RefMnemonics << i.captured(2);
+    }
+  }
+  bool Same = !Addrs.isEmpty() && Addrs == RefAddrs;
+  QString sWhy;
+  for (int i = 0; Same && i < Addrs.size(); ++i)
+    if (!Texts[i].contains(RefMnemonics[i], Qt::CaseInsensitive)) Same = false, sWhy = Texts[i] + " / " + RefMnemonics[i];
+  if (Addrs != RefAddrs) sWhy = QStringLiteral("%1 rows, objdump %2").arg(Addrs.size()).arg(RefAddrs.size());
+  Check(Same, QStringLiteral("the %1 instruction rows of line %2 match objdump %3").arg(Addrs.size()).arg(ExpLine).arg(sWhy));
+  QTest::qWait(200);
+  const QString sShot = Artefacts() + QStringLiteral("/ui_source_gui_screen.png");
+  QProcess::execute(QStringLiteral("import"), {QStringLiteral("-window"), QStringLiteral("root"), sShot});
+  Check(QFile::exists(sShot), "screenshot of the source viewer: " + sShot);
+  w->CollapseAll();
+
+  // Run to Cursor on a line of the loop stops there.
+  w->SelectFileLine(w->ActiveDocument()->FilePath, ExpLine, true);
+  const U64 Halts = s->HaltCount();
+  QTest::keyClick(e, Qt::Key_F10, Qt::ControlModifier);
+  Check(WaitHalted(s, Halts), "Ctrl+F10 ran and halted");
+  QTest::qWait(200);
+  Check(LineOfPc() == ExpLine && int(w->GetPcLoc().line) == ExpLine,
+        QStringLiteral("Run to Cursor stopped on line %1 (PC line %2)").arg(ExpLine).arg(LineOfPc()));
+}
+
 void Scenario(CMainWindow* pMain) {
   pMain->raise();
   pMain->activateWindow();
@@ -132,6 +230,8 @@ void Scenario(CMainWindow* pMain) {
   } else {
     std::printf("NOTE: no window \"Registers 1\"; its change colours are not checked\n");
   }
+
+  SourceScenario(pMain, s);
 
   // The pictures: the whole screen, and the main window alone.
   QTest::qWait(200);

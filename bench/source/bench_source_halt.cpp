@@ -1,0 +1,106 @@
+// From a stop to the PC's line on screen in the source viewer, on the
+// simulator and on the emulator behind its GDB server: the time from the step
+// report to the repainted editor with the PC row marked (the line's file
+// already open), medians over instruction steps.
+// Usage: bench_source_halt [STEPS]   (default 200)
+#include <gtest/gtest.h>  // the shared target helpers use its parameter type
+
+#include "../../tests/device/target_support.h"
+#include "commands/actions.h"
+#include "device/device.h"
+#include "device/headless_app.h"
+#include "elf/dwarf/debuginfo.h"
+#include "elf/elfapi.h"
+#include "ui/source/sourceeditor.h"
+#include "ui/source/sourcewindow.h"
+
+#include <QApplication>
+#include <QElapsedTimer>
+#include <algorithm>
+#include <cstdio>
+
+namespace {
+
+// Stamps the step report before any window sees it (listeners are called in
+// the order they were made).
+struct STEP_CLOCK : CDeviceEventListener {
+  QElapsedTimer t;
+  int n = 0;
+  U32 PC = 0;
+  void OnDeviceStepped(U32 NewPC) override {
+    t.start();
+    PC = NewPC;
+    ++n;
+  }
+};
+
+I64 Run(int Id, const QVariant& a = {}) {
+  ExecAction(Id, a);
+  WaitForCommand(Id);
+  return GetActionResult(Id);
+}
+
+double Median(std::vector<double> v) {
+  if (v.empty()) return 0;
+  std::sort(v.begin(), v.end());
+  return v[v.size() / 2];
+}
+
+bool WaitFor(const std::function<bool()>& Done, int Ms = 5000) {
+  QElapsedTimer t;
+  t.start();
+  while (!Done() && t.elapsed() < Ms) QCoreApplication::processEvents(QEventLoop::AllEvents, 1);
+  return Done();
+}
+
+void Measure(const devtest::BACKEND& b, int Steps) {
+  if (QString(b.sHostIF) == "IP" && !devtest::CTargetRig::HaveQemu()) {
+    printf("%s: no qemu-system-arm\n", b.sName);
+    return;
+  }
+  devtest::CTargetRig Rig(b);
+  STEP_CLOCK Clock;
+  const QString sElf = devtest::SourcePath(b.sFirmware);
+  CElfApi::Instance().Load(sElf);
+  ExecAction(AID_PROJECT_SET_DEVICE, b.sDevice);
+  ExecAction(AID_PROJECT_SET_HOST_IF, b.sHostIF, Rig.Ident());
+  ExecAction(AID_PROJECT_SET_TARGET_IF, "SWD");
+  if (Run(AID_EXEC_CONNECT) != 0 || Run(AID_EXEC_DOWNLOAD, sElf) != 0 || Run(AID_EXEC_RESET) != 0) {
+    printf("%s: could not connect and download\n", b.sName);
+    return;
+  }
+  CSourceWindow w;
+  w.resize(1000, 800);
+  w.show();
+  w.Update(Device()->CurrentPC());
+  std::vector<double> WithLine, All;
+  for (int i = 0; i < Steps; ++i) {
+    const int Before = Clock.n;
+    Device()->PostStepInst();
+    if (!WaitFor([&] { return Clock.n > Before && w.GetTextEditor()->RowCount() >= 0 && w.HasPC(); })) break;
+    // The window updated itself in the report; the repaint puts it on screen.
+    WaitFor([&] { return Clock.n > Before; });
+    QCoreApplication::processEvents();
+    w.GetTextEditor()->viewport()->repaint();
+    const double Ms = Clock.t.nsecsElapsed() / 1e6;
+    All.push_back(Ms);
+    if (!w.GetPcLoc().IsNull()) WithLine.push_back(Ms);
+  }
+  printf("%-5s stop to PC line painted: %.2f ms median over %zu stops with a source line (%.2f ms over all %zu stops)\n",
+         b.sName, Median(WithLine), WithLine.size(), Median(All), All.size());
+  Device()->PostDisconnect();
+  DeviceModule::WaitUntilIdle(10000);
+  CElfApi::Instance().Close();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  qputenv("QT_QPA_PLATFORM", "offscreen");
+  QApplication App(argc, argv);
+  const int Steps = argc > 1 ? std::max(1, atoi(argv[1])) : 200;
+  DWARF_Install();
+  InstallHeadlessDeviceApp();
+  for (const devtest::BACKEND& b : {devtest::kSim, devtest::kQemu}) Measure(b, Steps);
+  return 0;
+}
