@@ -9,6 +9,7 @@
 #include "log/log.h"
 #include "ui/source/sourcewindow.h"
 
+#include <QDir>
 #include <QFileInfo>
 #include <QMutexLocker>
 

@@ -78,6 +78,9 @@ U32 DebugFileNoOf(const QString& sPath, QString* pDebugPath) {
   return 0;
 }
 
+// Seconds a source may be newer than its program and still match it.
+constexpr int kOutOfDateSlackS = 60;
+
 }  // namespace
 
 QString CSourceFile::Name() const { return FilePaths::FileName(FilePath.isEmpty() ? DebugPath : FilePath); }
@@ -112,6 +115,8 @@ void CSourceDocuments::Number(CSourceFile& d) {
   QString sDebug;
   U32 No = DebugFileNoOf(d.DebugPath, &sDebug);
   if (!No && d.FilePath != d.DebugPath) No = DebugFileNoOf(d.FilePath, &sDebug);
+  const bool Was = d.InProgram;
+  d.InProgram = No != 0;
   if (No) {
     d.DebugPath = sDebug;
     d.FileNo = No;
@@ -122,9 +127,14 @@ void CSourceDocuments::Number(CSourceFile& d) {
     d.LastAddr = r.size ? U32(r.End() - 1) : r.start;
     // A source newer than the program may no longer match it.
     const QFileInfo Prog(Elf.GetFilePath());
-    d.ModifiedOnDisk = Prog.exists() && QFileInfo(d.FilePath).lastModified() > Prog.lastModified();
-  } else if (d.FileNo == 0 || d.FileNo < kFirstOwnFileNo) {
-    d.FileNo = m_NextOwn++;
+    // A checkout writes sources and programs within moments of each other,
+    // in any order: only a source clearly newer than the program counts.
+    d.ModifiedOnDisk = Prog.exists() && QFileInfo(d.FilePath).lastModified() > Prog.lastModified().addSecs(kOutOfDateSlackS);
+  } else if (d.FileNo == 0 || Was) {
+    // A file outside the program gets a number no other document has.
+    U32 Own = U32(qHash(d.FilePath.isEmpty() ? d.DebugPath : d.FilePath)) | 1u;
+    while (Own == 0 || m_Docs.count(Own)) ++Own;
+    d.FileNo = Own;
     d.FirstAddr = d.LastAddr = 0;
   }
 }
@@ -254,7 +264,7 @@ void CSourceDocuments::Renumber() {
   std::map<U32, std::unique_ptr<CSourceFile>> Old;
   Old.swap(m_Docs);
   for (auto& [No, p] : Old) {
-    if (p->FileNo < kFirstOwnFileNo) p->DebugPath = p->FilePath.isEmpty() ? p->DebugPath : p->FilePath;
+    if (p->InProgram) p->DebugPath = p->FilePath.isEmpty() ? p->DebugPath : p->FilePath;
     Number(*p);
     m_Docs[p->FileNo] = std::move(p);
   }

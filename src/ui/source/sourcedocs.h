@@ -17,6 +17,7 @@
 
 struct CSourceFile {
   U32 FileNo = 0;
+  bool InProgram = false;  // FileNo is the program's number of the file
   QString FilePath;    // absolute path of the file read
   QString DebugPath;   // the path as the debug information names it (or as given)
   bool Exists = false;
@@ -38,9 +39,6 @@ enum SRC_EOL_FORMAT { SRC_EOL_KEEP = 0, SRC_EOL_LF = 1, SRC_EOL_CRLF = 2 };
 
 class CSourceDocuments {
  public:
-  // The numbers of documents outside the debug information start here.
-  static constexpr U32 kFirstOwnFileNo = 0x80000000u;
-
   // Loads a document (or finds the loaded one). Paths that do not exist are
   // resolved through the file finder; a file that cannot be found still gets
   // a document, with Exists false. Null for an empty path.
@@ -79,5 +77,4 @@ class CSourceDocuments {
   void ReadFile(CSourceFile& d);
   void Number(CSourceFile& d);
   std::map<U32, std::unique_ptr<CSourceFile>> m_Docs;
-  U32 m_NextOwn = kFirstOwnFileNo;
 };

@@ -9,7 +9,7 @@ int CSourceRowsModel::rowCount(const QModelIndex& Parent) const {
 }
 
 QString CSourceRowsModel::RowText(CSourceEditor* e, int Row) {
-  const CSourceRow* r = e->RowAt(Row, false);
+  const CSourceRow* r = e->RowData(Row, false);
   if (!r) return QString();
   return r->Kind == 1 ? e->DocLineText(int(r->DocLine)) : r->Text;
 }

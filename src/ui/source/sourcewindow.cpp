@@ -557,7 +557,7 @@ void CSourceWindow::RefreshRowAddrs() {
   CSourceFile* d = ActiveDocument();
   if (!d || !d->Exists || m_pEditor->FileNo() != d->FileNo) return;
   CTables T;
-  const bool Program = T.Loaded() && d->FileNo < CSourceDocuments::kFirstOwnFileNo;
+  const bool Program = T.Loaded() && d->InProgram;
   for (int r = 0; r < m_pEditor->RowCount(); ++r) {
     if (m_pEditor->RowKind(r) != 1) continue;
     I64 Addr = -1;
@@ -608,7 +608,7 @@ bool CSourceWindow::IsPcRow(int Row) const {
 
 QList<QPair<U64, QString>> CSourceWindow::LineInstructions(int DocLine) const {
   QList<QPair<U64, QString>> Out;
-  if (!m_HasActive || m_ActiveFileNo >= CSourceDocuments::kFirstOwnFileNo) return Out;
+  if (!ActiveDocument() || !ActiveDocument()->InProgram) return Out;
   QList<U32> Addrs;
   {
     CTables T;
@@ -713,10 +713,12 @@ void CSourceWindow::InitHeaderBar(U32 FileNo) {
   m_ScopeFuncs.clear();
   m_pScope->addItem(QStringLiteral("File Scope"));
   QList<QPair<int, ELF_SYM_HANDLE>> Funcs;
-  if (FileNo < CSourceDocuments::kFirstOwnFileNo) {
+  if (CSourceFile* d = m_Docs.Get(FileNo); d && d->InProgram) {
     CTables T;
     if (T.Loaded()) {
-      for (ELF_SYM_HANDLE h : T.t().GetFileFunctions(FileNo)) {
+      // The functions declared in the file (an address range says less: a
+      // header's inline functions spread its range over other files' code).
+      for (ELF_SYM_HANDLE h : T.t().GetFunctionList()) {
         const CSrcLoc Loc = DWARF_GetSymbolLoc(T.t(), h);
         if (Loc.file == FileNo && Loc.line) Funcs.append({int(Loc.line), h});
       }
@@ -725,7 +727,7 @@ void CSourceWindow::InitHeaderBar(U32 FileNo) {
   std::sort(Funcs.begin(), Funcs.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
   const QIcon Icon(QStringLiteral(":/Resources/document-text.png"));
   for (const auto& [Line, h] : Funcs) {
-    m_pScope->addItem(Icon, QString::fromUtf8(ELF_GetSymbolName(h)), Line);
+    m_pScope->addItem(Icon, QString::fromLatin1(ELF_GetName(h)), Line);
     m_ScopeFuncs << h;
   }
   m_pHeader->setVisible(!Funcs.isEmpty() || m_HeaderLocked);
@@ -757,7 +759,7 @@ void CSourceWindow::OnCursorPositionChanged(QPoint TextPos) {
   if (Best > 0 && m_HasActive) {
     CTables T;
     const FUNC_SRC_RANGE r = DWARF_GetFuncSrcRange(T.t(), m_ScopeFuncs.value(Best - 1));
-    if (r.lastLine && U32(TextPos.y()) > r.lastLine) Best = -1;
+    if (r.bottom.line && r.bottom.file == m_ActiveFileNo && U32(TextPos.y()) > r.bottom.line) Best = -1;
   }
   const int Out = m_pScope->findText(QStringLiteral("<outofscope>"));
   if (Best < 0) {
@@ -911,7 +913,7 @@ QString CSourceWindow::GetDocText(const QString& sFilePathOrName) {
 
 QString CSourceWindow::CursorLocationText() const {
   CSourceFile* d = ActiveDocument();
-  if (!d || !d->Exists || d->FileNo >= CSourceDocuments::kFirstOwnFileNo) return QString();
+  if (!d || !d->Exists || !d->InProgram) return QString();
   return CBreakpointsDataModel::Instance().Prog().LocText(CSrcLoc(d->FileNo, U32(GetCursorTextPos().y())));
 }
 

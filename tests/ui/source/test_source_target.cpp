@@ -28,7 +28,7 @@ QList<QList<SOURCE_ROW>> Exports(const QString& sOut) {
   QList<SOURCE_ROW>* pCur = nullptr;
   for (const QString& l : sOut.split('\n')) {
     if (l.startsWith("Line\tAddress\tMark\tText")) {
-      All.append({});
+      All.append(QList<SOURCE_ROW>());
       pCur = &All.last();
       continue;
     }
