@@ -77,9 +77,8 @@ void Measure(const devtest::BACKEND& b, int Steps) {
   for (int i = 0; i < Steps; ++i) {
     const int Before = Clock.n;
     Device()->PostStepInst();
-    if (!WaitFor([&] { return Clock.n > Before && w.GetTextEditor()->RowCount() >= 0 && w.HasPC(); })) break;
+    if (!WaitFor([&] { return Clock.n > Before && w.HasPC(); })) break;
     // The window updated itself in the report; the repaint puts it on screen.
-    WaitFor([&] { return Clock.n > Before; });
     QCoreApplication::processEvents();
     w.GetTextEditor()->viewport()->repaint();
     const double Ms = Clock.t.nsecsElapsed() / 1e6;
