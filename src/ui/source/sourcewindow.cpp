@@ -28,6 +28,7 @@
 #include <QRegularExpression>
 #include <QTimer>
 #include <QHBoxLayout>
+#include <QInputDialog>
 #include <QLabel>
 #include <QMenu>
 #include <QMutexLocker>
@@ -186,6 +187,15 @@ void CSourceWindow::CreateActions() {
   Make("actionSrcExpandAllLines", QStringLiteral("Expand All Lines"), [this] { ExpandAll(); });
   Make("actionSrcCollapseAllLines", QStringLiteral("Collapse All Lines"), [this] { CollapseAll(); });
   Make("actionSrcViewPC", QStringLiteral("View PC"), [this] { ViewPC(); });
+  // Go to line: asks for the number, then runs View.Line so that the
+  // console shows it.
+  Make("actionSrcViewLine", QStringLiteral("Go To Line..."), [this] {
+    if (!ActiveDocument()) return;
+    bool Ok = false;
+    const int Line = QInputDialog::getInt(this, QStringLiteral("Go To Line"), QStringLiteral("Line:"), GetCursorTextPos().y(), 1,
+                                          qMax(1, m_pEditor->DocLineCount()), 1, &Ok);
+    if (Ok) RunLogged(AID_VIEW_LINE, {QString::number(Line)});
+  });
   Make("actionSrcFindNext", QStringLiteral("Find Next"), [this] { FindText(GetSelectedTextOrWordUnderCursor(), true); });
   Make("actionSrcFindPrev", QStringLiteral("Find Previous"), [this] { FindText(GetSelectedTextOrWordUnderCursor(), false); });
   Make("actionSrcShowNextDocument", QStringLiteral("Next Document"), [this] {

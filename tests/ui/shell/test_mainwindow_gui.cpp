@@ -27,6 +27,7 @@
 #include <QRegularExpression>
 #include <QStandardPaths>
 #include <QTest>
+#include <QToolTip>
 #include <cstdio>
 
 namespace {
@@ -132,6 +133,11 @@ void SourceScenario(CMainWindow* pMain, CDebugSession* s) {
   Check(PcLine > 0 && int(w->GetPcLoc().line) == PcLine && w->IsPcRow(e->RowOfDocLine(PcLine)),
         QStringLiteral("the PC line is the halt's line %1 (viewer: %2)").arg(PcLine).arg(w->GetPcLoc().line));
   Check(w->ActiveDocument() && w->ActiveDocument()->Name() == QLatin1String("demo.c"), "demo.c is the active document");
+
+  // The tool tip of a word: the variable's value.
+  emit e->SymbolTooltipRequest(e->mapToGlobal(QPoint(40, 40)), QStringLiteral("g_Seconds"));
+  QTest::qWait(100);
+  Check(QToolTip::text().startsWith(QLatin1String("g_Seconds = ")), "the tool tip shows the value: " + QToolTip::text());
 
   // F9 on a line sets a breakpoint: the console shows the statement, the
   // sidebar the mark; F9 again clears it.
