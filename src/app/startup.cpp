@@ -75,7 +75,11 @@ namespace {
 // status bar follow.
 void InstallShellWindows() {
   ShellWindows::SetFactory(SWK_CALL_STACK, [](QWidget* pParent, int) -> QWidget* {
-    return new CCallStackWindow(new CCallStackDataModel(&CCallStack::Instance()), pParent);
+    auto* w = new CCallStackWindow(new CCallStackDataModel(&CCallStack::Instance()), pParent);
+    // A chosen frame shows its line in the source viewer.
+    if (CSourceWindow* pSource = CSourceWindow::Instance())
+      QObject::connect(w, &CWindow::CallSiteSelected, pSource, &CSourceWindow::OnCallSiteSelected, Qt::UniqueConnection);
+    return w;
   });
   ShellWindows::SetFactory(SWK_BREAKPOINTS, [](QWidget* pParent, int) -> QWidget* {
     auto* w = new CBreakpointWindow(&CBreakpointsDataModel::Instance(), pParent);
@@ -271,6 +275,10 @@ void ConnectSourceWindow(CMainWindow* pMain) {
   CSourceWindow* w = CSourceWindow::Instance();
   if (!w) return;
   QObject::connect(w, &CSourceWindow::DocumentStateChanged, pMain, &CMainWindow::UpdateActions);
+  // The windows made before the viewer: a frame chosen in the call stack
+  // shows its line.
+  for (CWindow* p : CWindow::AllWindows())
+    if (p != w) QObject::connect(p, &CWindow::CallSiteSelected, w, &CSourceWindow::OnCallSiteSelected, Qt::UniqueConnection);
   QObject::connect(w, &CWindow::ContentChanged, pMain, &CMainWindow::UpdateActions);
   QObject::connect(&Project(), &CProject::Closed, w, [w] {
     if (w->NotifyUserCloseAll()) w->CloseAll();

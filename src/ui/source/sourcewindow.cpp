@@ -635,6 +635,7 @@ QList<QPair<U64, QString>> CSourceWindow::LineInstructions(int DocLine) const {
 }
 
 void CSourceWindow::Update(U32 NewPC) {
+  m_pEditor->SetBacktraceMode(false);
   m_PC = NewPC;
   m_HasPC = true;
   {
@@ -1009,6 +1010,14 @@ void CSourceWindow::UpdateCursorActions() {
   }
   if (QAction* a = findChild<QAction*>(QStringLiteral("actionBPSet"))) a->setEnabled(HasCode && !HasBp), a->setVisible(!HasBp);
   if (QAction* a = findChild<QAction*>(QStringLiteral("actionBPClear"))) a->setEnabled(HasBp), a->setVisible(HasBp);
+}
+
+void CSourceWindow::OnCallSiteSelected(int Frame) {
+  CCallStack* s = CCallStack::InstanceIfCreated();
+  if (!s || !m_HasPC) return;
+  const CSrcLoc Loc = s->FrameSrcLoc(Frame);
+  if (Loc.IsNull() || !SelectLocation(Loc, false)) return;
+  m_pEditor->SetBacktraceMode(Frame > 0);
 }
 
 void CSourceWindow::RunToCursor() {

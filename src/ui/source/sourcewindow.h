@@ -123,6 +123,9 @@ class CSourceWindow : public CWindow {
   // Instructions of a line, as the expansion lists them.
   QList<QPair<U64, QString>> LineInstructions(int DocLine) const;
 
+  // A frame chosen in the call stack: its line comes into view, the cursor
+  // row in the backtrace colour for a caller's frame.
+  void OnCallSiteSelected(int Frame);
   // ---- the cursor actions
   void RunToCursor();
   void SetNextStatement();
