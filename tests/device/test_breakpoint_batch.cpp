@@ -158,7 +158,7 @@ TEST_P(BreakpointBatch, BreakpointsSurviveCloseAndReopenThroughTheUserFile) {
   // Reopened: the same records come back, and the breakpoint stands again.
   QFile u(sUser);
   ASSERT_TRUE(u.open(QIODevice::Append));
-  u.write("\nBreakpoint=0x100, State=BP_STATE_ON, broken\nOpenDocument=keep.c\n");
+  u.write("\nBreakpoint=0x100, State=BP_STATE_ON, broken\nGraphedExpression=\"keep\"\n");
   u.close();
   r = Run({QStringLiteral("Break.SetOnSrc(\"%1\")").arg(Main.sLoc)}, {sProj});
   SCOPED_TRACE(r.Out.toStdString());
@@ -167,7 +167,7 @@ TEST_P(BreakpointBatch, BreakpointsSurviveCloseAndReopenThroughTheUserFile) {
   const QString Second = QString::fromUtf8(devtest::ReadFileText(sUser));
   for (const QString& l : First.split('\n', Qt::SkipEmptyParts)) EXPECT_TRUE(Second.contains(l)) << l.toStdString();
   EXPECT_TRUE(Second.contains("Breakpoint=0x00000100, State=BP_STATE_ON")) << "the fields around a bad one load";
-  EXPECT_TRUE(Second.contains("OpenDocument=keep.c")) << "records of others stay";
+  EXPECT_TRUE(Second.contains("GraphedExpression=\"keep\"")) << "records of others stay";
 }
 
 INSTANTIATE_TEST_SUITE_P(Backends, BreakpointBatch, ::testing::Values(devtest::kSim, devtest::kQemu), devtest::PrintBackend);
