@@ -1042,8 +1042,13 @@ void CSourceEditor::PaintRow(QPainter& p, int Row, int Y) {
   p.setFont(r.Kind ? m_Font : m_AsmFont);
   const QColor TextColor = palette().color(QPalette::Text);
   const int Base = Y + m_Ascent;
+  // Only the characters that can be seen are drawn, however long the line.
+  const int VisFrom = std::max(0, int(std::upper_bound(Xs.begin(), Xs.end(), -X0) - Xs.begin()) - 2);
+  const int VisTo = std::min(int(Raw.size()), int(std::upper_bound(Xs.begin(), Xs.end(), W - X0) - Xs.begin()) + 1);
   auto draw = [&](int From, int To, const QColor& c) {
-    if (To <= From || X0 + Xs[To] < 0 || X0 + Xs[From] > W) return;  // only what can be seen
+    From = std::max(From, VisFrom);
+    To = std::min(To, VisTo);
+    if (To <= From) return;
     p.setPen(c);
     p.drawText(X0 + Xs[From], Base, HasTabs ? Shown.mid(Vis[From], Vis[To] - Vis[From]) : Raw.mid(From, To - From).toString());
   };

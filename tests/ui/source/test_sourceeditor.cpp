@@ -101,7 +101,7 @@ TEST_F(SourceEditor, RandomEditingMatchesAPlainModel) {
   const int Keys[] = {Qt::Key_Left, Qt::Key_Right, Qt::Key_Up, Qt::Key_Down, Qt::Key_Home, Qt::Key_End, Qt::Key_Backspace,
                       Qt::Key_Delete, Qt::Key_Return, Qt::Key_Tab, Qt::Key_PageDown, Qt::Key_PageUp};
   const QString Typed = QStringLiteral("ab\"*/<>#;_ 9'");
-  for (int Round = 0; Round < 6; ++Round) {
+  for (int Round = 0; Round < 16; ++Round) {
     Editor.LoadDocument(Original, QStringLiteral("/x/m.cpp"), 9);
     QString Model = Original;
     QSignalSpy Edited(&Editor, &CSourceEditor::DocumentEdited);
