@@ -396,7 +396,7 @@ void CSourceEditor::MoveCursor(QPoint TextPos, bool KeepAnchor) {
 }
 
 void CSourceEditor::SetCursorTextPos(QPoint TextPos) {
-  m_PreferredVisualCol = -1;
+  m_PreferredX = -1;
   MoveCursor(TextPos, false);
 }
 
@@ -404,7 +404,7 @@ void CSourceEditor::SelectText(QPoint TextPos, int Len) {
   const int Start = OffsetOf(TextPos);
   m_Anchor = ClampPos(TextPos);
   MoveCursor(PosOfOffset(std::clamp(Start + Len, 0, int(m_Text.size()))), true);
-  m_PreferredVisualCol = -1;
+  m_PreferredX = -1;
 }
 
 QString CSourceEditor::SelectedText() const {
@@ -451,6 +451,13 @@ void CSourceEditor::UpdateMetrics() {
   m_Ascent = std::max(fm.ascent(), am.ascent());
   m_CharWidth = std::max(1, fm.horizontalAdvance(QLatin1Char('M')));
   m_AsmCharWidth = std::max(1, am.horizontalAdvance(QLatin1Char('M')));
+  // Some fonts claim a fixed pitch and are none: compare the advances.
+  const QFontMetricsF ff(m_Font), af(m_AsmFont);
+  m_CharWidthF = ff.horizontalAdvance(u'M');
+  m_AsmCharWidthF = af.horizontalAdvance(u'M');
+  m_FixedPitch = qFuzzyCompare(ff.horizontalAdvance(u'i'), m_CharWidthF) && qFuzzyCompare(ff.horizontalAdvance(u' '), m_CharWidthF);
+  m_AsmFixedPitch =
+      qFuzzyCompare(af.horizontalAdvance(u'i'), m_AsmCharWidthF) && qFuzzyCompare(af.horizontalAdvance(u' '), m_AsmCharWidthF);
   UpdateScrollBars();
 }
 
@@ -507,7 +514,7 @@ void CSourceEditor::EnsureCursorVisible() {
   EnsureTextLineVisible(m_Cursor.y(), false);
   const int r = RowOfDocLine(m_Cursor.y());
   if (r < 0) return;
-  const int v = VisualCol(m_Rows[size_t(r)], m_Cursor.x());
+  const int v = XOfCol(m_Rows[size_t(r)], m_Cursor.x()) / m_CharWidth;
   const int Cols = std::max(1, viewport()->width() / m_CharWidth);
   if (v < ScrollCol()) SetScrollCol(v);
   else if (v >= ScrollCol() + Cols) SetScrollCol(v - Cols + 1);
@@ -525,28 +532,53 @@ void CSourceEditor::scrollContentsBy(int, int) {
 }
 
 // ---------------------------------------------------------------------------
-// Columns: tabs advance to the next multiple of the tab spacing (0 hides them).
+// Columns: tabs advance to the next multiple of the tab spacing (0 hides
+// them). A fixed-pitch font puts every character on a grid; any other font
+// is measured character by character.
 
-int CSourceEditor::VisualCol(const CSourceRow& Row, int Col) const {
-  if (Row.Kind == 0) return Col;
-  const QChar* p = m_Text.constData() + Row.TextPos;
-  int v = 0;
-  for (int i = 0; i < std::min(Col, Row.TextLen); ++i)
-    v = p[i] == u'\t' ? (m_TabSpacing ? (v / m_TabSpacing + 1) * m_TabSpacing : v) : v + 1;
-  return v;
+QStringView CSourceEditor::RowText(const CSourceRow& Row) const {
+  return Row.Kind ? QStringView(m_Text).mid(Row.TextPos, Row.TextLen) : QStringView(Row.Text);
 }
 
-int CSourceEditor::ColOfVisual(const CSourceRow& Row, int Visual) const {
-  const int Len = Row.Kind == 0 ? int(Row.Text.size()) : Row.TextLen;
-  if (Row.Kind == 0) return std::clamp(Visual, 0, Len);
-  const QChar* p = m_Text.constData() + Row.TextPos;
+void CSourceEditor::ColumnXs(const CSourceRow& Row, QVector<int>& Xs, QString* pShown) const {
+  // Advances are fractional: positions are summed as reals and rounded, so
+  // that each piece of a row is drawn where the glyphs before it end.
+  const QStringView Raw = RowText(Row);
+  const bool Fixed = Row.Kind ? m_FixedPitch : m_AsmFixedPitch;
+  const qreal Cw = Row.Kind ? m_CharWidthF : m_AsmCharWidthF;
+  const QFontMetricsF Fm(Row.Kind ? m_Font : m_AsmFont);
+  const qreal Space = Fixed ? Cw : Fm.horizontalAdvance(u' ');
+  Xs.resize(Raw.size() + 1);
   int v = 0;
-  for (int i = 0; i < Len; ++i) {
-    const int Next = p[i] == u'\t' ? (m_TabSpacing ? (v / m_TabSpacing + 1) * m_TabSpacing : v) : v + 1;
-    if (Visual < (v + Next + 1) / 2) return i;  // nearer to the left edge of this character
-    v = Next;
+  qreal x = 0;
+  for (qsizetype i = 0; i < Raw.size(); ++i) {
+    Xs[i] = qRound(x);
+    if (Raw[i] == u'\t') {
+      const int Next = m_TabSpacing ? (v / m_TabSpacing + 1) * m_TabSpacing : v;
+      x += (Next - v) * Space;
+      if (pShown) pShown->append(QString(Next - v, u' '));
+      v = Next;
+    } else {
+      x += Fixed ? Cw : Fm.horizontalAdvance(Raw[i]);
+      if (pShown) pShown->append(Raw[i]);
+      ++v;
+    }
   }
-  return Len;
+  Xs[Raw.size()] = qRound(x);
+}
+
+int CSourceEditor::XOfCol(const CSourceRow& Row, int Col) const {
+  QVector<int> Xs;
+  ColumnXs(Row, Xs, nullptr);
+  return Xs[std::clamp(Col, 0, int(Xs.size()) - 1)];
+}
+
+int CSourceEditor::ColAtX(const CSourceRow& Row, int X) const {
+  QVector<int> Xs;
+  ColumnXs(Row, Xs, nullptr);
+  for (int i = 0; i + 1 < Xs.size(); ++i)
+    if (X < (Xs[i] + Xs[i + 1] + 1) / 2) return i;  // nearer to the left edge of this character
+  return int(Xs.size()) - 1;
 }
 
 int CSourceEditor::RowIndent(const CSourceRow& Row) const {
@@ -562,8 +594,7 @@ QPoint CSourceEditor::TextPosAt(QPoint EditorPos) const {
   }
   const CSourceRow& Row = m_Rows[size_t(r)];
   if (Row.Kind == 0) return QPoint(0, int(Row.DocLine));
-  const int Visual = (EditorPos.x() + ScrollCol() * m_CharWidth + m_CharWidth / 2) / m_CharWidth;
-  return QPoint(ColOfVisual(Row, std::max(0, Visual)), int(Row.DocLine));
+  return QPoint(ColAtX(Row, EditorPos.x() + ScrollCol() * m_CharWidth - RowIndent(Row)), int(Row.DocLine));
 }
 
 // ---------------------------------------------------------------------------
@@ -645,7 +676,7 @@ void CSourceEditor::Edit(int Offset, int RemoveLen, const QString& Inserted, boo
     m_Redo.clear();
   }
   m_Anchor = m_Cursor = PosOfOffset(Offset + int(Inserted.size()));
-  m_PreferredVisualCol = -1;
+  m_PreferredX = -1;
   const bool Modified = int(m_Undo.size()) != m_SavedUndoDepth;
   emit DocumentEdited(Ev);
   if (Modified != m_Modified) {
@@ -714,10 +745,11 @@ bool CSourceEditor::OnKeyPressed(QKeyEvent* e) {
   if (m_LineToRow.empty()) return false;
   if (OnKeyPressedViewMode(e)) return true;
   const bool Ctrl = e->modifiers() & Qt::ControlModifier;
+  const bool Alt = e->modifiers() & Qt::AltModifier;
   const int k = e->key();
   const bool TextKey = k == Qt::Key_Backspace || k == Qt::Key_Delete || k == Qt::Key_Return || k == Qt::Key_Enter ||
                        k == Qt::Key_Tab || (Ctrl && (k == Qt::Key_V || k == Qt::Key_X || k == Qt::Key_Z || k == Qt::Key_Y)) ||
-                       (!Ctrl && !e->text().isEmpty() && e->text().at(0).isPrint());
+                       (!Ctrl && !Alt && !e->text().isEmpty() && e->text().at(0).isPrint());
   if (!TextKey) return false;
   if (!GateAllows()) return true;  // refused: dropped without a word
   return OnKeyPressedEditMode(e);
@@ -742,22 +774,22 @@ bool CSourceEditor::OnArrowKeyPressedViewMode(QKeyEvent* e) {
       if (!Shift && HasSelection()) MoveCursor(OffsetOf(m_Anchor) < OffsetOf(m_Cursor) ? m_Anchor : m_Cursor, false);
       else if (m_Cursor.x() > 0) MoveCursor(m_Cursor - QPoint(1, 0), Shift);
       else if (m_Cursor.y() > 1) MoveCursor(QPoint(LineLen(m_Cursor.y() - 1), m_Cursor.y() - 1), Shift);
-      m_PreferredVisualCol = -1;
+      m_PreferredX = -1;
       break;
     case Qt::Key_Right:
       if (!Shift && HasSelection()) MoveCursor(OffsetOf(m_Anchor) > OffsetOf(m_Cursor) ? m_Anchor : m_Cursor, false);
       else if (m_Cursor.x() < LineLen(m_Cursor.y())) MoveCursor(m_Cursor + QPoint(1, 0), Shift);
       else if (m_Cursor.y() < DocLineCount()) MoveCursor(QPoint(0, m_Cursor.y() + 1), Shift);
-      m_PreferredVisualCol = -1;
+      m_PreferredX = -1;
       break;
     case Qt::Key_Up:
     case Qt::Key_Down: {
       const int Line = m_Cursor.y() + (e->key() == Qt::Key_Up ? -1 : 1);
       if (Line < 1 || Line > DocLineCount()) break;
-      if (m_PreferredVisualCol < 0) m_PreferredVisualCol = VisualCol(m_Rows[size_t(r)], m_Cursor.x());
-      const int Keep = m_PreferredVisualCol;
-      MoveCursor(QPoint(ColOfVisual(m_Rows[size_t(RowOfDocLine(Line))], Keep), Line), Shift);
-      m_PreferredVisualCol = Keep;
+      if (m_PreferredX < 0) m_PreferredX = XOfCol(m_Rows[size_t(r)], m_Cursor.x());
+      const int Keep = m_PreferredX;
+      MoveCursor(QPoint(ColAtX(m_Rows[size_t(RowOfDocLine(Line))], Keep), Line), Shift);
+      m_PreferredX = Keep;
       break;
     }
     default: return false;
@@ -772,11 +804,11 @@ bool CSourceEditor::OnPageKeyPressedViewMode(QKeyEvent* e) {
   const int Page = VisibleRowCount();
   const int Row = std::clamp(RowOfDocLine(m_Cursor.y()) + Dir * Page, 0, RowCount() - 1);
   SetScrollPos(FirstVisibleRow() + Dir * Page);
-  if (m_PreferredVisualCol < 0) m_PreferredVisualCol = VisualCol(m_Rows[size_t(RowOfDocLine(m_Cursor.y()))], m_Cursor.x());
-  const int Keep = m_PreferredVisualCol;
+  if (m_PreferredX < 0) m_PreferredX = XOfCol(m_Rows[size_t(RowOfDocLine(m_Cursor.y()))], m_Cursor.x());
+  const int Keep = m_PreferredX;
   const int Line = DocLineOfRow(Row);
-  MoveCursor(QPoint(ColOfVisual(m_Rows[size_t(RowOfDocLine(Line))], Keep), Line), e->modifiers() & Qt::ShiftModifier);
-  m_PreferredVisualCol = Keep;
+  MoveCursor(QPoint(ColAtX(m_Rows[size_t(RowOfDocLine(Line))], Keep), Line), e->modifiers() & Qt::ShiftModifier);
+  m_PreferredX = Keep;
   EnsureCursorVisible();
   return true;
 }
@@ -789,7 +821,7 @@ bool CSourceEditor::OnHomeEndKeyPressedViewMode(QKeyEvent* e) {
     const int Line = Ctrl ? DocLineCount() : m_Cursor.y();
     MoveCursor(QPoint(LineLen(Line), Line), Shift);
   } else return false;
-  m_PreferredVisualCol = -1;
+  m_PreferredX = -1;
   EnsureCursorVisible();
   return true;
 }
@@ -847,7 +879,7 @@ void CSourceEditor::OnMouseButtonClicked(QMouseEvent* e) {
   const QPoint Pos = e->position().toPoint();
   const QPoint TextPos = TextPosAt(Pos);
   if (e->button() == Qt::LeftButton) {
-    m_PreferredVisualCol = -1;
+    m_PreferredX = -1;
     MoveCursor(TextPos, e->modifiers() & Qt::ShiftModifier);
     m_MouseSelecting = true;
   } else if (e->button() == Qt::RightButton) {
@@ -980,48 +1012,45 @@ void CSourceEditor::PaintRow(QPainter& p, int Row, int Y) {
   const QColor Bg = RowBackground(Row);
   if (Bg.isValid()) p.fillRect(0, Y, W, m_RowHeight, Bg);
   const int X0 = RowIndent(r) - ScrollCol() * m_CharWidth;
-  const int Cw = r.Kind ? m_CharWidth : m_AsmCharWidth;
-  const QStringView Raw = r.Kind ? QStringView(m_Text).mid(r.TextPos, r.TextLen) : QStringView(r.Text);
-  // Display text with tabs expanded, and the display column of each character.
-  QString Shown;
-  QVector<int> Vis;
+  const QStringView Raw = RowText(r);
+  // Display text with tabs expanded, and the x of each character.
   const bool HasTabs = r.Kind && Raw.contains(u'\t');
+  QString Shown;
+  QVector<int> Xs;
+  ColumnXs(r, Xs, HasTabs ? &Shown : nullptr);
+  // Tab expansion maps character i to the display text from Vis(i).
+  QVector<int> Vis;
   if (HasTabs) {
     Vis.resize(Raw.size() + 1);
     int v = 0;
     for (qsizetype i = 0; i < Raw.size(); ++i) {
       Vis[i] = v;
-      const int Next = Raw[i] == u'\t' ? (m_TabSpacing ? (v / m_TabSpacing + 1) * m_TabSpacing : v) : v + 1;
-      Shown.append(Raw[i] == u'\t' ? QString(Next - v, u' ') : QString(Raw[i]));
-      v = Next;
+      v = Raw[i] == u'\t' ? (m_TabSpacing ? (v / m_TabSpacing + 1) * m_TabSpacing : v) : v + 1;
     }
     Vis[Raw.size()] = v;
   }
-  auto vcol = [&](int c) { return HasTabs ? Vis[c] : c; };
   // Selection.
   if (r.Kind && HasSelection()) {
     const int a = OffsetOf(m_Anchor), b = OffsetOf(m_Cursor);
     const int s = std::max(std::min(a, b) - r.TextPos, 0), e = std::min(std::max(a, b) - r.TextPos, r.TextLen + 1);
     if (s < e) {
-      const int x1 = X0 + vcol(std::min(s, r.TextLen)) * Cw;
-      const int x2 = e > r.TextLen ? X0 + (vcol(r.TextLen) + 1) * Cw : X0 + vcol(e) * Cw;
+      const int x1 = X0 + Xs[std::min(s, r.TextLen)];
+      const int x2 = e > r.TextLen ? X0 + Xs[r.TextLen] + m_CharWidth : X0 + Xs[e];
       p.fillRect(x1, Y, x2 - x1, m_RowHeight, palette().color(QPalette::Highlight));
     }
   }
   p.setFont(r.Kind ? m_Font : m_AsmFont);
   const QColor TextColor = palette().color(QPalette::Text);
   const int Base = Y + m_Ascent;
-  // Only the part that can be seen is drawn.
-  const int FirstVis = std::max(0, ScrollCol() - (r.Kind ? 0 : kAsmIndentChars)) - 1;
-  const int LastVis = FirstVis + W / std::max(1, Cw) + 2;
+  // Only the characters that can be seen are drawn, however long the line.
+  const int VisFrom = std::max(0, int(std::upper_bound(Xs.begin(), Xs.end(), -X0) - Xs.begin()) - 2);
+  const int VisTo = std::min(int(Raw.size()), int(std::upper_bound(Xs.begin(), Xs.end(), W - X0) - Xs.begin()) + 1);
   auto draw = [&](int From, int To, const QColor& c) {
+    From = std::max(From, VisFrom);
+    To = std::min(To, VisTo);
     if (To <= From) return;
-    int v1 = vcol(From), v2 = vcol(To);
-    if (v2 <= FirstVis || v1 >= LastVis) return;
-    v1 = std::max(v1, FirstVis < 0 ? 0 : FirstVis);
-    v2 = std::min(v2, LastVis);
     p.setPen(c);
-    p.drawText(X0 + v1 * Cw, Base, HasTabs ? Shown.mid(v1, v2 - v1) : Raw.mid(v1, v2 - v1).toString());
+    p.drawText(X0 + Xs[From], Base, HasTabs ? Shown.mid(Vis[From], Vis[To] - Vis[From]) : Raw.mid(From, To - From).toString());
   };
   static const int kClassColor[10] = {-1,
                                       COLOR_SYNTAX_COMMENT,
@@ -1042,7 +1071,7 @@ void CSourceEditor::PaintRow(QPainter& p, int Row, int Y) {
   draw(At, int(Raw.size()), TextColor);
   // Caret.
   if (r.Kind && int(r.DocLine) == m_Cursor.y() && hasFocus() && m_CaretOn) {
-    const int x = X0 + vcol(std::min(m_Cursor.x(), r.TextLen)) * Cw;
+    const int x = X0 + Xs[std::min(m_Cursor.x(), r.TextLen)];
     p.fillRect(x, Y + 1, 2, m_RowHeight - 2, palette().color(QPalette::Text));
   }
 }

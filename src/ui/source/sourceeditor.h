@@ -215,8 +215,10 @@ class CSourceEditor : public QAbstractScrollArea {
   // Display.
   void UpdateMetrics();
   void UpdateScrollBars();
-  int VisualCol(const CSourceRow& Row, int Col) const;
-  int ColOfVisual(const CSourceRow& Row, int Visual) const;
+  QStringView RowText(const CSourceRow& Row) const;
+  void ColumnXs(const CSourceRow& Row, QVector<int>& Xs, QString* pShown) const;  // x of each character and of the end
+  int XOfCol(const CSourceRow& Row, int Col) const;
+  int ColAtX(const CSourceRow& Row, int X) const;
   int RowIndent(const CSourceRow& Row) const;
   void PaintRow(QPainter& p, int Row, int Y);
 
@@ -238,7 +240,7 @@ class CSourceEditor : public QAbstractScrollArea {
 
   QPoint m_Cursor{0, 1};
   QPoint m_Anchor{0, 1};
-  int m_PreferredVisualCol = -1;
+  int m_PreferredX = -1;  // x that up/down keep, -1 none
   bool m_MouseSelecting = false;
   bool m_CaretOn = true;
   QTimer m_BlinkTimer;
@@ -254,6 +256,8 @@ class CSourceEditor : public QAbstractScrollArea {
   int m_RowHeight = 16;
   int m_CharWidth = 8;
   int m_AsmCharWidth = 8;
+  qreal m_CharWidthF = 8, m_AsmCharWidthF = 8;
+  bool m_FixedPitch = true, m_AsmFixedPitch = true;
   int m_Ascent = 12;
   int m_TabSpacing = 2;
   int m_IndentAsm = 1;

@@ -101,7 +101,7 @@ TEST_F(SourceEditor, RandomEditingMatchesAPlainModel) {
   const int Keys[] = {Qt::Key_Left, Qt::Key_Right, Qt::Key_Up, Qt::Key_Down, Qt::Key_Home, Qt::Key_End, Qt::Key_Backspace,
                       Qt::Key_Delete, Qt::Key_Return, Qt::Key_Tab, Qt::Key_PageDown, Qt::Key_PageUp};
   const QString Typed = QStringLiteral("ab\"*/<>#;_ 9'");
-  for (int Round = 0; Round < 6; ++Round) {
+  for (int Round = 0; Round < 16; ++Round) {
     Editor.LoadDocument(Original, QStringLiteral("/x/m.cpp"), 9);
     QString Model = Original;
     QSignalSpy Edited(&Editor, &CSourceEditor::DocumentEdited);
@@ -112,8 +112,15 @@ TEST_F(SourceEditor, RandomEditingMatchesAPlainModel) {
       int Off = 0;
       for (int l = 1; l < c.y(); ++l) Off = int(Model.indexOf(u'\n', Off)) + 1;
       Off += c.x();
-      const size_t Pick = Rng.Below(std::size(Keys) + 4);
-      if (Pick >= std::size(Keys)) {
+      const size_t Pick = Rng.Below(std::size(Keys) + 5);
+      if (Pick == std::size(Keys)) {
+        // A replacement from outside, line ends of both kinds included.
+        static const char* const kPieces[] = {"", "\r\n", "x\n", "\r", "/*", "\"", "\n\n"};
+        const int Len = std::min(int(Rng.Below(5)), int(Model.size()) - Off);
+        const QString Ins = QString::fromLatin1(kPieces[Rng.Below(std::size(kPieces))]);
+        ASSERT_TRUE(Editor.ReplaceText(c, Len, Ins));
+        Model.replace(Off, Len, Ins);
+      } else if (Pick > std::size(Keys)) {
         const QChar ch = Typed[int(Rng.Below(Typed.size()))];
         QTest::keyClicks(&Editor, QString(ch));
         Model.insert(Off, ch);
@@ -175,6 +182,11 @@ TEST_F(SourceEditor, GateDropsKeysAndSaveClearsTheModifiedState) {
   EXPECT_EQ(Editor.SelectedTextOrWordUnderCursor(), QStringLiteral("xydef"));
   Editor.OnActionCopyTriggered();
   EXPECT_EQ(QApplication::clipboard()->text(), QStringLiteral("xydef"));
+  // A rest of the mouse over a word asks for its tool tip.
+  QSignalSpy Tip(&Editor, &CSourceEditor::SymbolTooltipRequest);
+  QTest::mouseMove(Editor.viewport(), QPoint(Editor.CharWidth() * 2, Editor.RowTop(0) + 2));
+  ASSERT_TRUE(Tip.wait(2000));
+  EXPECT_EQ(Tip[0][1].toString(), QStringLiteral("abc"));
 }
 
 TEST_F(SourceEditor, RowColoursFollowTheRulesAndReachThePixels) {
