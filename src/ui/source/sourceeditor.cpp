@@ -490,7 +490,8 @@ void CSourceEditor::UpdateScrollBars() {
   verticalScrollBar()->setPageStep(Visible);
   verticalScrollBar()->setSingleStep(1);
   const int Cols = std::max(1, viewport()->width() / m_CharWidth);
-  const int Widest = m_MaxLineLen + kAsmIndentChars + 48;  // instruction rows are about 40 wide
+  // Instruction rows are about 40 characters wide behind their indent.
+  const int Widest = std::max(m_MaxLineLen, RowCount() > DocLineCount() ? kAsmIndentChars + 48 : 0) + 1;
   horizontalScrollBar()->setRange(0, std::max(0, Widest - Cols));
   horizontalScrollBar()->setPageStep(Cols);
   horizontalScrollBar()->setSingleStep(1);
@@ -1030,13 +1031,16 @@ void CSourceEditor::PaintRow(QPainter& p, int Row, int Y) {
     Vis[Raw.size()] = v;
   }
   // Selection.
+  const QColor SelBg = Colors::GetColor(COLOR_SELECTION_HIGHLIGHT);
+  QRect SelRect;
   if (r.Kind && HasSelection()) {
     const int a = OffsetOf(m_Anchor), b = OffsetOf(m_Cursor);
     const int s = std::max(std::min(a, b) - r.TextPos, 0), e = std::min(std::max(a, b) - r.TextPos, r.TextLen + 1);
     if (s < e) {
       const int x1 = X0 + Xs[std::min(s, r.TextLen)];
       const int x2 = e > r.TextLen ? X0 + Xs[r.TextLen] + m_CharWidth : X0 + Xs[e];
-      p.fillRect(x1, Y, x2 - x1, m_RowHeight, palette().color(QPalette::Highlight));
+      SelRect = QRect(x1, Y, x2 - x1, m_RowHeight);
+      p.fillRect(SelRect, SelBg);
     }
   }
   p.setFont(r.Kind ? m_Font : m_AsmFont);
@@ -1062,13 +1066,29 @@ void CSourceEditor::PaintRow(QPainter& p, int Row, int Y) {
                                       COLOR_SYNTAX_LABEL,
                                       COLOR_SYNTAX_IMMEDIATE,
                                       COLOR_SYNTAX_REGISTER};
-  int At = 0;
-  for (const CSyntaxToken& t : r.Tokens) {
-    draw(At, t.Pos, TextColor);
-    draw(t.Pos, t.Pos + t.Len, t.Class >= 1 && t.Class <= 9 ? Colors::GetColor(kClassColor[t.Class]) : TextColor);
-    At = t.Pos + t.Len;
+  // Text on the selection colour (the cursor row, selected characters) takes
+  // the selection's text colour; elsewhere the colours of the tokens.
+  auto drawAll = [&](const QColor& Force) {
+    int At = 0;
+    for (const CSyntaxToken& t : r.Tokens) {
+      draw(At, t.Pos, Force.isValid() ? Force : TextColor);
+      draw(t.Pos, t.Pos + t.Len,
+           Force.isValid() ? Force : t.Class >= 1 && t.Class <= 9 ? Colors::GetColor(kClassColor[t.Class]) : TextColor);
+      At = t.Pos + t.Len;
+    }
+    draw(At, int(Raw.size()), Force.isValid() ? Force : TextColor);
+  };
+  const QColor SelText = Colors::GetColor(COLOR_SELECTION_HIGHLIGHT_TEXT);
+  const QColor RowForce = Bg.isValid() && Bg == SelBg ? SelText : QColor();
+  if (SelRect.isEmpty()) {
+    drawAll(RowForce);
+  } else {
+    p.setClipRegion(QRegion(0, Y, W, m_RowHeight) - SelRect);
+    drawAll(RowForce);
+    p.setClipRect(SelRect);
+    drawAll(SelText);
+    p.setClipping(false);
   }
-  draw(At, int(Raw.size()), TextColor);
   // Caret.
   if (r.Kind && int(r.DocLine) == m_Cursor.y() && hasFocus() && m_CaretOn) {
     const int x = X0 + Xs[std::min(m_Cursor.x(), r.TextLen)];
