@@ -1,6 +1,8 @@
 #include "app/startup.h"
 
 #include "app/batch.h"
+#include "ui/registers/registermodel.h"
+#include "ui/source/sourceeditor.h"
 #include "ui/source/sourcewindow.h"
 #include "cmdline/cmdline.h"
 #include "commands/actions.h"
@@ -283,6 +285,14 @@ void ConnectSourceWindow(CMainWindow* pMain) {
   QObject::connect(&Project(), &CProject::Closed, w, [w] {
     if (w->NotifyUserCloseAll()) w->CloseAll();
   });
+  // Instruction rows colour the core's register names.
+  auto SetRegisterNames = [w] {
+    CRegistersDataModel Regs;
+    w->GetTextEditor()->SetRegisterNames(Regs.LoadCoreRegisters() == 0 ? Regs.RegisterNames() : QStringList());
+  };
+  SetRegisterNames();
+  QObject::connect(&CorePluginSignals(), &CCorePluginSignals::PluginLoaded, w, SetRegisterNames);
+  QObject::connect(&CorePluginSignals(), &CCorePluginSignals::PluginReconfigured, w, SetRegisterNames);
   static bool s_Registered = false;
   if (s_Registered) return;
   s_Registered = true;

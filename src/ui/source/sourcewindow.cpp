@@ -625,11 +625,19 @@ QList<QPair<U64, QString>> CSourceWindow::LineInstructions(int DocLine) const {
     if (!T.Loaded()) return Out;
     Addrs = DWARF_GetLocInstructions(T.t(), CSrcLoc(m_ActiveFileNo, U32(DocLine)));
   }
+  // "0800048A: " in front of the instruction: the editor's scanner finds
+  // the mnemonic field behind those ten characters.
   char Buf[256];
   for (U32 a : Addrs) {
     Buf[0] = 0;
     GetItemDisplayText(a, Buf, sizeof Buf);
-    Out.append({U64(a), QString::fromLatin1(Buf)});
+    // The plug-in separates mnemonic, operands and comment by tabs; the
+    // rows are drawn in columns of characters.
+    QString sInst = QString::fromLatin1(Buf).trimmed();
+    const qsizetype Tab = sInst.indexOf(QLatin1Char('\t'));
+    if (Tab >= 0) sInst = sInst.left(Tab).leftJustified(CSourceEditor::kMnemonicWidth - 1) + QLatin1Char(' ') + sInst.mid(Tab + 1);
+    sInst.replace(QLatin1Char('\t'), QStringLiteral("  "));
+    Out.append({U64(a), QStringLiteral("%1: ").arg(a, 8, 16, QLatin1Char('0')).toUpper() + sInst});
   }
   return Out;
 }
