@@ -47,6 +47,22 @@ std::vector<GDB_FRAME> ParseGdbFrames(const std::string& sText) {
   return Out;
 }
 
+std::vector<std::map<std::string, std::string>> ParseGdbFrameVariables(const std::string& sText) {
+  static const std::regex Head(R"(^#(\d+)\s+(.*)$)");
+  static const std::regex Var(R"(^([A-Za-z_]\w*) = (.*)$)");
+  std::vector<std::map<std::string, std::string>> Out;
+  for (const std::string& Line : SplitLines(sText)) {
+    std::smatch m;
+    if (std::regex_match(Line, m, Head)) {
+      if (m[2].str().find("<signal handler called>") != std::string::npos) break;
+      Out.resize(size_t(std::stoi(m[1])) + 1);
+    } else if (!Out.empty() && std::regex_match(Line, m, Var)) {
+      Out.back()[m[1]] = m[2];
+    }
+  }
+  return Out;
+}
+
 std::map<std::string, std::string> SplitAtMarkers(const std::string& sOut) {
   std::map<std::string, std::string> Out;
   std::string Name;

@@ -1,0 +1,177 @@
+#include "ui/symbols/framedata.h"
+
+#include "device/device.h"
+#include "elf/dwarf/debuginfo.h"
+#include "elf/elfapi.h"
+#include "log/log.h"
+#include "stack/callstack.h"
+
+#include <QElapsedTimer>
+#include <QSet>
+#include <algorithm>
+
+namespace {
+
+QString MsText(const QElapsedTimer& t) {
+  const qint64 Us = t.nsecsElapsed() / 1000;
+  return QStringLiteral("%1:%2 ms").arg(Us / 1000).arg(Us % 1000, 3, 10, QLatin1Char('0'));
+}
+
+// A root row whose place is that of one frame: its members and pointer
+// targets follow from it.
+std::unique_ptr<CSymbol> FrameRow(ELF_SYM_HANDLE h, U64 Pc, int Index, const CCallFrame& F) {
+  auto p = std::make_unique<CSymbol>(h, I64(Pc), Index);
+  p->location = p->GetLocation(F);
+  p->isFixedLocation = 1;
+  return p;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- locals
+
+CLocalsDataModel::CLocalsDataModel(QObject* pParent) : CSymbolsDataModel(pParent) {
+  setObjectName(QStringLiteral("LocalsDataModel"));
+}
+
+CLocalsDataModel& CLocalsDataModel::Instance() {
+  static CLocalsDataModel* s_p = new CLocalsDataModel;
+  return *s_p;
+}
+
+void CLocalsDataModel::Reset() {
+  m_Frame = -1;
+  m_hFunction = 0;
+  m_FramePc = 0;
+  m_sFunction.clear();
+  ClearRoots();
+}
+
+QString CLocalsDataModel::Title() const {
+  CDevice* d = CDevice::InstanceIfCreated();
+  const bool Halted = d && d->IsConnected() && d->HaltReported();
+  return Halted && !m_sFunction.isEmpty() ? QStringLiteral("Local Data @ ") + m_sFunction : QStringLiteral("Local Data");
+}
+
+bool CLocalsDataModel::ShowFrame(int Frame) {
+  CCallStack& s = CCallStack::Instance();
+  if (Frame < 0) Frame = qMax(0, s.SelectedFrame());
+  const CCallFrame F = s.GetFrame(Frame);
+  if (!F.IsValid()) {
+    Reset();
+    return false;
+  }
+  U64 Pc = 0;
+  s.GetRegister(F, s.Facts().pcRegister, Pc);
+  if (Frame == m_Frame && F.function == m_hFunction && Pc == m_FramePc && RootCount() > 0) {
+    // The same place, maybe at another depth: the rows stay, their
+    // locations follow this frame.
+    SYM_SetCurrentPc(U32(Pc));
+    for (int r = 0; r < RootCount(); ++r) {
+      CSymbol* p = Root(r);
+      if (!p->handle) continue;
+      CSymbol Fresh(p->handle, I64(Pc), p->memberIndex);
+      p->location = Fresh.GetLocation(F);
+      p->ClearData();
+    }
+    InvalidateReads();
+    RepaintAll();
+    return true;
+  }
+  Rebuild(Frame);
+  return true;
+}
+
+void CLocalsDataModel::Rebuild(int Frame) {
+  CCallStack& s = CCallStack::Instance();
+  const CCallFrame F = s.GetFrame(Frame);
+  std::vector<std::unique_ptr<CSymbol>> Rows;
+  m_Frame = Frame;
+  m_hFunction = F.IsValid() ? F.function : 0;
+  m_sFunction = m_hFunction ? QString::fromUtf8(ELF_GetName(m_hFunction)) : QString();
+  U64 Pc = 0;
+  if (F.IsValid()) s.GetRegister(F, s.Facts().pcRegister, Pc);
+  m_FramePc = Pc;
+  if (m_hFunction) {
+    SYM_SetCurrentPc(U32(Pc));
+    ELF_SYM_HANDLE hThis = 0;
+    QList<ELF_SYM_HANDLE> Locals;
+    {
+      QMutexLocker Lock(&CElfApi::Instance().Mutex());
+      hThis = ELF_GetObjectPointer(m_hFunction);
+      const int n = ELF_GetLocalCount(m_hFunction);
+      for (int i = 0; i < n; ++i) Locals << ELF_GetLocal(m_hFunction, i);
+    }
+    std::unique_ptr<CSymbol> pThis;
+    for (int i = 0; i < Locals.size(); ++i) {
+      const ELF_SYM_HANDLE h = Locals[i];
+      if (!h || h == hThis) continue;
+      auto p = FrameRow(h, Pc, i, F);
+      if (p->GetDisplayName() == QLatin1String("this")) pThis = std::move(p);
+      else Rows.push_back(std::move(p));
+    }
+    if (pThis && pThis->HasLocation()) Rows.push_back(std::move(pThis));
+    else if (hThis) Rows.push_back(FrameRow(hThis, Pc, int(Locals.size()), F));
+    if (m_AutoMode) {
+      int i = 0;
+      for (ELF_SYM_HANDLE h : CGlobalsDataModel::GetGlobalVars(m_hFunction))
+        Rows.push_back(std::make_unique<CSymbol>(h, I64(Pc), i++));
+    }
+  }
+  SetRoots(std::move(Rows));
+}
+
+// ---------------------------------------------------------------- globals
+
+CGlobalsDataModel::CGlobalsDataModel(QObject* pParent) : CSymbolsDataModel(pParent) {
+  setObjectName(QStringLiteral("GlobalsDataModel"));
+}
+
+CGlobalsDataModel& CGlobalsDataModel::Instance() {
+  static CGlobalsDataModel* s_p = new CGlobalsDataModel;
+  return *s_p;
+}
+
+int CGlobalsDataModel::Init() {
+  QElapsedTimer t;
+  t.start();
+  std::vector<std::unique_ptr<CSymbol>> Rows;
+  ELF_FILE* f = CElfApi::Instance().GetFile();
+  QList<ELF_SYM_HANDLE> Handles;
+  if (f) {
+    QMutexLocker Lock(&CElfApi::Instance().Mutex());
+    const int n = ELF_GetListCount(f, ELF_LIST_GLOBALS);
+    for (int i = 0; i < n; ++i) Handles << ELF_GetListItem(f, ELF_LIST_GLOBALS, i);
+  }
+  QSet<U64> Seen;
+  for (int i = 0; i < Handles.size(); ++i) {
+    const ELF_SYM_HANDLE h = Handles[i];
+    U32 a = 0;
+    {
+      QMutexLocker Lock(&CElfApi::Instance().Mutex());
+      if (!ELF_GetStaticAddress(h, &a)) a = 0;
+    }
+    if (a > 0 && Seen.contains(a)) continue;
+    auto p = std::make_unique<CSymbol>(h, -1, i);
+    if (p->IsEmpty()) continue;
+    if (p->IsConstant()) {
+      const U64 Key = (U64(1) << 32) | qHash(p->GetDisplayName());
+      if (Seen.contains(Key)) continue;
+      Seen.insert(Key);
+    } else if (a > 0) {
+      Seen.insert(a);
+    }
+    Rows.push_back(std::move(p));
+  }
+  std::stable_sort(Rows.begin(), Rows.end(), [](const auto& x, const auto& y) {
+    return x->name.compare(y->name, Qt::CaseInsensitive) < 0;
+  });
+  const int Count = int(Rows.size());
+  SetRoots(std::move(Rows));
+  m_Identity = SYM_GetProgramIdentity();
+  m_Built = true;
+  LogMessage(QStringLiteral("Globals window initialized in ") + MsText(t), MSG_FILE | MSG_OWN);
+  return Count;
+}
+
+QList<ELF_SYM_HANDLE> CGlobalsDataModel::GetGlobalVars(ELF_SYM_HANDLE) { return {}; }
