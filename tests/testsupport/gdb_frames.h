@@ -31,8 +31,9 @@ std::vector<GDB_FRAME> ParseGdbFrames(const std::string& sText);
 
 // The variables gdb prints with "frame apply all info args" (or "info
 // locals"), by frame level: "name = value" lines below each "#N ..." frame
-// line; entry values ("n@entry = 3") and the lines of a value that spans
-// several are left out. A frame at "<signal handler called>" ends the list.
+// line, and the frame's function under the empty name; entry values
+// ("n@entry = 3") and the lines of a value that spans several are left out.
+// A frame at "<signal handler called>" ends the list.
 std::vector<std::map<std::string, std::string>> ParseGdbFrameVariables(const std::string& sText);
 
 // Output split at marker lines "@@NAME" (echo @@NAME\n in the command file):

@@ -17,11 +17,36 @@ QString MsText(const QElapsedTimer& t) {
   return QStringLiteral("%1:%2 ms").arg(Us / 1000).arg(Us % 1000, 3, 10, QLatin1Char('0'));
 }
 
+// The PC that a frame's location lists are read at: a caller's return
+// address may lie behind the range of the call, so the call's last byte
+// stands for it; a frame that holds an inlined call stands at that call.
+U64 LookupPc(int Frame, U64 Pc) {
+  if (Frame <= 0 || !Pc) return Pc;
+  const CCallFrame Callee = CCallStack::Instance().GetFrame(Frame - 1);
+  return Callee.IsValid() && Callee.isInline ? Pc : Pc - 1;
+}
+
+// Where a local lies in one frame; empty where it has no location (the
+// variable is optimised out there).
+SYM_LOC FrameLocation(CSymbol& s, const CCallFrame& F, U64 Pc) {
+  if (!s.handle || !ELF_IsDieHandle(s.handle) || !s.IsLocal()) return s.GetLocation(F);
+  ELF_SYM_LOC e = SYM_GetLocalLocation(s.handle, U32(Pc));
+  if (!e.count) return SYM_LOC();
+  {
+    QMutexLocker Lock(&CElfApi::Instance().Mutex());
+    ResolveLocation(F, e);
+  }
+  const SYM_LOC l = CSymbolsDataModel::UsableLocation(SYM_FromElfLocation(e));
+  for (U32 i = 0; i < l.count; ++i)
+    if (l.parts[i].kind == SYM_LOC_NONE) return SYM_LOC();
+  return F.IsValid() || l.IsResolved() ? l : SYM_LOC();
+}
+
 // A root row whose place is that of one frame: its members and pointer
 // targets follow from it.
-std::unique_ptr<CSymbol> FrameRow(ELF_SYM_HANDLE h, U64 Pc, int Index, const CCallFrame& F) {
+std::unique_ptr<CSymbol> FrameRow(ELF_SYM_HANDLE h, U64 Pc, int Index, const CCallFrame& F, U64 AtPc) {
   auto p = std::make_unique<CSymbol>(h, I64(Pc), Index);
-  p->location = p->GetLocation(F);
+  p->location = FrameLocation(*p, F, AtPc);
   p->isFixedLocation = 1;
   return p;
 }
@@ -70,8 +95,7 @@ bool CLocalsDataModel::ShowFrame(int Frame) {
     for (int r = 0; r < RootCount(); ++r) {
       CSymbol* p = Root(r);
       if (!p->handle) continue;
-      CSymbol Fresh(p->handle, I64(Pc), p->memberIndex);
-      p->location = Fresh.GetLocation(F);
+      p->location = FrameLocation(*p, F, LookupPc(Frame, Pc));
       p->ClearData();
     }
     InvalidateReads();
@@ -106,12 +130,12 @@ void CLocalsDataModel::Rebuild(int Frame) {
     for (int i = 0; i < Locals.size(); ++i) {
       const ELF_SYM_HANDLE h = Locals[i];
       if (!h || h == hThis) continue;
-      auto p = FrameRow(h, Pc, i, F);
+      auto p = FrameRow(h, Pc, i, F, LookupPc(Frame, Pc));
       if (p->GetDisplayName() == QLatin1String("this")) pThis = std::move(p);
       else Rows.push_back(std::move(p));
     }
     if (pThis && pThis->HasLocation()) Rows.push_back(std::move(pThis));
-    else if (hThis) Rows.push_back(FrameRow(hThis, Pc, int(Locals.size()), F));
+    else if (hThis) Rows.push_back(FrameRow(hThis, Pc, int(Locals.size()), F, LookupPc(Frame, Pc)));
     if (m_AutoMode) {
       int i = 0;
       for (ELF_SYM_HANDLE h : CGlobalsDataModel::GetGlobalVars(m_hFunction))

@@ -571,6 +571,11 @@ void CSymbolsDataModel::ReadAllNow() {
   RepaintAll();
 }
 
+SYM_LOC CSymbolsDataModel::UsableLocation(const SYM_LOC& Loc) {
+  if (Loc.count == 2 && (!Loc.parts[0].size || !Loc.parts[1].size)) return SYM_LOC();
+  return Loc;
+}
+
 // ---------------------------------------------------------------- editing
 
 QString CSymbolsDataModel::WhyNotWritable(CSymbol* s) {

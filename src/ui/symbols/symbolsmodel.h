@@ -74,6 +74,12 @@ class CSymbolsDataModel : public CTableModel, public CDeviceEventListener {
   // Marks all rows unread and repaints.
   void InvalidateAll();
 
+  // A location that names a place: two parts without piece sizes are what
+  // is left of an expression with operations the debug layer does not take
+  // over (arithmetic on registers); such a value is shown as not available
+  // rather than read from a wrong place.
+  static SYM_LOC UsableLocation(const SYM_LOC& Loc);
+
   // ---- editing
   // Writes a value text into a row through the data cache. 0, or -1 with the
   // reason in *psError.

@@ -84,7 +84,7 @@ std::unique_ptr<CSymbol> CWatchDataModel::MakeRowSymbol(WATCH_ITEM& Item) {
   *p = *r;
   // The row keeps the place the result had at this stop: the nodes the
   // result hangs on belong to the expression and go at its next evaluation.
-  p->location = r->GetLocation();
+  p->location = UsableLocation(r->GetLocation());
   p->isFixedLocation = 1;
   p->parent = nullptr;
   p->adoptedParent.clear();
