@@ -6,6 +6,7 @@
 #include "elf/elfapi.h"
 #include "log/log.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -451,6 +452,45 @@ void CSymbolsDataModel::Settle(CSymbol* s, int ReadResult) {
   if (ReadResult == 2 || !pr.Holds(s)) return;
   pr.Drop(s);
   SetState(s, READ_STATE_DONE);
+}
+
+void CSymbolsDataModel::Prefetch(const std::vector<CSymbol*>& Rows) {
+  constexpr U32 kMaxGap = 256, kMaxRange = 4096;
+  CDevice* d = CDevice::InstanceIfCreated();
+  if (!d || !d->IsConnected() || !d->HaltReported()) return;
+  // Ranges by zone: (start, end) of each row's bytes.
+  QHash<QByteArray, std::vector<std::pair<U32, U32>>> ByZone;
+  for (CSymbol* s : Rows) {
+    if (!s || s->IsEmpty() || State(s) != READ_STATE_NONE || IsAggregate(s) || s->IsFunction()) continue;
+    const U32 Size = s->IsArray() ? qMin<U32>(kMaxTextBytes, s->GetSize()) : s->GetSize();
+    if (!Size || Size > kMaxTextBytes) continue;
+    const SYM_LOC Loc = s->GetLocation();
+    if (Loc.count != 1 || Loc.parts[0].kind != SYM_LOC_ADDR) continue;
+    const U64 a = Loc.parts[0].address & 0xFFFFFFFFull;
+    if (a + Size > 0x100000000ull) continue;
+    ByZone[ZoneOf(s).toUtf8()].push_back({U32(a), U32(a + Size)});
+  }
+  for (auto it = ByZone.begin(); it != ByZone.end(); ++it) {
+    std::vector<std::pair<U32, U32>>& v = it.value();
+    if (v.size() < 2) continue;
+    std::sort(v.begin(), v.end());
+    const char* pZone = it.key().isEmpty() ? nullptr : it.key().constData();
+    auto Flush = [&](U32 a, U32 e, int n) {
+      if (n >= 2) CDeviceDataManager::Instance().ReadMemAsync(this, a, e - a, pZone, 0, AW_ANY, 0);
+    };
+    U32 Start = v[0].first, End = v[0].second;
+    int n = 1;
+    for (size_t i = 1; i < v.size(); ++i) {
+      if (v[i].first <= End + kMaxGap && qMax(End, v[i].second) - Start <= kMaxRange) {
+        End = qMax(End, v[i].second);
+        ++n;
+        continue;
+      }
+      Flush(Start, End, n);
+      Start = v[i].first, End = v[i].second, n = 1;
+    }
+    Flush(Start, End, n);
+  }
 }
 
 void CSymbolsDataModel::ChildrenUnread(CSymbol* pSym) {

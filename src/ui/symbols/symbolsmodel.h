@@ -67,6 +67,10 @@ class CSymbolsDataModel : public CTableModel, public CDeviceEventListener {
   // Deals with one row (UpdateItem): false when the row must wait or
   // cannot be read now.
   bool UpdateItem(const QModelIndex& Index);
+  // Before the rows are read one by one: the memory of those that lie close
+  // together is asked for in a few range reads, which the rows' reads then
+  // wait for instead of reading each its own bytes.
+  void Prefetch(const std::vector<CSymbol*>& Rows);
   // Reads every row at once, waiting for the target (batch export, tests).
   void ReadAllNow();
   // The memory zone a row reads in (its root's).

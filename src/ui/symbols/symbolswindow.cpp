@@ -92,6 +92,16 @@ bool CSymbolsWindow::HasLocalSymbols() const {
   return false;
 }
 
+void CSymbolsWindow::OnUpdateTimerTimeout() {
+  if (IsVisible()) {
+    std::vector<CSymbol*> Rows;
+    for (const QModelIndex& p : View()->VisibleRows())
+      if (CSymbol* s = m_pSymModel->NodeOf(ToSource(p))) Rows.push_back(s);
+    m_pSymModel->Prefetch(Rows);
+  }
+  CModelViewWindow::OnUpdateTimerTimeout();
+}
+
 void CSymbolsWindow::OnActionRemoveTriggered() { RemoveSymbol(View()->currentIndex()); }
 
 void CSymbolsWindow::OnDisplayFormatChanged(int Base) {
@@ -127,6 +137,9 @@ void CWatchWindow::Update(U32 NewPC) {
   BackupState(1);
   if (WatchModel()->Reevaluate()) RestoreState(1, 1);
   CSymbolsWindow::Update(NewPC);
+  // The expressions were just evaluated for this stop: their rows are read
+  // at once, not after the framework's gathering delay.
+  UpdateTimer()->start(0);
   m_pLiveTimer->stop();
 }
 

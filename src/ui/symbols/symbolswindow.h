@@ -32,6 +32,7 @@ class CSymbolsWindow : public CModelViewWindow {
   bool HasLocalSymbols() const;
   virtual void OnActionRemoveTriggered();
   void OnDisplayFormatChanged(int Base) override;
+  void OnUpdateTimerTimeout() override;
 
  protected:
   void FillContextMenu(QMenu* pMenu) override;
