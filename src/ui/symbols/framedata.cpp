@@ -9,6 +9,7 @@
 #include <QElapsedTimer>
 #include <QSet>
 #include <algorithm>
+#include <memory>
 
 namespace {
 
@@ -159,43 +160,51 @@ CGlobalsDataModel& CGlobalsDataModel::Instance() {
 int CGlobalsDataModel::Init() {
   QElapsedTimer t;
   t.start();
-  std::vector<std::unique_ptr<CSymbol>> Rows;
-  ELF_FILE* f = CElfApi::Instance().GetFile();
-  QList<ELF_SYM_HANDLE> Handles;
-  if (f) {
+  // One row per place: a variable at an address already taken, or a
+  // constant of a name already taken, is left out. The rows are sorted by
+  // name; a row's symbol is made when a view first shows it.
+  struct ENTRY {
+    QString Name;
+    ELF_SYM_HANDLE h;
+    int Index;
+  };
+  std::vector<ENTRY> Rows;
+  if (ELF_FILE* f = CElfApi::Instance().GetFile()) {
     QMutexLocker Lock(&CElfApi::Instance().Mutex());
     const int n = ELF_GetListCount(f, ELF_LIST_GLOBALS);
-    for (int i = 0; i < n; ++i) Handles << ELF_GetListItem(f, ELF_LIST_GLOBALS, i);
-  }
-  QSet<U64> Seen;
-  for (int i = 0; i < Handles.size(); ++i) {
-    const ELF_SYM_HANDLE h = Handles[i];
-    U32 a = 0;
-    {
-      QMutexLocker Lock(&CElfApi::Instance().Mutex());
+    QSet<U32> SeenAddr;
+    QSet<QString> SeenConst;
+    for (int i = 0; i < n; ++i) {
+      const ELF_SYM_HANDLE h = ELF_GetListItem(f, ELF_LIST_GLOBALS, i);
+      const QString sName = QString::fromUtf8(ELF_GetName(h));
+      if (!h || sName.isEmpty()) continue;
+      U32 a = 0;
       if (!ELF_GetStaticAddress(h, &a)) a = 0;
+      if (a > 0) {
+        if (SeenAddr.contains(a)) continue;
+        SeenAddr.insert(a);
+      } else {
+        if (SeenConst.contains(sName)) continue;
+        SeenConst.insert(sName);
+      }
+      Rows.push_back({sName, h, i});
     }
-    if (a > 0 && Seen.contains(a)) continue;
-    auto p = std::make_unique<CSymbol>(h, -1, i);
-    if (p->IsEmpty()) continue;
-    if (p->IsConstant()) {
-      const U64 Key = (U64(1) << 32) | qHash(p->GetDisplayName());
-      if (Seen.contains(Key)) continue;
-      Seen.insert(Key);
-    } else if (a > 0) {
-      Seen.insert(a);
-    }
-    Rows.push_back(std::move(p));
   }
-  std::stable_sort(Rows.begin(), Rows.end(), [](const auto& x, const auto& y) {
-    return x->name.compare(y->name, Qt::CaseInsensitive) < 0;
+  std::stable_sort(Rows.begin(), Rows.end(), [](const ENTRY& x, const ENTRY& y) { return x.Name.compare(y.Name, Qt::CaseInsensitive) < 0; });
+  m_Names.clear();
+  auto Handles = std::make_shared<std::vector<std::pair<ELF_SYM_HANDLE, int>>>();
+  for (const ENTRY& e : Rows) {
+    m_Names << e.Name;
+    Handles->push_back({e.h, e.Index});
+  }
+  SetLazyRoots(int(Rows.size()), [Handles](int Row) {
+    const auto& [h, i] = (*Handles)[size_t(Row)];
+    return std::make_unique<CSymbol>(h, -1, i);
   });
-  const int Count = int(Rows.size());
-  SetRoots(std::move(Rows));
   m_Identity = SYM_GetProgramIdentity();
   m_Built = true;
   LogMessage(QStringLiteral("Globals window initialized in ") + MsText(t), MSG_FILE | MSG_OWN);
-  return Count;
+  return int(Rows.size());
 }
 
 QList<ELF_SYM_HANDLE> CGlobalsDataModel::GetGlobalVars(ELF_SYM_HANDLE) { return {}; }

@@ -42,10 +42,13 @@ class CGlobalsDataModel : public CSymbolsDataModel {
   // per program. Returns the number of rows.
   int Init();
   bool IsBuilt() const { return m_Identity == SYM_GetProgramIdentity() && m_Built; }
+  // The row of a global's name, -1 if none.
+  int RowOfName(const QString& sName) const { return int(m_Names.indexOf(sName)); }
   // The globals a function's source text names (auto mode of the locals).
   static QList<ELF_SYM_HANDLE> GetGlobalVars(ELF_SYM_HANDLE hFunc);
 
  private:
   U64 m_Identity = 0;
   bool m_Built = false;
+  QStringList m_Names;
 };

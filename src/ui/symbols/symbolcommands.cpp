@@ -108,11 +108,10 @@ void OnViewData(int Id) {
   if (s.isEmpty()) return void(Fail(Id, QStringLiteral("empty expression")));
   CGlobalsDataModel& g = CGlobalsDataModel::Instance();
   if (!g.IsBuilt()) g.Init();
-  for (int r = 0; r < g.RootCount(); ++r)
-    if (g.Root(r)->GetDisplayName() == s) {
-      if (ShowHook()) ShowHook()(QStringLiteral("Global Data"));
-      return SetActionResult(Id, 0);
-    }
+  if (g.RowOfName(s) >= 0) {
+    if (ShowHook()) ShowHook()(QStringLiteral("Global Data"));
+    return SetActionResult(Id, 0);
+  }
   if (W().RowOfText(s) < 0) W().AddExpression(s);
   if (ShowHook()) ShowHook()(QStringLiteral("Watched Data"));
   SetActionResult(Id, 0);

@@ -88,6 +88,20 @@ CSymbolsDataModel::~CSymbolsDataModel() {
 
 // ---------------------------------------------------------------- roots
 
+CSymbol* CSymbolsDataModel::Root(int Row) const {
+  if (Row < 0 || Row >= RootCount()) return nullptr;
+  std::unique_ptr<CSymbol>& p = m_Roots[size_t(Row)];
+  if (!p && m_MakeRoot) p = m_MakeRoot(Row);
+  if (!p) p = std::make_unique<CSymbol>();
+  return p.get();
+}
+
+void CSymbolsDataModel::SetLazyRoots(int Count, const std::function<std::unique_ptr<CSymbol>(int)>& Make) {
+  std::vector<std::unique_ptr<CSymbol>> Empty(size_t(qMax(0, Count)));
+  SetRoots(std::move(Empty));
+  m_MakeRoot = Make;
+}
+
 void CSymbolsDataModel::InsertRoot(std::unique_ptr<CSymbol> pSym, int Index) {
   if (Index < 0 || Index > RootCount()) Index = RootCount();
   pSym->ClearData();
@@ -119,6 +133,7 @@ void CSymbolsDataModel::ReplaceRoot(int Row, std::unique_ptr<CSymbol> pSym) {
 
 void CSymbolsDataModel::SetRoots(std::vector<std::unique_ptr<CSymbol>> Roots) {
   beginResetModel();
+  m_MakeRoot = nullptr;
   for (auto& r : m_Roots) Forget(r.get());
   m_Roots = std::move(Roots);
   m_IdOf.clear();
@@ -215,7 +230,8 @@ int CSymbolsDataModel::RootRowOf(const CSymbol* pSym) const {
 
 std::vector<CSymbol*> CSymbolsDataModel::RowNodes() const {
   std::vector<CSymbol*> Out, Stack;
-  for (auto it = m_Roots.rbegin(); it != m_Roots.rend(); ++it) Stack.push_back(it->get());
+  for (auto it = m_Roots.rbegin(); it != m_Roots.rend(); ++it)
+    if (*it) Stack.push_back(it->get());
   while (!Stack.empty()) {
     CSymbol* s = Stack.back();
     Stack.pop_back();

@@ -37,7 +37,10 @@ class CSymbolsDataModel : public CTableModel, public CDeviceEventListener {
 
   // ---- root rows
   int RootCount() const { return int(m_Roots.size()); }
-  CSymbol* Root(int Row) const { return Row >= 0 && Row < RootCount() ? m_Roots[size_t(Row)].get() : nullptr; }
+  // A root made on demand (SetLazyRoots) is made here.
+  CSymbol* Root(int Row) const;
+  // Count roots that are made when a view first asks for them.
+  void SetLazyRoots(int Count, const std::function<std::unique_ptr<CSymbol>(int Row)>& Make);
   // Inserts a root (Index -1 or beyond: at the end); its data is cleared.
   void InsertRoot(std::unique_ptr<CSymbol> pSym, int Index = -1);
   void RemoveRoot(int Row);
@@ -136,9 +139,10 @@ class CSymbolsDataModel : public CTableModel, public CDeviceEventListener {
   // Sets a row's state and repaints it.
   void SetState(CSymbol* pSym, int State);
   int State(const CSymbol* pSym) const;
-  std::vector<std::unique_ptr<CSymbol>> m_Roots;
+  mutable std::vector<std::unique_ptr<CSymbol>> m_Roots;
 
  private:
+  std::function<std::unique_ptr<CSymbol>(int)> m_MakeRoot;
   struct NODE_INFO {
     CSymbol* pSym = nullptr;
     CSymbol* pParent = nullptr;  // the row above, null at root level
