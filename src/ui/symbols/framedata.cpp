@@ -203,7 +203,7 @@ int CGlobalsDataModel::Init() {
   });
   m_Identity = SYM_GetProgramIdentity();
   m_Built = true;
-  LogMessage(QStringLiteral("Globals window initialized in ") + MsText(t), MSG_FILE | MSG_OWN);
+  LogMessage(QStringLiteral("Globals window initialized in ") + MsText(t), MSG_INFO | MSG_STDOUT);
   return int(Rows.size());
 }
 

@@ -320,7 +320,7 @@ void CFunctionsWindow::Init() {
   m_pFuncModel->UpdateBreakpointMarks();
   const qint64 Us = t.nsecsElapsed() / 1000;
   LogMessage(QStringLiteral("Function window initialized in %1:%2 ms").arg(Us / 1000).arg(Us % 1000, 3, 10, QLatin1Char('0')),
-             MSG_FILE | MSG_OWN);
+             MSG_INFO | MSG_STDOUT);
   UpdateActions();
   emit ContentChanged();
   emit Initialized();

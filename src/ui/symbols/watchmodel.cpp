@@ -108,7 +108,7 @@ int CWatchDataModel::AddExpression(const QString& sText, int Row, const WATCH_IT
   InsertRoot(std::move(p), Row);
   const qint64 Us = Timer.nsecsElapsed() / 1000;
   LogMessage(QStringLiteral("Watched expressions evaluated in %1:%2 ms").arg(Us / 1000).arg(Us % 1000, 3, 10, QLatin1Char('0')),
-             MSG_FILE | MSG_OWN);
+             MSG_INFO | MSG_STDOUT);
   emit ExpressionsChanged();
   emit ReadsWanted();
   return Row;
