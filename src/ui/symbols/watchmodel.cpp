@@ -223,8 +223,10 @@ bool CWatchDataModel::ReevaluateRows(const QList<int>& Rows) {
   for (int r : Rows) {
     if (r < 0 || r >= ExpressionCount()) continue;
     Changed |= !MergeRow(r, MakeRowSymbol(m_Items[size_t(r)]));
+    // A value the evaluation has just read needs no read of its own.
+    CSymbol* pRoot = Root(r);
     for (CSymbol* s : RowNodes())
-      if (RootRowOf(s) == r) SetState(s, READ_STATE_NONE);
+      if (RootRowOf(s) == r) SetState(s, s == pRoot && U32(s->data.size()) == s->GetSize() && s->GetSize() ? READ_STATE_DONE : READ_STATE_NONE);
   }
   emit ReadsWanted();
   return Changed;

@@ -58,8 +58,10 @@ class CSymbolsTargetSuite : public CHeadlessTargetSuite<BASE> {
     CWatchDataModel::Instance().ClearExpressions();
   }
   // Loads, connects, downloads and resets.
-  void Start(const BACKEND& b, const std::string& sProgram) {
+  // A call log path sets the probe's call log.
+  void Start(const BACKEND& b, const std::string& sProgram, const QString& sCallLog = QString()) {
     m_pRig = std::make_unique<devtest::CTargetRig>(b);
+    if (!sCallLog.isEmpty()) ASSERT_EQ(ExecAction(AID_PROJECT_SET_VORDEN_LOG_FILE, sCallLog), 0);
     ASSERT_EQ(ExecAction(AID_PROJECT_SET_DEVICE, b.sDevice), 0);
     ASSERT_EQ(ExecAction(AID_PROJECT_SET_HOST_IF, b.sHostIF, m_pRig->Ident()), 0);
     ASSERT_EQ(ExecAction(AID_PROJECT_SET_TARGET_IF, "SWD"), 0);

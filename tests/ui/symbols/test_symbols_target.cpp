@@ -130,7 +130,8 @@ TEST_P(SymbolsTarget, EditingWritesThroughTheCache) {
 TEST_P(SymbolsTarget, ExpressionsSurviveReopenAndLiveRefreshIsLimited) {
   WriteAll(Dir.filePath("p.vdebug"), "void OnProjectLoad (void) {\n}\n");
   ASSERT_EQ(Run(AID_FILE_OPEN, Dir.filePath("p.vdebug")), 0);
-  Start(GetParam(), "unwind-O0");
+  const QString sLog = Dir.filePath("calls.log");
+  Start(GetParam(), "unwind-O0", sLog);
   ASSERT_EQ(Run(AID_WATCH_ADD, "g_sink"), 0);
   ASSERT_EQ(Run(AID_WATCH_ADD, "g_round"), 0);
   ASSERT_EQ(ExecuteCommand("Edit.RefreshRate(\"g_sink\", 4)"), 1);
@@ -144,14 +145,16 @@ TEST_P(SymbolsTarget, ExpressionsSurviveReopenAndLiveRefreshIsLimited) {
   w.resize(900, 300);
   w.show();
   m.SetRate(0, 5);
-  const QString sLog = Dir.filePath("calls.log");
   ASSERT_EQ(Device()->PostContinue(), 0);
   QTest::qWait(300);
   const int Before = m.Item(0).RefreshCount;
+  const qsizetype LogBefore = devtest::ReadFileText(sLog).count("VORDENARM_Read");
   QTest::qWait(1000);
   const int Live = m.Item(0).RefreshCount - Before;
+  const qsizetype Reads = devtest::ReadFileText(sLog).count("VORDENARM_Read") - LogBefore;
   if (Device()->CanAccessMemory()) EXPECT_TRUE(Live >= 3 && Live <= 6) << Live;
   else EXPECT_EQ(Live, 0);
+  EXPECT_LE(Reads, 6) << "probe reads in one second";
   EXPECT_EQ(m.Item(1).RefreshCount, 0) << "a row set to Off";
   ASSERT_EQ(Device()->PostHalt(), 0);
   QTest::qWait(200);
