@@ -36,6 +36,7 @@
 #include "elf/elfapi.h"
 #include "ui/memory/memorywindow.h"
 #include "ui/registers/registerwindow.h"
+#include "ui/symbols/symbolsmodule.h"
 #include "ui/shell/mainwindow.h"
 #include "ui/shell/statusbar.h"
 
@@ -93,6 +94,11 @@ void InstallShellWindows() {
     return new CMemoryWindow(Index, pParent);
   });
   ShellWindows::SetFactory(SWK_REGISTERS, REG_CreateRegisterWindow);
+  ShellWindows::SetFactory(SWK_WATCH, SYM_CreateWatchWindow);
+  ShellWindows::SetFactory(SWK_LOCALS, SYM_CreateLocalsWindow);
+  ShellWindows::SetFactory(SWK_GLOBALS, SYM_CreateGlobalsWindow);
+  ShellWindows::SetFactory(SWK_FUNCTIONS, SYM_CreateFunctionsWindow);
+  SymbolsModule::SetShowWindowHook([](const QString& sWindow) { ExecAction(AID_WINDOW_SHOW, sWindow); });
   ShellHooks::SetStateSource([] {
     SHELL_STATE St;
     const CProject& p = Project();
@@ -194,6 +200,7 @@ void InstallModules() {
   DeviceModule::Install();
   SessionModule::InstallDebugSession();
   WIN_InstallExportCommand();
+  SymbolsModule::Install();
   // The breakpoint window's rows, also without the window.
   WIN_RegisterViewModel(QStringLiteral("Breakpoints"), [] {
     static CBreakpointItemModel* s_pRows = new CBreakpointItemModel(&CBreakpointsDataModel::Instance());

@@ -224,8 +224,11 @@ bool CCallStack::HasLocFrame(const CSrcLoc& Loc) const {
 }
 
 void CCallStack::SetSelectedFrame(int Index) {
+  const bool Changed = m_Selected != Index;
   m_Selected = Index;
-  if (m_StackIdx == 0) Store().SetSelectedFrame(Index);
+  if (m_StackIdx != 0) return;
+  Store().SetSelectedFrame(Index);
+  if (Changed) emit SelectedFrameChanged(Index);
 }
 
 bool CCallStack::GetRegister(const CCallFrame& F, U32 Register, U64& Value) const {

@@ -146,6 +146,8 @@ class CCallStack : public QObject, public CDeviceEventListener {
   void EvalFrameFailed(int StackIdx);
   void UnwindNextFrameDone();
   void UnwindComplete();
+  // The public stack's selected frame changed (a click, a halt).
+  void SelectedFrameChanged(int Index);
 
  private:
   CCallStack(int StackIdx, CCallStack* pPartner);

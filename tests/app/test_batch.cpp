@@ -96,7 +96,8 @@ TEST_F(Batch, RefusedArgumentsAndSlotsOfLaterModules) {
   RUN r = RunProgram({"-batch", WriteFile("b4.txt", "Util.Log a b\nEdit.MemZone(\"main\", \"a,b\")\n")});
   EXPECT_EQ(Body(r), QStringList({"Util.Log (\"a\", b);", "Util.Log (\"a\", b): wrong parameter count", "=> 0 (0x0)",
                                   "Edit.MemZone (\"main\", \"a,b\");",
-                                  "Edit.MemZone (\"main\", \"a,b\"): not implemented yet", "=> 0 (0x0)"}));
+                                  "Edit.MemZone (\"main\", \"a,b\"): expression not watched: main",
+                                  "=> -1 (0xFFFFFFFFFFFFFFFF)"}));
   EXPECT_EQ(r.Exit, 1);
 }
 

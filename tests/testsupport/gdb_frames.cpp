@@ -47,6 +47,23 @@ std::vector<GDB_FRAME> ParseGdbFrames(const std::string& sText) {
   return Out;
 }
 
+std::vector<std::map<std::string, std::string>> ParseGdbFrameVariables(const std::string& sText) {
+  static const std::regex Head(R"(^#(\d+)\s+(?:0x[0-9a-f]+ in )?(\S+)(.*)$)");
+  static const std::regex Var(R"(^([A-Za-z_]\w*) = (.*)$)");
+  std::vector<std::map<std::string, std::string>> Out;
+  for (const std::string& Line : SplitLines(sText)) {
+    std::smatch m;
+    if (std::regex_match(Line, m, Head)) {
+      if (Line.find("<signal handler called>") != std::string::npos) break;
+      Out.resize(size_t(std::stoi(m[1])) + 1);
+      Out.back()[""] = m[2];
+    } else if (!Out.empty() && std::regex_match(Line, m, Var)) {
+      Out.back()[m[1]] = m[2];
+    }
+  }
+  return Out;
+}
+
 std::map<std::string, std::string> SplitAtMarkers(const std::string& sOut) {
   std::map<std::string, std::string> Out;
   std::string Name;

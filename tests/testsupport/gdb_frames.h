@@ -29,6 +29,13 @@ struct GDB_FRAME {
 // innermost first (a frame whose "info frame" failed has no CFA).
 std::vector<GDB_FRAME> ParseGdbFrames(const std::string& sText);
 
+// The variables gdb prints with "frame apply all info args" (or "info
+// locals"), by frame level: "name = value" lines below each "#N ..." frame
+// line, and the frame's function under the empty name; entry values
+// ("n@entry = 3") and the lines of a value that spans several are left out.
+// A frame at "<signal handler called>" ends the list.
+std::vector<std::map<std::string, std::string>> ParseGdbFrameVariables(const std::string& sText);
+
 // Output split at marker lines "@@NAME" (echo @@NAME\n in the command file):
 // the text after each marker, by name. Text before the first marker is "".
 std::map<std::string, std::string> SplitAtMarkers(const std::string& sOut);
