@@ -6,6 +6,7 @@
 // Without a display the test starts itself again under xvfb-run; without
 // xvfb-run it is skipped.
 #include "app/startup.h"
+#include "commands/actions.h"
 #include "device/device.h"
 #include "testsupport/tools.h"
 #include "ui/source/sidebar.h"
@@ -202,6 +203,44 @@ void SourceScenario(CMainWindow* pMain, CDebugSession* s) {
         QStringLiteral("Run to Cursor stopped on line %1 (PC line %2)").arg(ExpLine).arg(LineOfPc()));
 }
 
+// The names in column 0 of a window's rows (top level).
+QStringList RowNames(CMainWindow* pMain, const char* sWindow) {
+  SHELL_WINDOW* p = Window(pMain, sWindow);
+  auto* v = p ? p->pWindow->findChild<QAbstractItemView*>() : nullptr;
+  QStringList l;
+  if (v && v->model())
+    for (int r = 0; r < v->model()->rowCount(); ++r) l << v->model()->index(r, 0).data().toString();
+  return l;
+}
+
+// The data windows, halted inside a function of the demo.
+void DataScenario(CMainWindow* pMain, CDebugSession* s) {
+  CSourceWindow* w = CSourceWindow::Instance();
+  if (!w || !w->ActiveDocument()) return;
+  // Room for the data windows in the picture.
+  pMain->resize(1280, 800);
+  for (const char* c : {"Window.Close(\"Memory 1\")", "Window.Close(\"Breakpoints\")", "Window.Close(\"Console\")",
+                        "Window.Show(\"Watched Data\")", "Window.Show(\"Local Data\")", "Watch.Add(\"g_Seconds\")",
+                        "Watch.Add(\"g_aPrimes[3]\")", "Watch.Add(\"g_Fib\")"})
+    ExecuteCommand(QLatin1String(c));
+  const int Line = DemoLine("uint64_t t = a + b;");
+  w->SelectFileLine(w->ActiveDocument()->FilePath, Line, true);
+  const U64 Halts = s->HaltCount();
+  QTest::keyClick(w->GetTextEditor(), Qt::Key_F10, Qt::ControlModifier);
+  Check(WaitHalted(s, Halts) && int(w->GetPcLoc().line) == Line, QStringLiteral("halted in Fibonacci at line %1").arg(Line));
+  SHELL_WINDOW* pLocals = Window(pMain, "Local Data");
+  Check(pLocals && QTest::qWaitFor([&] { return pLocals->pWindow->windowTitle().contains(QLatin1String("Fibonacci")); }, 5000),
+        "the local data window is titled for Fibonacci: " + (pLocals ? pLocals->pWindow->windowTitle() : QString()));
+  Check(QTest::qWaitFor([&] { return RowNames(pMain, "Local Data").contains(QLatin1String("n")); }, 5000),
+        "the local data window lists n: " + RowNames(pMain, "Local Data").join(','));
+  Check(RowNames(pMain, "Watched Data").contains(QLatin1String("g_aPrimes[3]")), "the watched data window lists the expressions: " +
+                                                                                     RowNames(pMain, "Watched Data").join(','));
+  QTest::qWait(300);
+  const QString sShot = Artefacts() + QStringLiteral("/ui_data_gui_screen.png");
+  QProcess::execute(QStringLiteral("import"), {QStringLiteral("-window"), QStringLiteral("root"), sShot});
+  Check(QFile::exists(sShot), "screenshot of the data windows: " + sShot);
+}
+
 void Scenario(CMainWindow* pMain) {
   pMain->raise();
   pMain->activateWindow();
@@ -238,6 +277,7 @@ void Scenario(CMainWindow* pMain) {
   }
 
   SourceScenario(pMain, s);
+  DataScenario(pMain, s);
 
   // The pictures: the whole screen, and the main window alone.
   QTest::qWait(200);
@@ -253,6 +293,9 @@ int main(int argc, char** argv) {
   if (!qEnvironmentVariableIsSet("TAVIT_UNDER_XVFB")) return RunUnderXvfb(argc, argv);
   const QString sProject = qEnvironmentVariable("TAVIT_SOURCE_DIR", QStringLiteral(".")) +
                            QStringLiteral("/examples/demo/demo.vdebug");
+  // Each run starts from the project alone: the user file a run before
+  // wrote (windows, breakpoints, watched expressions) goes.
+  QFile::remove(sProject + QStringLiteral(".user"));
   QByteArray Program = argv[0], Project = sProject.toLocal8Bit();
   char* Args[] = {Program.data(), Project.data(), nullptr};
   SetMainWindowStartedHook([](CMainWindow* pMain) {
