@@ -67,6 +67,8 @@ CDapAdapter::CDapAdapter(CDapDispatcher* pDispatcher, QObject* pParent) : QObjec
   // The console ring is this adapter's to read; a full ring is drained at
   // once so that no line is lost.
   SetConsoleOverflowDrain([this] { DrainConsole(); });
+  // A stop seen while a request was answered is sent after its response.
+  m_pDisp->SetIdleHook([this] { CheckStopped(); });
   auto* pTimer = new QTimer(this);
   connect(pTimer, &QTimer::timeout, this, &CDapAdapter::DrainConsole);
   pTimer->start(50);
@@ -196,6 +198,7 @@ DAP_REPLY CDapAdapter::StartSession() {
   const DAP_REPLY r = RunCommand(QStringLiteral("Debug.Start()"));
   if (!r.Ok) return r;
   if (!WaitSessionIdle(60000)) return DAP_REPLY::Fail(QStringLiteral("target did not halt within 60 s"));
+  m_bStopReported = false;
   CDevice* d = Dev();
   if (!d || !d->IsConnected()) {
     m_State = DAP_LAUNCHED;
@@ -278,6 +281,7 @@ DAP_REPLY CDapAdapter::Resume(const QString& sCommand, const QString& sReason, c
   ForgetRefs();
   m_State = DAP_RUNNING;
   m_sPendingReason = sReason;
+  m_bStopReported = false;
   DAP_REPLY r = RunCommand(sCommand);
   if (pSession) pSession->SetActiveCodeView(Before);
   if (!r.Ok) {
@@ -305,7 +309,7 @@ DAP_REPLY CDapAdapter::Pause(const QJsonObject&) {
   DAP_REPLY r = RunCommand(QStringLiteral("Debug.Halt()"));
   r.Body = {};
   r.After = [this] { CheckStopped(); };
-  return r;
+  return r;  // the halt report counts as a stop: the count of the resume stands
 }
 
 void CDapAdapter::OnDeviceHaltDone(U32 NewPC, HALT_REASONS) {
@@ -314,9 +318,13 @@ void CDapAdapter::OnDeviceHaltDone(U32 NewPC, HALT_REASONS) {
   if (m_State == DAP_RUNNING && m_sPendingReason == QLatin1String("breakpoint") && Dev() && Dev()->WpCount() > 0 &&
       !Dev()->GetBreakpoint(NewPC).Occupied)
     m_sPendingReason = QStringLiteral("data breakpoint");
+  m_bStopReported = true;
   CheckStopped();
 }
-void CDapAdapter::OnDeviceStepped(U32) { CheckStopped(); }
+void CDapAdapter::OnDeviceStepped(U32) {
+  m_bStopReported = true;
+  CheckStopped();
+}
 void CDapAdapter::OnDeviceResumeDone(RESUME_MODES) {}
 void CDapAdapter::OnDeviceConnectionLost() {
   QTimer::singleShot(0, this, [this] {
@@ -332,13 +340,16 @@ void CDapAdapter::CheckStopped() {
   m_bCheckQueued = true;
   QTimer::singleShot(0, this, [this] {
     m_bCheckQueued = false;
-    if (m_State != DAP_RUNNING) return;
+    if (m_State != DAP_RUNNING || m_pDisp->IsBusy()) return;
+    // A stop is a halt or step report since the resume.
+    if (!m_bStopReported) return;
     CDevice* d = Dev();
     if (!d || !d->IsConnected() || d->IsRunning() || d->IsSourceStepInProgress() || !d->IsTargetHalted()) return;
     const U32 Pc = d->CurrentPC();
     if (IsLogPoint(Pc) && m_sPendingReason != QLatin1String("pause")) {
       // A log point printed its message; the target goes on.
       DrainConsole();
+      m_bStopReported = false;
       RunCommand(QStringLiteral("Debug.Continue()"));
       return;
     }
@@ -365,6 +376,7 @@ DAP_REPLY CDapAdapter::Restart(const QJsonObject&) {
   WaitSessionIdle(60000);
   m_State = DAP_RUNNING;
   m_sPendingReason = QStringLiteral("breakpoint");
+  m_bStopReported = false;
   if (!r.Ok) return r;
   r.Body = {};
   r.After = [this] {

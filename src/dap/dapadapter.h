@@ -42,6 +42,10 @@ class CDapAdapter : public QObject, public CDeviceEventListener {
  public:
   void OnDeviceHaltDone(U32 NewPC, HALT_REASONS Reason) override;
   void OnDeviceStepped(U32 NewPC) override;
+  void OnDeviceStepInstDone(U32 NewPC) override { OnDeviceStepped(NewPC); }
+  void OnDeviceStepOverDone(U32 NewPC) override { OnDeviceStepped(NewPC); }
+  void OnDeviceStepIntoDone(U32 NewPC) override { OnDeviceStepped(NewPC); }
+  void OnDeviceStepOutDone(U32 NewPC) override { OnDeviceStepped(NewPC); }
   void OnDeviceResumeDone(RESUME_MODES Mode) override;
   void OnDeviceConnectionLost() override;
 
@@ -111,11 +115,12 @@ class CDapAdapter : public QObject, public CDeviceEventListener {
   bool m_bLinesStartAt1 = true;
   QString m_sPendingReason;  // reason of the next stop, set by the request that resumed
   bool m_bCheckQueued = false;
+  bool m_bStopReported = false;  // a halt or step report came since the client resumed
   bool m_bEnded = false;
   QHash<QString, QSet<QString>> m_SourceBps;  // file -> location texts set by setBreakpoints
   QSet<QString> m_FunctionBps, m_InstructionBps;
   QSet<QString> m_DataBps;                   // Break.SetOnData argument lists
-  QHash<U32, QString> m_LogPoints;           // address -> message
+  QSet<QString> m_LogMessages;               // messages of the client's log points
   QHash<int, VAR_REF> m_Refs;
   QList<std::shared_ptr<CSymbol>> m_Keep;
   int m_NextRef = 1;

@@ -2,6 +2,7 @@
 // kind, through the Break.* commands of the console.
 #include "dap/dapadapter.h"
 
+#include "device/bpmodel.h"
 #include "elf/dwarf/line_tables.h"
 #include "elf/elfapi.h"
 #include "elf/symbol/symbol.h"
@@ -49,16 +50,16 @@ QString ProgramSourcePath(const QString& sClientPath) {
 }  // namespace
 
 void CDapAdapter::ClearBreakpoints(QSet<QString>* pSet) {
-  for (const QString& sLoc : std::as_const(*pSet)) {
-    int Kind = -1;
-    const CAddrRange r = ResolveToAddress(sLoc, Kind);
-    if (Kind >= 0) m_LogPoints.remove(r.start);
-    RunCommand(QStringLiteral("Break.ClearOnSrc(%1)").arg(Quoted(sLoc)));
-  }
+  for (const QString& sLoc : std::as_const(*pSet)) RunCommand(QStringLiteral("Break.ClearOnSrc(%1)").arg(Quoted(sLoc)));
   pSet->clear();
 }
 
-bool CDapAdapter::IsLogPoint(U32 Pc) const { return m_LogPoints.contains(Pc & ~1u); }
+// A stop at a breakpoint whose console message is one of the client's log
+// messages: the model printed it, the target goes on.
+bool CDapAdapter::IsLogPoint(U32 Pc) const {
+  const CBreakpointInfo* b = CBreakpointsDataModel::Instance().FindAddr(Pc & ~1u);
+  return b && !b->ConsoleMsg.isEmpty() && m_LogMessages.contains(b->ConsoleMsg);
+}
 
 // Sets one breakpoint at a location text and applies condition, hit count
 // and log message. The DAP breakpoint record of the result.
@@ -86,11 +87,11 @@ QJsonObject CDapAdapter::ApplyBreakpoint(const QString& sLocation, const QJsonOb
     o.insert(QStringLiteral("message"), r.sError);
     return o;
   }
+  if (!sLog.isEmpty()) m_LogMessages.insert(sLog);
   int Kind = -1;
   const CAddrRange a = ResolveToAddress(sLocation, Kind);
   if (Kind >= 0) {
     o.insert(QStringLiteral("instructionReference"), QStringLiteral("0x%1").arg(a.start, 8, 16, QLatin1Char('0')));
-    if (!sLog.isEmpty()) m_LogPoints.insert(a.start & ~1u, sLog);
   }
   o.insert(QStringLiteral("verified"), true);
   return o;

@@ -66,6 +66,7 @@ void CDapDispatcher::HandleBody(const QByteArray& Body) {
   m_bBusy = true;
   while (!m_Queue.isEmpty()) Dispatch(m_Queue.takeFirst());
   m_bBusy = false;
+  if (m_Idle) m_Idle();
 }
 
 void CDapDispatcher::Dispatch(const QJsonObject& Request) {

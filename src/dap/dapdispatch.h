@@ -47,7 +47,11 @@ class CDapDispatcher {
   // and runs after it, in order.
   void HandleBody(const QByteArray& Body);
   void SendEvent(const QString& sEvent, const QJsonObject& Body = {});
+  // Called when the last queued request is answered.
+  void SetIdleHook(std::function<void()> Fn) { m_Idle = std::move(Fn); }
   bool IsInitialized() const { return m_bInitialized; }
+  // A handler runs (events that follow a response wait for it).
+  bool IsBusy() const { return m_bBusy; }
   // Requests received and answered, for the log and the tests.
   int AnsweredCount() const { return m_nAnswered; }
 
@@ -60,6 +64,7 @@ class CDapDispatcher {
   LOG m_Log;
   QHash<QString, HANDLER> m_Handlers;
   QList<QJsonObject> m_Queue;
+  std::function<void()> m_Idle;
   bool m_bBusy = false;
   bool m_bInitialized = false;
   int m_Seq = 1;

@@ -26,6 +26,7 @@ CDapServer::CDapServer(QObject* pParent) : QObject(pParent), m_pFramer(std::make
 }
 
 CDapServer::~CDapServer() {
+  *m_pAlive = false;
   delete m_pAdapter;
   m_pAdapter = nullptr;
 }
@@ -74,15 +75,18 @@ bool CDapServer::StartStdio() {
   m_OutFd = ::dup(STDOUT_FILENO);
   if (m_OutFd < 0 || ::dup2(STDERR_FILENO, STDOUT_FILENO) < 0) return false;
   // A blocking reader thread hands each chunk to the event loop.
-  std::thread([this] {
+  // The server may be gone while the thread still waits for input at exit:
+  // the thread then hands nothing over.
+  std::shared_ptr<std::atomic<bool>> pAlive = m_pAlive;
+  std::thread([this, pAlive] {
     char acBuf[65536];
     for (;;) {
       const ssize_t n = ::read(STDIN_FILENO, acBuf, sizeof(acBuf));
-      if (n <= 0) break;
+      if (n <= 0 || !*pAlive) break;
       const QByteArray Chunk(acBuf, qsizetype(n));
       QMetaObject::invokeMethod(this, [this, Chunk] { Feed(Chunk); }, Qt::QueuedConnection);
     }
-    QMetaObject::invokeMethod(this, [this] { OnInputEnd(); }, Qt::QueuedConnection);
+    if (*pAlive) QMetaObject::invokeMethod(this, [this] { OnInputEnd(); }, Qt::QueuedConnection);
   }).detach();
   return true;
 }

@@ -3,6 +3,7 @@
 // dispatcher and the adapter. Runs inside the application's event loop.
 #pragma once
 #include <QObject>
+#include <atomic>
 #include <memory>
 
 class CDapFramer;
@@ -39,4 +40,5 @@ class CDapServer : public QObject {
   QTcpServer* m_pTcp = nullptr;
   QTcpSocket* m_pClient = nullptr;
   bool m_bDone = false;
+  std::shared_ptr<std::atomic<bool>> m_pAlive = std::make_shared<std::atomic<bool>>(true);
 };

@@ -21,6 +21,7 @@ for (const backend of rig.BACKENDS) {
       dc = new DebugClient(rig.TAVIT, '-dap', 'tavit', { env: process.env }, !!process.env.DAP_STDERR);
       dc.defaultTimeout = 20000;
       await dc.start();
+      if (process.env.DAP_LOG) dc.on('output', (e) => process.stdout.write(`    | ${e.body.output}`));
     });
     afterEach(async () => {
       await dc.stop().catch(() => {});
@@ -166,12 +167,56 @@ for (const backend of rig.BACKENDS) {
       assert.match(await repl(`Target.ReadU32(0x${addr.toString(16)})`), /^305419896 /);
     });
 
+    it('stops at function breakpoints by hit count and at instruction breakpoints; log points print and go on', async () => {
+      await launchToMain([{ line: rig.markerLine('loop-top'), logMessage: 'passing the loop top' }]);
+      let logs = 0;
+      dc.on('output', (e) => { if (e.body.output.includes('passing the loop top')) ++logs; });
+      const fn = await dc.setFunctionBreakpointsRequest({ breakpoints: [{ name: 'Area', hitCondition: '2' }] });
+      assert.deepStrictEqual(fn.body.breakpoints.map((b) => b.verified), [true]);
+      assert.strictEqual((await resumeTo((a) => dc.continueRequest(a))).body.reason, 'breakpoint');
+      assert.strictEqual((await topFrame()).name, 'Area');
+      assert.strictEqual(parseInt((await dc.evaluateRequest({ expression: 'g_counter', context: 'watch' })).body.result), 2);
+      assert.strictEqual(logs, 2);
+      await dc.setFunctionBreakpointsRequest({ breakpoints: [] });
+      const ref = `0x${rig.nm('FillWide').toString(16)}`;
+      const ins = await dc.send('setInstructionBreakpoints', { breakpoints: [{ instructionReference: ref }] });
+      assert.deepStrictEqual(ins.body.breakpoints.map((b) => b.verified), [true]);
+      await resumeTo((a) => dc.continueRequest(a));
+      const f = await topFrame();
+      assert.strictEqual(f.name, 'FillWide');
+      assert.strictEqual(parseInt(f.instructionPointerReference, 16), rig.nm('FillWide'));
+      assert.strictEqual(logs, 3);
+    });
+
+    it('pauses a running target and restarts at main', async () => {
+      await launchToMain();
+      await dc.continueRequest({ threadId: 1 });
+      const busy = await dc.stackTraceRequest({ threadId: 1 }).catch((e) => e);
+      assert.match(String(busy.message), /program is running/);
+      assert.strictEqual((await resumeTo((a) => dc.pauseRequest(a))).body.reason, 'pause');
+      const stopped = dc.waitForEvent('stopped');
+      await dc.send('restart', {});
+      assert.strictEqual((await stopped).body.reason, 'entry');
+      assert.strictEqual((await topFrame()).name, 'main');
+    });
+
     it('answers errors with the console texts and terminates', async () => {
       await launchToMain();
       const unknown = await dc.evaluateRequest({ expression: 'Foo.Bar()', context: 'repl' }).catch((e) => e);
       assert.match(String(unknown.message), /Foo\.Bar\(\): unknown command/);
       const bad = await dc.send('noSuchRequest', {}).catch((e) => e);
       assert.match(String(bad.message), /unknown command: noSuchRequest/);
+      // Arguments of the wrong kind fail with a text; the adapter goes on.
+      for (const [cmd, args] of [['readMemory', { memoryReference: 'zz', count: 4 }], ['readMemory', { memoryReference: '0x0', count: -1 }],
+        ['disassemble', { memoryReference: '0x0', instructionCount: 0 }], ['variables', { variablesReference: 999 }],
+        ['scopes', { frameId: 77 }], ['setVariable', { variablesReference: 5, name: 'x', value: 'y' }],
+        ['writeMemory', { memoryReference: '0xfffffffe', data: 'AAAAAA==' }], ['launch', {}], ['configurationDone', {}]]) {
+        const r = await dc.send(cmd, args).catch((e) => e);
+        assert.ok(r instanceof Error && r.message.length > 0, `${cmd} ${JSON.stringify(args)}`);
+      }
+      const ins = await dc.send('setInstructionBreakpoints', { breakpoints: [{ instructionReference: 'nope' }] });
+      assert.deepStrictEqual(ins.body.breakpoints.map((b) => b.verified), [false]);
+      assert.strictEqual((await dc.threadsRequest()).body.threads.length, 1);
       const terminated = dc.waitForEvent('terminated');
       await dc.terminateRequest({});
       await terminated;
