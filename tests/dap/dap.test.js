@@ -8,6 +8,7 @@ const os = require('os');
 const path = require('path');
 const { DebugClient } = require('@vscode/debugadapter-testsupport');
 const rig = require('./rig');
+const cp = require('child_process');
 
 for (const backend of rig.BACKENDS) {
   describe(`tavit -dap on the ${backend.name}`, function () {
@@ -225,3 +226,22 @@ for (const backend of rig.BACKENDS) {
     });
   });
 }
+
+describe('tavit -dapport', function () {
+  this.timeout(30000);
+  it('serves one client on a loopback port and ends when it disconnects', async () => {
+    const port = await rig.freePort();
+    const proc = cp.spawn(rig.TAVIT, ['-dapport', String(port)], { stdio: ['ignore', 'ignore', 'pipe'] });
+    const exited = new Promise((resolve) => proc.on('exit', (code) => resolve(code)));
+    await new Promise((resolve) => proc.stderr.on('data', (d) => { if (String(d).includes('listening')) resolve(); }));
+    const dc = new DebugClient('', '', 'tavit');
+    await dc.start(port);
+    const init = await dc.initializeRequest();
+    assert.strictEqual(init.body.supportsConfigurationDoneRequest, true);
+    await dc.disconnectRequest({});
+    assert.strictEqual(await exited, 0);
+    const bad = cp.spawnSync(rig.TAVIT, ['-dapport', 'x'], { encoding: 'utf8', timeout: 20000 });
+    assert.strictEqual(bad.status, 2);
+    assert.match(bad.stderr, /-dapport needs a port number/);
+  });
+});

@@ -88,4 +88,4 @@ function launchArgs(backend, extra) {
   }, extra);
 }
 
-module.exports = { SOURCE_DIR, BUILD_DIR, TAVIT, PROGRAM, SOURCE, markerLine, nm, objdumpMnemonic, haveQemu, BACKENDS, launchArgs };
+module.exports = { SOURCE_DIR, BUILD_DIR, TAVIT, PROGRAM, SOURCE, markerLine, nm, objdumpMnemonic, haveQemu, freePort, BACKENDS, launchArgs };
