@@ -94,6 +94,9 @@ DAP_REPLY CDapAdapter::Scopes(const QJsonObject& a) {
   r.Kind = 2;
   Out.append(QJsonObject{{QStringLiteral("name"), QStringLiteral("Registers")}, {QStringLiteral("presentationHint"), QStringLiteral("registers")},
                          {QStringLiteral("variablesReference"), AddRef(r)}, {QStringLiteral("expensive"), false}});
+  r.Kind = 3;
+  Out.append(QJsonObject{{QStringLiteral("name"), QStringLiteral("Globals")}, {QStringLiteral("variablesReference"), AddRef(r)},
+                         {QStringLiteral("expensive"), true}});
   return DAP_REPLY::Done({{QStringLiteral("scopes"), Out}});
 }
 
@@ -135,6 +138,19 @@ DAP_REPLY CDapAdapter::Variables(const QJsonObject& a) {
       Out.append(QJsonObject{{QStringLiteral("name"), QLatin1String(kRegNames[i])},
                              {QStringLiteral("value"), Known ? Hex8(v) : QStringLiteral("<unknown>")},
                              {QStringLiteral("variablesReference"), 0}});
+    }
+  } else if (r.Kind == 3) {
+    // The program's global variables, in the order of the symbol service's list.
+    std::vector<ELF_SYM_HANDLE> Globals;
+    {
+      QMutexLocker Lock(&CElfApi::Instance().Mutex());
+      if (CElfApi::Instance().IsLoaded()) Globals = DWARF_GetProgramTables().GetGlobalVariableList();
+    }
+    for (size_t i = size_t(Start); i < Globals.size() && (Count <= 0 || Out.size() < Count); ++i) {
+      auto p = std::make_shared<CSymbol>(Globals[i], -1, int(i));
+      if (p->IsEmpty() || p->GetDisplayName().isEmpty()) continue;
+      m_Keep.append(p);
+      Out.append(VariableOf(p->GetDisplayName(), p.get(), p));
     }
   } else if (r.Kind == 4 && r.pSym) {
     const int n = r.pSym->GetChildCount();

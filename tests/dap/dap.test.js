@@ -87,7 +87,14 @@ for (const backend of rig.BACKENDS) {
       await resumeTo((a) => dc.continueRequest(a));
       const frame = await topFrame();
       const scopes = (await dc.scopesRequest({ frameId: frame.id })).body.scopes;
-      assert.deepStrictEqual(scopes.map((s) => s.name), ['Locals', 'Registers']);
+      assert.deepStrictEqual(scopes.map((s) => s.name), ['Locals', 'Registers', 'Globals']);
+      const globals = (await dc.variablesRequest({ variablesReference: scopes[2].variablesReference })).body.variables;
+      const wide = globals.find((v) => v.name === 'g_wide');
+      assert.ok(wide && parseInt(wide.memoryReference, 16) === rig.nm('g_wide'), JSON.stringify(globals));
+      const wideMembers = (await dc.variablesRequest({ variablesReference: wide.variablesReference })).body.variables;
+      assert.strictEqual(wideMembers.length, 100);
+      const regs = (await dc.variablesRequest({ variablesReference: scopes[1].variablesReference })).body.variables;
+      assert.strictEqual(parseInt(regs.find((v) => v.name === 'PC').value, 16), parseInt(frame.instructionPointerReference, 16));
       const locals = (await dc.variablesRequest({ variablesReference: scopes[0].variablesReference })).body.variables;
       const shape = locals.find((v) => v.name === 'shape');
       assert.ok(shape && shape.variablesReference > 0, JSON.stringify(locals));
@@ -199,6 +206,26 @@ for (const backend of rig.BACKENDS) {
       await dc.send('restart', {});
       assert.strictEqual((await stopped).body.reason, 'entry');
       assert.strictEqual((await topFrame()).name, 'main');
+    });
+
+    it('attaches to a running target and halts it', async () => {
+      // A fresh target: QEMU runs the program it loaded itself; the
+      // simulator's core runs what its empty memory holds.
+      backend.stop();
+      host = await backend.start(true);
+      await dc.stop();
+      dc = new DebugClient(rig.TAVIT, '-dap', 'tavit', { env: process.env });
+      await dc.start();
+      const stopped = dc.waitForEvent('stopped');
+      await dc.initializeRequest();
+      const initialized = dc.waitForEvent('initialized');
+      await dc.attachRequest(rig.launchArgs(backend, host));
+      await initialized;
+      await dc.configurationDoneRequest();
+      assert.strictEqual((await stopped).body.reason, 'entry');
+      const f = await topFrame();
+      if (backend.needsQemu) assert.ok(['main', 'Area', 'FillWide'].includes(f.name), f.name);
+      else assert.match(f.instructionPointerReference, /^0x[0-9a-f]{8}$/);
     });
 
     it('answers errors with the console texts and terminates', async () => {

@@ -68,12 +68,12 @@ const BACKENDS = [
   { name: 'simulator', hostInterface: 'USB', start: async () => ({}), stop: () => {} },
   {
     name: 'QEMU', hostInterface: 'IP', needsQemu: true,
-    async start() {
-      // QEMU's GDB server does not answer the probe's first connection
-      // check; it waits for the debugger with the core stopped.
+    // Stopped and empty, or (running) with the program loaded and running.
+    async start(running) {
       const port = await freePort();
+      const extra = running ? ['-kernel', PROGRAM] : ['-S'];
       this.proc = cp.spawn('qemu-system-arm', ['-M', 'mps2-an385', '-gdb', `tcp:127.0.0.1:${port}`, '-display', 'none',
-        '-monitor', 'none', '-serial', 'null', '-S'], { stdio: 'ignore' });
+        '-monitor', 'none', '-serial', 'null', ...extra], { stdio: 'ignore' });
       await waitListening(port, 5000);
       return { host: `127.0.0.1:${port}` };
     },
