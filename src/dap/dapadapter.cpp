@@ -271,7 +271,9 @@ DAP_REPLY CDapAdapter::StackTrace(const QJsonObject& a) {
 // ---------------------------------------------------------------- run control
 
 DAP_REPLY CDapAdapter::Resume(const QString& sCommand, const QString& sReason, const QJsonObject& a) {
-  if (const QString e = HaltedError(); !e.isEmpty()) return DAP_REPLY::Fail(e);
+  // Without a connection the command itself answers, with the console's text.
+  if (m_State == DAP_RUNNING) return DAP_REPLY::Fail(QStringLiteral("program is running"));
+  const DAP_STATE Was = m_State;
   // Instruction granularity: the disassembly is the active code view for
   // this step, as when the user steps in that window.
   CDebugSession* pSession = SessionModule::DebugSession();
@@ -285,7 +287,7 @@ DAP_REPLY CDapAdapter::Resume(const QString& sCommand, const QString& sReason, c
   DAP_REPLY r = RunCommand(sCommand);
   if (pSession) pSession->SetActiveCodeView(Before);
   if (!r.Ok) {
-    m_State = DAP_STOPPED;
+    m_State = Was;
     return r;
   }
   r.Body = {};

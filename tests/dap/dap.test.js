@@ -250,6 +250,8 @@ for (const backend of rig.BACKENDS) {
       await terminated;
       const after = await dc.stackTraceRequest({ threadId: 1 }).catch((e) => e);
       assert.match(String(after.message), /not connected/);
+      const step = await dc.nextRequest({ threadId: 1 }).catch((e) => e);
+      assert.match(String(step.message), /^Debug\.StepOver ?\(\): not connected$/);
     });
   });
 }
