@@ -257,12 +257,20 @@ for (const backend of rig.BACKENDS) {
 }
 
 describe('tavit -dapport', function () {
-  this.timeout(30000);
+  this.timeout(60000);
   it('serves one client on a loopback port and ends when it disconnects', async () => {
-    const port = await rig.freePort();
-    const proc = cp.spawn(rig.TAVIT, ['-dapport', String(port)], { stdio: ['ignore', 'ignore', 'pipe'] });
-    const exited = new Promise((resolve) => proc.on('exit', (code) => resolve(code)));
-    await new Promise((resolve) => proc.stderr.on('data', (d) => { if (String(d).includes('listening')) resolve(); }));
+    // Another test may take the free port first: then the next one.
+    let proc, port, exited;
+    for (let attempt = 0; attempt < 5 && !proc; ++attempt) {
+      port = await rig.freePort();
+      const p = cp.spawn(rig.TAVIT, ['-dapport', String(port)], { stdio: ['ignore', 'ignore', 'pipe'] });
+      const ended = new Promise((resolve) => p.on('exit', (code) => resolve(code)));
+      let err = '';
+      const listening = await Promise.race([ended.then(() => false),
+        new Promise((resolve) => p.stderr.on('data', (d) => { err += String(d); if (err.includes('listening on')) resolve(true); }))]);
+      if (listening) [proc, exited] = [p, ended];
+    }
+    assert.ok(proc, 'no port to listen on');
     const dc = new DebugClient('', '', 'tavit');
     await dc.start(port);
     const init = await dc.initializeRequest();
