@@ -198,20 +198,30 @@ DAP_REPLY CDapAdapter::StartSession() {
   const DAP_REPLY r = RunCommand(QStringLiteral("Debug.Start()"));
   if (!r.Ok) return r;
   if (!WaitSessionIdle(60000)) return DAP_REPLY::Fail(QStringLiteral("target did not halt within 60 s"));
-  m_bStopReported = false;
   CDevice* d = Dev();
   if (!d || !d->IsConnected()) {
     m_State = DAP_LAUNCHED;
     return DAP_REPLY::Fail(QStringLiteral("not connected"));
   }
-  m_State = DAP_RUNNING;
-  m_sPendingReason = QStringLiteral("breakpoint");
   DAP_REPLY Done;
-  Done.After = [this] {
-    if (CDevice* dd = Dev(); dd && dd->IsConnected() && !dd->IsRunning()) SendStopped(QStringLiteral("entry"));
-    else m_pDisp->SendEvent(QStringLiteral("continued"), {{QStringLiteral("threadId"), 1}, {QStringLiteral("allThreadsContinued"), true}});
-  };
+  Done.After = [this] { AfterStart(); };
   return Done;
+}
+
+// After a start or reset: a target standing still stopped at the entry or
+// the break symbol; one still on its way there (a run to the symbol not yet
+// begun or not yet halted) gives its stopped event with the halt report.
+void CDapAdapter::AfterStart() {
+  CDevice* d = Dev();
+  m_State = DAP_RUNNING;
+  m_bStopReported = false;
+  const bool RunningTo = d && d->IsJobPending(JT_RUN_TO);
+  m_sPendingReason = RunningTo ? QStringLiteral("entry") : QStringLiteral("breakpoint");
+  if (d && d->IsConnected() && !d->IsRunning() && !RunningTo && d->IsTargetHalted()) {
+    SendStopped(QStringLiteral("entry"));
+    return;
+  }
+  m_pDisp->SendEvent(QStringLiteral("continued"), {{QStringLiteral("threadId"), 1}, {QStringLiteral("allThreadsContinued"), true}});
 }
 
 DAP_REPLY CDapAdapter::ConfigurationDone(const QJsonObject&) {
@@ -314,7 +324,9 @@ DAP_REPLY CDapAdapter::Pause(const QJsonObject&) {
   return r;  // the halt report counts as a stop: the count of the resume stands
 }
 
-void CDapAdapter::OnDeviceHaltDone(U32 NewPC, HALT_REASONS) {
+void CDapAdapter::OnDeviceHaltDone(U32 NewPC, HALT_REASONS Reason) {
+  if (m_bAwaitRunTo && Reason != HALT_REASON_RUN_TO) return;
+  m_bAwaitRunTo = false;
   // A stop after continue where no code breakpoint stands, with data
   // breakpoints set, is theirs.
   if (m_State == DAP_RUNNING && m_sPendingReason == QLatin1String("breakpoint") && Dev() && Dev()->WpCount() > 0 &&
@@ -373,16 +385,25 @@ DAP_REPLY CDapAdapter::Restart(const QJsonObject&) {
   CDevice* d = Dev();
   if (!d || !d->IsConnected()) return DAP_REPLY::Fail(QStringLiteral("not connected"));
   ForgetRefs();
+  // With a run to the break symbol, the stop is the halt of that run; the
+  // halts of the reset before it are not the client's.
+  const bool ToSymbol = SysVars::GetValue(VAR_RESET_MODE) == RM_BREAK_AT_SYMBOL;
   m_State = DAP_LAUNCHED;
+  m_bAwaitRunTo = ToSymbol;
+  m_bStopReported = false;
   DAP_REPLY r = RunCommand(QStringLiteral("Debug.Reset()"));
   WaitSessionIdle(60000);
-  m_State = DAP_RUNNING;
-  m_sPendingReason = QStringLiteral("breakpoint");
-  m_bStopReported = false;
-  if (!r.Ok) return r;
+  if (!r.Ok) {
+    m_bAwaitRunTo = false;
+    m_State = DAP_STOPPED;
+    return r;
+  }
   r.Body = {};
-  r.After = [this] {
-    if (CDevice* dd = Dev(); dd && dd->IsConnected() && !dd->IsRunning()) SendStopped(QStringLiteral("entry"));
+  r.After = [this, ToSymbol] {
+    if (!ToSymbol) return AfterStart();
+    m_State = DAP_RUNNING;
+    m_sPendingReason = QStringLiteral("entry");
+    CheckStopped();
   };
   return r;
 }

@@ -86,6 +86,7 @@ class CDapAdapter : public QObject, public CDeviceEventListener {
   DAP_REPLY StartSession();
   // Waits while the session still handles a resume, start or halt.
   bool WaitSessionIdle(int TimeoutMs);
+  void AfterStart();
   void CheckStopped();
   void SendStopped(const QString& sReason);
   void EndSession(bool SendTerminated);
@@ -115,7 +116,8 @@ class CDapAdapter : public QObject, public CDeviceEventListener {
   bool m_bLinesStartAt1 = true;
   QString m_sPendingReason;  // reason of the next stop, set by the request that resumed
   bool m_bCheckQueued = false;
-  bool m_bStopReported = false;  // a halt or step report came since the client resumed
+  bool m_bStopReported = false;
+  bool m_bAwaitRunTo = false;  // a restart waits for the halt of its run to the break symbol  // a halt or step report came since the client resumed
   bool m_bEnded = false;
   QHash<QString, QSet<QString>> m_SourceBps;  // file -> location texts set by setBreakpoints
   QSet<QString> m_FunctionBps, m_InstructionBps;
