@@ -1,6 +1,7 @@
 #include "app/startup.h"
 
 #include "app/batch.h"
+#include "dap/dapserver.h"
 #include "ui/registers/registermodel.h"
 #include "ui/source/sourceeditor.h"
 #include "ui/source/sourcewindow.h"
@@ -37,6 +38,7 @@
 #include "ui/memory/memorywindow.h"
 #include "ui/registers/registerwindow.h"
 #include "ui/symbols/symbolsmodule.h"
+#include "ui/shell/consolewindow.h"
 #include "ui/shell/mainwindow.h"
 #include "ui/shell/statusbar.h"
 
@@ -368,7 +370,7 @@ int RunTavit(int argc, char** argv) {
   for (int i = 0; i < argc; ++i) RawArgs.append(QString::fromLocal8Bit(argv[i]));
   const CMDLINE_OPTIONS Early = ParseCmdLine(RawArgs);
   // Batch mode needs no screen: without a display the offscreen platform is used.
-  if (Early.IsBatch && qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") &&
+  if ((Early.IsBatch || Early.IsDap) && qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") &&
       qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
     qputenv("QT_QPA_PLATFORM", "offscreen");
   QStringList BatchLines;
@@ -409,7 +411,7 @@ int RunTavit(int argc, char** argv) {
   Fonts::ResetToDefaults();
   // 8. (The device data manager is created by the device module on first use.)
   // 9. The modules, then the main window.
-  if (o.IsBatch) CMessageBox::SetBatchMode(true);
+  if (o.IsBatch || o.IsDap) CMessageBox::SetBatchMode(true);
   InstallModules();
   auto* pMain = new CMainWindow;
   ConnectMainWindow(pMain);
@@ -429,15 +431,32 @@ int RunTavit(int argc, char** argv) {
   InstallLogMessageHandler();
   int Exit = 0;
   std::unique_ptr<CBatchRunner> pBatch;
+  std::unique_ptr<CDapServer> pDap;
   if (o.IsBatch) {
     pBatch = std::make_unique<CBatchRunner>(pMain, BatchLines, o.BatchTimeLimitS, pStartOk);
     pBatch->Start();
+  } else if (o.IsDap) {
+    // The debug adapter: no window; the client's requests run the commands.
+    pMain->ConsoleWindow()->SetDrawingEnabled(false);
+    pDap = std::make_unique<CDapServer>();
+    QObject::connect(pDap.get(), &CDapServer::Finished, pMain, [pMain] {
+      if (!pMain->IsClosing()) pMain->close();
+      QTimer::singleShot(0, [] { QCoreApplication::quit(); });
+    });
+    const bool Listening = o.DapPort == 0 ? pDap->StartStdio() : o.DapPort > 0 && pDap->StartTcp(o.DapPort);
+    if (!Listening) {
+      fprintf(stderr, o.DapPort < 0 ? "dap: -dapport needs a port number from 1 to 65535\n"
+                                    : "dap: cannot listen on the port (in use?)\n");
+      Exit = 2;
+    } else {
+      QTimer::singleShot(0, pMain, [pMain] { pMain->RunWindowShown(); });
+    }
   } else {
     // 12. Show.
     pMain->show();
   }
   // 13. The event loop.
-  Exit = QApplication::exec();
+  if (Exit == 0) Exit = QApplication::exec();
   // 14. After the loop: the main window goes, the settings are written once.
   delete pMain;
   Settings::Save();
@@ -447,6 +466,7 @@ int RunTavit(int argc, char** argv) {
   }
   LogFlush();
   CloseLogFiles();
+  pDap.reset();
   pBatch.reset();
   pApp.reset();
   return Exit;

@@ -25,6 +25,7 @@ const OPTION kOptions[] = {
     {"debug", VALUE_NONE, false},          {"vordenscriptfile", VALUE_REQUIRED, false},
     {"jtagconfig", VALUE_REQUIRED, false}, {"batch", VALUE_REQUIRED, false},
     {"batchtimelimit", VALUE_REQUIRED, false},
+    {"dap", VALUE_NONE, false},            {"dapport", VALUE_REQUIRED, false},
 };
 
 const char* const kBatchUsage = "batch mode needs a file: -batch FILE, or -batch - for standard input";
@@ -86,6 +87,12 @@ void ApplyOption(CMDLINE_OPTIONS& o, const QString& sName, bool HasValue, const 
       bool ok = false;
       const int Seconds = v.toInt(&ok);
       if (ok && Seconds >= 0) o.BatchTimeLimitS = Seconds;
+    } else if (n == QLatin1String("dap")) o.IsDap = true;
+    else if (n == QLatin1String("dapport")) {
+      bool ok = false;
+      const int Port = v.toInt(&ok);
+      o.IsDap = true;
+      o.DapPort = ok && Port > 0 && Port < 65536 ? Port : -1;
     }
     return;
   }

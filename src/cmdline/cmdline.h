@@ -25,6 +25,10 @@ struct CMDLINE_OPTIONS {
   // -batchtimelimit SECONDS: the longest time one batch line may take
   // (waits such as Util.Sleep count); 0 means no limit.
   int BatchTimeLimitS = 30;
+  // Debug Adapter Protocol server without a window: -dap speaks on standard
+  // input and output, -dapport PORT on a loopback TCP port (-1: a bad port).
+  bool IsDap = false;
+  int DapPort = 0;
 };
 
 // Parses an argument list whose first entry is the program path.
