@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>  // the shared target helpers use its parameter type
 
 #include "../../tests/device/target_support.h"
+#include "../benchsupport.h"
 #include "commands/actions.h"
 #include "device/device.h"
 #include "device/headless_app.h"
@@ -30,33 +31,10 @@
 
 namespace {
 
-struct STEP_CLOCK : CDeviceEventListener {
-  QElapsedTimer t;
-  int n = 0;
-  void OnDeviceStepped(U32) override {
-    t.start();
-    ++n;
-  }
-};
-
-I64 Run(int Id, const QVariant& a = {}) {
-  ExecAction(Id, a);
-  WaitForCommand(Id);
-  return GetActionResult(Id);
-}
-
-double Median(std::vector<double> v) {
-  if (v.empty()) return 0;
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
-}
-
-bool WaitFor(const std::function<bool()>& Done, int Ms = 5000) {
-  QElapsedTimer t;
-  t.start();
-  while (!Done() && t.elapsed() < Ms) QCoreApplication::processEvents(QEventLoop::AllEvents, 1);
-  return Done();
-}
+using bench::Median;
+using bench::Run;
+using bench::STEP_CLOCK;
+using bench::WaitFor;
 
 // 200 expressions over a program's globals: scalars, members, bit fields,
 // array elements, pointer targets, arithmetic; the corpus program on the

@@ -52,19 +52,13 @@ void OnClose(int Id) {
   Ok(Id);
 }
 
-void OnCloseAll(int Id) {
+// Closing several documents: the question for the modified ones first; a
+// cancel closes none.
+void CloseSeveral(int Id, bool (CSourceWindow::*Ask)(), void (CSourceWindow::*Close)()) {
   CSourceWindow* w = Window(Id);
   if (!w || !CheckArgCount(Id)) return;
-  if (!w->NotifyUserCloseAll()) return void(Fail(Id, QStringLiteral("cancelled")));
-  w->CloseAll();
-  Ok(Id);
-}
-
-void OnCloseAllButThis(int Id) {
-  CSourceWindow* w = Window(Id);
-  if (!w || !CheckArgCount(Id)) return;
-  if (!w->NotifyUserCloseAllButThis()) return void(Fail(Id, QStringLiteral("cancelled")));
-  w->CloseAllButThis();
+  if (!(w->*Ask)()) return void(Fail(Id, QStringLiteral("cancelled")));
+  (w->*Close)();
   Ok(Id);
 }
 
@@ -183,8 +177,10 @@ void OnFindText(int Id) {
 
 void SourceCommands::Install() {
   SetCommandSlot(AID_FILE_CLOSE, OnClose);
-  SetCommandSlot(AID_FILE_CLOSE_ALL, OnCloseAll);
-  SetCommandSlot(AID_FILE_CLOSE_ALL_BUT_THIS, OnCloseAllButThis);
+  SetCommandSlot(AID_FILE_CLOSE_ALL, [](int Id) { CloseSeveral(Id, &CSourceWindow::NotifyUserCloseAll, &CSourceWindow::CloseAll); });
+  SetCommandSlot(AID_FILE_CLOSE_ALL_BUT_THIS, [](int Id) {
+    CloseSeveral(Id, &CSourceWindow::NotifyUserCloseAllButThis, &CSourceWindow::CloseAllButThis);
+  });
   SetCommandSlot(AID_GUI_FILE_CLOSE_ALL_UNEDITED, [](int Id) {
     if (CSourceWindow* w = Window(Id)) w->CloseAllUneditedDocuments(), Ok(Id);
   });
