@@ -4,6 +4,7 @@
 #include "log/log.h"
 
 #include <QHash>
+#include <cstring>
 #include <QSet>
 
 namespace {
@@ -105,6 +106,17 @@ U32 CType::GetClass(const QString& sText) {
   return c;
 }
 
+// s ends with End; a one-word End must stand as a whole word there, so that
+// a struct "Point" is no "int" (the spellings of several words keep their
+// plain ending, as "ulong long" ends in "long long").
+static bool EndsWithWord(const QString& s, const char* End) {
+  const qsizetype n = qsizetype(strlen(End));
+  if (!s.endsWith(QLatin1String(End))) return false;
+  if (s.size() == n || End[0] == '*' || strchr(End, ' ')) return true;
+  const QChar c = s.at(s.size() - n - 1);
+  return !(c.isLetterOrNumber() || c == QLatin1Char('_'));
+}
+
 static U32 ClassOfText(const QString& sText) {
   QString s = sText;
   for (const char* w : {"const", "volatile", "register", "static"}) s.replace(QLatin1String(w), QString());
@@ -115,7 +127,7 @@ static U32 ClassOfText(const QString& sText) {
     {"float", 135}, {"double", 6}, {"*", 128},
   };
   for (const auto& e : kEnds)
-    if (s.endsWith(QLatin1String(e.end))) return e.cls;
+    if (EndsWithWord(s, e.end)) return e.cls;
   return 0;
 }
 
@@ -162,7 +174,7 @@ CType::CType(const QString& sText) {
     {"char", 131}, {"short", 130}, {"int", 2}, {"long long", 4}, {"long", 129}, {"float", 135}, {"double", 6},
   };
   for (const auto& e : kEnds)
-    if (sShort.endsWith(QLatin1String(e.end))) {
+    if (EndsWithWord(sShort, e.end)) {
       kind = e.kind;
       break;
     }
