@@ -122,6 +122,12 @@ TEST(TypeText, Parse) {
   EXPECT_EQ(s.kind, TYPE_KIND_UNKNOWN);
   EXPECT_EQ(s.identifier, "struct foo");
   EXPECT_TRUE(s.IsPointer());
+  // A name that merely ends in a basic type's spelling is none.
+  for (const char* n : {"struct Point", "Point", "Mint", "Along", "Ushort_t"}) {
+    EXPECT_EQ(CType(n).kind, TYPE_KIND_UNKNOWN) << n;
+    EXPECT_EQ(CType::GetClass(n), 0u) << n;
+  }
+  EXPECT_EQ(CType::GetClass("Point*"), 128u);
   EXPECT_EQ(CType("enum color").kind, 257u);
   EXPECT_EQ(CType("enum color").size, 4);
   EXPECT_EQ(CType("bool").kind, 1u);
