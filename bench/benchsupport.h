@@ -45,4 +45,13 @@ inline I64 Run(int Id, const QVariant& a = {}) {
   return GetActionResult(Id);
 }
 
+// Chooses the target, connects, downloads the program and resets, as a
+// project and Exec commands would; false when one of them failed.
+inline bool StartTarget(const char* sDevice, const char* sHostIF, const QString& sIdent, const QString& sProgram) {
+  ExecAction(AID_PROJECT_SET_DEVICE, sDevice);
+  ExecAction(AID_PROJECT_SET_HOST_IF, sHostIF, sIdent);
+  ExecAction(AID_PROJECT_SET_TARGET_IF, "SWD");
+  return Run(AID_EXEC_CONNECT) == 0 && Run(AID_EXEC_DOWNLOAD, sProgram) == 0 && Run(AID_EXEC_RESET) == 0;
+}
+
 }  // namespace bench

@@ -33,11 +33,7 @@ void Measure(const devtest::BACKEND& b, int Rounds) {
   }
   devtest::CTargetRig Rig(b);
   STEP_CLOCK Clock;
-  ExecAction(AID_PROJECT_SET_DEVICE, b.sDevice);
-  ExecAction(AID_PROJECT_SET_HOST_IF, b.sHostIF, Rig.Ident());
-  ExecAction(AID_PROJECT_SET_TARGET_IF, "SWD");
-  if (Run(AID_EXEC_CONNECT) != 0 || Run(AID_EXEC_DOWNLOAD, devtest::SourcePath(b.sFirmware)) != 0 ||
-      Run(AID_EXEC_RESET) != 0) {
+  if (!bench::StartTarget(b.sDevice, b.sHostIF, Rig.Ident(), devtest::SourcePath(b.sFirmware))) {
     printf("%s: could not connect and download\n", b.sName);
     return;
   }

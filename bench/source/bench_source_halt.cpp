@@ -36,10 +36,7 @@ void Measure(const devtest::BACKEND& b, int Steps) {
   STEP_CLOCK Clock;
   const QString sElf = devtest::SourcePath(b.sFirmware);
   CElfApi::Instance().Load(sElf);
-  ExecAction(AID_PROJECT_SET_DEVICE, b.sDevice);
-  ExecAction(AID_PROJECT_SET_HOST_IF, b.sHostIF, Rig.Ident());
-  ExecAction(AID_PROJECT_SET_TARGET_IF, "SWD");
-  if (Run(AID_EXEC_CONNECT) != 0 || Run(AID_EXEC_DOWNLOAD, sElf) != 0 || Run(AID_EXEC_RESET) != 0) {
+  if (!bench::StartTarget(b.sDevice, b.sHostIF, Rig.Ident(), sElf)) {
     printf("%s: could not connect and download\n", b.sName);
     return;
   }

@@ -444,7 +444,7 @@ bool CSourceWindow::SaveAll(QString* pError) {
 }
 
 bool CSourceWindow::IsDocumentModified(U32 FileNo) {
-  StoreViewState();
+  // The flags follow the editor's state signal; no copy of the text needed.
   CSourceFile* d = m_Docs.Get(FileNo);
   return d && d->HasUnsavedChanges;
 }
@@ -452,7 +452,6 @@ bool CSourceWindow::IsDocumentModified(U32 FileNo) {
 bool CSourceWindow::HasDocumentWithUnsavedChanges() { return !GetDocsWithUnsavedChangesFileNames().isEmpty(); }
 
 QStringList CSourceWindow::GetDocsWithUnsavedChangesFileNames() {
-  StoreViewState();
   QStringList l;
   for (CSourceFile* d : m_Docs.All())
     if (d->HasUnsavedChanges) l << d->Name();
