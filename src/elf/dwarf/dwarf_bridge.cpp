@@ -1292,6 +1292,7 @@ bool ReadOps(Session* s, Die d, Dwarf_Locdesc_c desc, Dwarf_Unsigned n, std::vec
     op.op1 = o1;
     op.op2 = o2;
     op.op3 = o3;
+    op.offset = br;
     if ((atom == DW_OP_implicit_value || atom == DW_OP_entry_value || atom == DW_OP_GNU_entry_value) && o2 &&
         o1 < 0x10000)
       op.block.assign(reinterpret_cast<const U8*>(o2), reinterpret_cast<const U8*>(o2) + o1);

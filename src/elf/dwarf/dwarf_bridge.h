@@ -108,6 +108,7 @@ struct LocOp {
   U8 atom;
   U64 op1, op2, op3;
   std::vector<U8> block; // DW_OP_implicit_value bytes, DW_OP_entry_value sub-expression
+  U64 offset = 0;        // of the operation in its expression, for DW_OP_skip and DW_OP_bra
 };
 struct LocEntry {
   U64 lo, hi; // addresses the entry applies to ([0, ~0) for a single expression)

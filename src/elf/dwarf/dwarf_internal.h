@@ -43,6 +43,14 @@ struct DW_FILE_REC {
   std::vector<U32> units; // keys of compile unit roots
 };
 
+// A call site and its parameters (keys in DW_CTX::callParams).
+struct DW_CALL_SITE {
+  U32 returnPc = 0;  // file address after the call
+  U32 key = 0;
+  U32 firstParam = 0;
+  U32 paramCount = 0;
+};
+
 struct DW_CTX {
   dwb::Session* s = nullptr;
   ELF_FILE* f = nullptr;
@@ -66,6 +74,9 @@ struct DW_CTX {
   std::vector<ELF_MACRO> macros;
   std::vector<std::unique_ptr<char[]>> macroTexts;
   std::string typeNameBuf;
+  std::vector<DW_CALL_SITE> callSites; // in walk order until sorted by return address
+  std::vector<U32> callParams;
+  bool callSitesSorted = false;
 };
 
 DW_CTX* DwCtx(const ELF_FILE* f);

@@ -22,7 +22,9 @@ enum : U32 {
   AT_UPPER_BOUND = 47, AT_ABSTRACT_ORIGIN = 49, AT_ACCESSIBILITY = 50, AT_ARTIFICIAL = 52, AT_COUNT = 55,
   AT_DATA_MEMBER_LOCATION = 56, AT_DECLARATION = 60, AT_EXTERNAL = 63, AT_SPECIFICATION = 71, AT_TYPE = 73,
   AT_VIRTUALITY = 76, AT_EXTENSION = 84, AT_RANGES = 85, AT_OBJECT_POINTER = 100, AT_MAIN_SUBPROGRAM = 106,
-  AT_DATA_BIT_OFFSET = 107,
+  AT_DATA_BIT_OFFSET = 107, AT_CALL_RETURN_PC = 0x7d,
+  TAG_CALL_SITE = 0x48, TAG_CALL_SITE_PARAMETER = 0x49, TAG_GNU_CALL_SITE = 0x4109,
+  TAG_GNU_CALL_SITE_PARAMETER = 0x410a,
 };
 
 constexpr U32 KEY_TYPES_BIT = 0x80000000u;
@@ -284,6 +286,17 @@ bool Collect(DW_CTX* c, U32 key, U32 tag, bool typeUnit, U32 parent, I64 func, i
     }
     if ((tag == ELF_TAG_VARIABLE || tag == ELF_TAG_PARAMETER) && func >= 0 && !IsDeclAttr(c, key)) {
       if (ELF_DIE_EXTRA* x = Extra(c, (U32)func)) x->locals.push_back(key);
+    }
+    // Call sites (DWARF 5 and the GNU forerunners), for values on function entry.
+    if (tag == TAG_CALL_SITE || tag == TAG_GNU_CALL_SITE) {
+      bool found = false;
+      U64 pc = tag == TAG_CALL_SITE ? AttrValue(c, key, AT_CALL_RETURN_PC, &found) : 0;
+      if (!found) pc = AttrValue(c, key, AT_LOW_PC, &found);
+      if (found && pc <= 0xFFFFFFFFu) c->callSites.push_back({(U32)pc, key, (U32)c->callParams.size(), 0});
+    } else if ((tag == TAG_CALL_SITE_PARAMETER || tag == TAG_GNU_CALL_SITE_PARAMETER) && !c->callSites.empty() &&
+               c->callSites.back().key == parent) {
+      c->callParams.push_back(key);
+      ++c->callSites.back().paramCount;
     }
   }
   if (tag == ELF_TAG_TYPEDEF ||

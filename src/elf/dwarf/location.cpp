@@ -1,12 +1,20 @@
 #include "elf/dwarf/location.h"
 #include "elf/dwarf/dwarf_internal.h"
+#include "elf/dwarf/expr_eval.h"
 #include "elf/dwarf/target_access.h"
 #include "elf/elf_file.h"
+#include "elf/elfapi.h"
 #include "log/log.h"
 
+#include <QMutexLocker>
+
+#include <algorithm>
+#include <deque>
+#include <mutex>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unordered_map>
 
 namespace {
 U32 g_SpRegister = 13;
@@ -65,6 +73,7 @@ const char* ELF_LocationToText(const ELF_SYM_LOC& Loc) {
   case 13: off ? snprintf(out, n, "Parent value %s %d", sign, mag) : snprintf(out, n, "Parent value"); break;
   case 14: off ? snprintf(out, n, "Parent loc %s %d", sign, mag) : snprintf(out, n, "Parent loc"); break;
   case 15: snprintf(out, n, "%s (on entry)", "?"); break;
+  case 17: snprintf(out, n, "DWARF expression"); break;
   default: snprintf(out, n, "N/A"); break;
   }
   return out;
@@ -245,6 +254,7 @@ ELF_DIE_INFO* InfoOf(DW_CTX* c, U32 key);
 bool Attr(DW_CTX* c, U32 key, U32 code, dwb::AttrValue* v);
 U32 InheritedOwner(DW_CTX* c, U32 key, U32 code);
 bool HasOwnAttr(DW_CTX* c, U32 key, U32 code);
+U32 RefAttr(DW_CTX* c, U32 key, U32 code);
 } // namespace dwarf_internal
 
 namespace {
@@ -281,71 +291,105 @@ ELF_SYM_LOC Empty() {
 
 ELF_SYM_LOC ParseOps(const Ctx& x, U32 pc, U32 attr, const std::vector<dwb::LocOp>& ops, int depth);
 
-bool ReadUleb(const U8*& p, const U8* end, U64* v) {
-  U64 r = 0;
-  for (int shift = 0; p < end; shift += 7) {
-    const U8 b = *p++;
-    if (shift < 64) r |= (U64)(b & 0x7F) << shift;
-    if (!(b & 0x80)) {
-      *v = r;
-      return true;
-    }
+// ---- locations that only an evaluation can give ---------------------------------
+
+// Operation lists of such locations, numbered in the order first seen; equal
+// lists share a number. A location part keeps the number, so it stays plain data.
+std::mutex g_ExprMutex;
+std::deque<std::vector<dwb::LocOp>> g_Exprs;
+std::unordered_map<std::string, U32> g_ExprNumbers;
+constexpr size_t kMaxExpressions = 1u << 20;
+
+std::string ExprKey(const std::vector<dwb::LocOp>& ops) {
+  std::string k;
+  for (const dwb::LocOp& op : ops) {
+    k.append((const char*)&op.atom, 1);
+    k.append((const char*)&op.op1, 8);
+    k.append((const char*)&op.op2, 8);
+    k.append((const char*)&op.offset, 8);
+    const U32 n = (U32)op.block.size();
+    k.append((const char*)&n, 4);
+    k.append((const char*)op.block.data(), n);
   }
-  return false;
+  return k;
 }
 
-bool ReadSleb(const U8*& p, const U8* end, I64* v) {
-  I64 r = 0;
-  int shift = 0;
-  for (; p < end; shift += 7) {
-    const U8 b = *p++;
-    if (shift < 64) r |= (I64)(b & 0x7F) << shift;
-    if (!(b & 0x80)) {
-      if (shift + 7 < 64 && (b & 0x40)) r |= -((I64)1 << (shift + 7));
-      *v = r;
-      return true;
-    }
-  }
-  return false;
+// The number of a list, 0 when the table is full.
+U32 InternExpression(const std::vector<dwb::LocOp>& ops) {
+  std::lock_guard<std::mutex> Lock(g_ExprMutex);
+  const std::string k = ExprKey(ops);
+  const auto it = g_ExprNumbers.find(k);
+  if (it != g_ExprNumbers.end()) return it->second;
+  if (g_Exprs.size() >= kMaxExpressions) return 0;
+  g_Exprs.push_back(ops);
+  return g_ExprNumbers[k] = (U32)g_Exprs.size();
 }
 
-// The operations a sub-expression of DW_OP_entry_value holds in practice:
-// a register, or a register or frame base with an offset.
-bool DecodeSub(const std::vector<U8>& block, std::vector<dwb::LocOp>& out) {
-  const U8* p = block.data();
-  const U8* end = p + block.size();
-  while (p < end) {
-    dwb::LocOp op{};
-    op.atom = *p++;
-    U64 u = 0;
-    I64 sv = 0;
-    if (op.atom >= 0x50 && op.atom <= 0x6F) {
-    } else if ((op.atom >= 0x70 && op.atom <= 0x8F) || op.atom == 0x91) {
-      if (!ReadSleb(p, end, &sv)) return false;
-      op.op1 = (U64)sv;
-    } else if (op.atom == 0x90) {
-      if (!ReadUleb(p, end, &u)) return false;
-      op.op1 = u;
-    } else if (op.atom == 0x92) {
-      if (!ReadUleb(p, end, &u) || !ReadSleb(p, end, &sv)) return false;
-      op.op1 = u;
-      op.op2 = (U64)sv;
-    } else {
+// Whether the two-part model states a location list exactly: lone places
+// (address, register, register or frame base with offset, CFA, implicit
+// value), a place and DW_OP_plus_uconst, a register-based value
+// (DW_OP_stack_value after one of them), or pieces of lone places.
+bool FitsPartModel(const std::vector<dwb::LocOp>& ops) {
+  auto Place = [](U8 a) {
+    return a == 0x03 || (a >= 0x50 && a <= 0x6F) || (a >= 0x70 && a <= 0x8F) || a == 0x91 || a == 0x92 || a == 0x9C ||
+           a == 0x9E;
+  };
+  auto Based = [](U8 a) { return (a >= 0x50 && a <= 0x8F) || a == 0x91 || a == 0x92 || a == 0x9C; };
+  if (ops.size() == 1) return Place(ops[0].atom);
+  if (ops.size() == 2 && ops[1].atom == 0x23) return Place(ops[0].atom) && ops[0].atom != 0x9E;
+  if (ops.size() == 2 && ops[1].atom == 0x9F) return Based(ops[0].atom);
+  // Pieces: each a lone place followed by DW_OP_piece.
+  if (ops.empty() || ops.size() % 2) return false;
+  for (size_t i = 0; i < ops.size(); i += 2)
+    if (!Place(ops[i].atom) || ops[i + 1].atom != 0x93) return false;
+  return true;
+}
+
+// A location of up to two pieces, each evaluated when it is resolved.
+ELF_SYM_LOC ExpressionLocation(const std::vector<dwb::LocOp>& ops) {
+  ELF_SYM_LOC l = Empty();
+  std::vector<dwb::LocOp> piece;
+  auto Flush = [&](U32 Size) {
+    if (l.count >= 2) {
+      ELF_ReportLogged(105);
       return false;
     }
-    out.push_back(std::move(op));
+    ELF_LOC_PART& p = l.parts[l.count++];
+    memset(&p, 0, sizeof p);
+    p.size = Size;
+    // An empty piece is optimised out: the part stays kind 0.
+    if (!piece.empty()) {
+      p.address = InternExpression(piece);
+      if (p.address) p.kind = ELF_LOC_EXPR;
+    }
+    piece.clear();
+    return true;
+  };
+  bool Pieces = false;
+  for (const dwb::LocOp& op : ops) {
+    if (op.atom == 0x93) {
+      Pieces = true;
+      if (!Flush((U32)op.op1)) break;
+    } else if (op.atom == 0x9D) {
+      ELF_ReportLogged(106);
+      return Empty();
+    } else {
+      piece.push_back(op);
+    }
   }
-  return !out.empty();
+  if (!piece.empty() || !Pieces) Flush(0);
+  return l;
 }
 
 // A sub-expression of DW_OP_entry_value, as a one-entry list.
 ELF_SYM_LOC ParseBlock(const Ctx& x, U32 pc, U32 attr, const std::vector<U8>& block, int depth) {
   std::vector<dwb::LocOp> sub;
-  if (depth > 4 || !DecodeSub(block, sub)) return Empty();
+  if (depth > 4 || !dwexpr::DecodeOps(block.data(), block.size(), 4, sub)) return Empty();
   return ParseOps(x, pc, attr, sub, depth + 1);
 }
 
 ELF_SYM_LOC ParseOps(const Ctx& x, U32 pc, U32 attr, const std::vector<dwb::LocOp>& ops, int depth) {
+  if (attr == AT_LOCATION && !FitsPartModel(ops)) return ExpressionLocation(ops);
   ELF_SYM_LOC l = Empty();
   for (const dwb::LocOp& op : ops) {
     const U8 a = op.atom;
@@ -487,7 +531,8 @@ ELF_SYM_LOC AttrLocation(const Ctx& x, U32 filePc, U32 attr) {
 
 void RelocateParts(ELF_SYM_LOC& l) {
   for (U32 i = 0; i < l.count && i < 2; ++i) {
-    if (l.parts[i].address) l.parts[i].address = ELF_RelocateAddress(l.parts[i].address, 1, 0);
+    if (l.parts[i].address && l.parts[i].kind != ELF_LOC_EXPR)
+      l.parts[i].address = ELF_RelocateAddress(l.parts[i].address, 1, 0);
     if (l.parts[i].baseAddress && l.parts[i].baseKind == ELF_LOC_ADDR)
       l.parts[i].baseAddress = ELF_RelocateAddress(l.parts[i].baseAddress, 1, 0);
   }
@@ -646,6 +691,8 @@ ELF_LOC_PART OffsetFrom(const ELF_LOC_PART& In, U64 Base, bool At) {
   return p;
 }
 
+ELF_LOC_PART EvaluatePart(const CCallFrame& F, const ELF_LOC_PART& In, int Depth);
+
 ELF_LOC_PART ResolvePart(const CCallFrame& F, const ELF_LOC_PART& In, int Depth) {
   if (Depth > 64) return Failed();
   ELF_LOC_PART p = In;
@@ -735,8 +782,148 @@ ELF_LOC_PART ResolvePart(const CCallFrame& F, const ELF_LOC_PART& In, int Depth)
       p.size = In.size;
       return p;
     }
+    case ELF_LOC_EXPR: return EvaluatePart(F, In, Depth);
     default: return p;
   }
+}
+
+// ---- evaluation against a frame
+
+bool ExpressionOps(U32 Number, std::vector<dwb::LocOp>& Out) {
+  std::lock_guard<std::mutex> Lock(g_ExprMutex);
+  if (!Number || Number > g_Exprs.size()) return false;
+  Out = g_Exprs[Number - 1];
+  return true;
+}
+
+bool ValueOnEntry(const CCallFrame& F, U32 Reg, int Depth, U64& Value);
+
+// What a frame tells an expression: registers as the frame sees them (a
+// caller's through the rules of its callees), target memory, the frame base
+// and CFA, and values on entry from the caller's call site.
+class CFrameContext : public dwexpr::IFrameContext {
+public:
+  CFrameContext(const CCallFrame& F, int Depth) : m_F(F), m_Depth(Depth) {}
+  bool Register(U32 Reg, U64& Value) override {
+    ELF_LOC_PART In = Failed();
+    In.kind = ELF_LOC_REG;
+    In.reg = Reg;
+    const ELF_LOC_PART r = ResolvePart(m_F, In, m_Depth + 1);
+    if (r.kind == ELF_LOC_NONE) return false;
+    if ((r.kind == ELF_LOC_REG || r.kind == ELF_LOC_REG_VALUE) && IsPseudoRegister(r.reg)) return false;
+    return ELF_ResolvedPartWord(m_F, r, Value);
+  }
+  bool Memory(U64 Address, U32 Size, U64& Value) override {
+    return Address <= 0xFFFFFFFFull && ELF_ReadTargetValue((U32)Address, Size, &Value) == 0;
+  }
+  bool FrameBase(U64& Value) override {
+    if (!m_F.IsValid() || m_F.bpStatus != 0) return false;
+    Value = m_F.bp;
+    return true;
+  }
+  bool Cfa(U64& Value) override {
+    if (!m_F.IsValid() || m_F.cfaStatus != 0) return false;
+    Value = m_F.cfa;
+    return true;
+  }
+  bool EntryValue(U32 Reg, U64& Value) override { return ValueOnEntry(m_F, Reg, m_Depth + 1, Value); }
+  U64 Relocate(U64 FileAddress) override { return ELF_RelocateAddress((U32)FileAddress, 1, 0); }
+
+private:
+  CCallFrame m_F;
+  int m_Depth;
+};
+
+ELF_LOC_PART EvaluatePart(const CCallFrame& F, const ELF_LOC_PART& In, int Depth) {
+  std::vector<dwb::LocOp> Ops;
+  if (!ExpressionOps(In.address, Ops)) return Failed();
+  CFrameContext Ctx(F, Depth);
+  const dwexpr::RESULT r = dwexpr::Evaluate(Ops, Ctx);
+  ELF_LOC_PART p = Failed();
+  switch (r.kind) {
+    case dwexpr::RESULT_MEMORY:
+      p.kind = ELF_LOC_ADDR;
+      p.address = (U32)r.value;
+      break;
+    case dwexpr::RESULT_REGISTER:
+      p.kind = ELF_LOC_REG;
+      p.reg = r.reg;
+      p = ResolvePart(F, p, Depth + 1);
+      break;
+    case dwexpr::RESULT_VALUE:
+      p.kind = ELF_LOC_CONST;
+      p.value = r.value;
+      break;
+    default: return Failed();
+  }
+  if (p.kind != ELF_LOC_NONE) p.size = In.size;
+  return p;
+}
+
+// The call site a return address belongs to, or null.
+const DW_CALL_SITE* CallSiteAt(DW_CTX* c, U32 ReturnPc) {
+  if (!c->callSitesSorted) {
+    std::stable_sort(c->callSites.begin(), c->callSites.end(),
+                     [](const DW_CALL_SITE& a, const DW_CALL_SITE& b) { return a.returnPc < b.returnPc; });
+    c->callSitesSorted = true;
+  }
+  const auto it = std::lower_bound(c->callSites.begin(), c->callSites.end(), ReturnPc,
+                                   [](const DW_CALL_SITE& s, U32 Pc) { return s.returnPc < Pc; });
+  return it != c->callSites.end() && it->returnPc == ReturnPc ? &*it : nullptr;
+}
+
+// An expression attribute of an entry, decoded.
+bool ExprAttr(DW_CTX* c, U32 Key, U32 Code, std::vector<dwb::LocOp>& Out) {
+  dwb::AttrValue v;
+  if (!Attr(c, Key, Code, &v) || v.cls != dwb::AC_BLOCK || !v.block) return false;
+  return dwexpr::DecodeOps(v.block, (size_t)v.blockLen, 4, Out);
+}
+
+enum : U32 {
+  AT_ABSTRACT_ORIGIN = 0x31, AT_SPECIFICATION = 0x47, AT_CALL_VALUE = 0x7e, AT_CALL_ORIGIN = 0x7f,
+  AT_GNU_CALL_SITE_VALUE = 0x2111,
+};
+
+// The value Reg had when F's function was entered: the call site at the
+// caller's return address names the value it passed in Reg, as an expression
+// over the caller's frame.
+bool ValueOnEntry(const CCallFrame& F, U32 Reg, int Depth, U64& Value) {
+  ICallFrameStore* const pStore = Frames();
+  if (Depth > 48 || !pStore || !F.IsValid()) return false;
+  CCallFrame Callee = F;  // the function's own frame, not an inlined instance in it
+  while (Callee.isInline)
+    if (!pStore->GetFrame(Callee.stack, Callee.index + 1, Callee)) return false;
+  CCallFrame Caller;
+  if (Callee.raStatus != 0 || !pStore->GetFrame(Callee.stack, Callee.index + 1, Caller)) return false;
+  const U64 Pc = Callee.returnAddress;
+  std::vector<dwb::LocOp> ValueOps;
+  {
+    QMutexLocker Lock(&CElfApi::Instance().Mutex());
+    const Ctx x = DecodeHandle(Callee.function);
+    if (!x.c) return false;
+    const DW_CALL_SITE* pSite = CallSiteAt(x.c, ELF_UnrelocateAddress((U32)Pc & ~1u, 1, 0));
+    if (!pSite) return false;
+    // A call site that names its target must name this function.
+    U32 Target = RefAttr(x.c, pSite->key, AT_CALL_ORIGIN);
+    if (!Target) Target = RefAttr(x.c, pSite->key, AT_ABSTRACT_ORIGIN);
+    if (Target && Target != x.key && Target != RefAttr(x.c, x.key, AT_ABSTRACT_ORIGIN) &&
+        Target != RefAttr(x.c, x.key, AT_SPECIFICATION))
+      return false;
+    for (U32 i = 0; i < pSite->paramCount && ValueOps.empty(); ++i) {
+      const U32 Param = x.c->callParams[pSite->firstParam + i];
+      std::vector<dwb::LocOp> Where;
+      U32 ParamReg;
+      if (!ExprAttr(x.c, Param, AT_LOCATION, Where) || !dwexpr::IsLoneRegister(Where, &ParamReg) || ParamReg != Reg)
+        continue;
+      if (!ExprAttr(x.c, Param, AT_CALL_VALUE, ValueOps)) ExprAttr(x.c, Param, AT_GNU_CALL_SITE_VALUE, ValueOps);
+    }
+  }
+  if (ValueOps.empty()) return false;
+  CFrameContext CallerCtx(Caller, Depth);
+  const dwexpr::RESULT r = dwexpr::Evaluate(ValueOps, CallerCtx, true);
+  if (r.kind != dwexpr::RESULT_VALUE) return false;
+  Value = r.value;
+  return true;
 }
 } // namespace
 

@@ -23,6 +23,8 @@ enum ELF_LOC_KIND : U32 {
   ELF_LOC_PARENT_LOC = 14,    // parent location + offset
   ELF_LOC_ENTRY_VALUE = 15,   // value on function entry
   ELF_LOC_INNER_VALUE = 16,   // value of the inner location
+  ELF_LOC_EXPR = 17,          // a DWARF expression evaluated against the frame;
+                              // address holds its number (ELF_GetLocationExpression)
 };
 
 // libdwarf's pseudo registers for "undefined" and "same value".
@@ -95,6 +97,8 @@ std::vector<std::pair<U32, U32>> ELF_GetLocationRanges(ELF_SYM_HANDLE h, U32 Att
 // installed target access (elf/dwarf/target_access.h). 0, or -1 when it
 // cannot be read.
 int ELF_ReadTargetWord(U32 Address, U32* pWord);
+// Size (1-8) bytes of the target as one number in the program's byte order.
+int ELF_ReadTargetValue(U32 Address, U32 Size, U64* pValue);
 
 // ---- call frames -------------------------------------------------------------
 // One frame of a call stack as locations see it. A value without pointers:

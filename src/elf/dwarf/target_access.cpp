@@ -54,10 +54,11 @@ ITargetAccess& ELF_GetTargetAccess() {
   return p ? *p : s_Image;
 }
 
-int ELF_ReadTargetWord(U32 Address, U32* pWord) {
+int ELF_ReadTargetValue(U32 Address, U32 Size, U64* pValue) {
   ITargetAccess& a = ELF_GetTargetAccess();
   QByteArray b;
-  if (!pWord || !a.IsAccessible() || a.ReadMemory(Address, 4, QString(), b) != TARGET_READ_OK || b.size() != 4)
+  if (!pValue || Size == 0 || Size > 8 || !a.IsAccessible() || a.ReadMemory(Address, Size, QString(), b) != TARGET_READ_OK ||
+      b.size() != (int)Size)
     return -1;
   bool Big;
   {
@@ -65,8 +66,15 @@ int ELF_ReadTargetWord(U32 Address, U32* pWord) {
     const ELF_FILE* f = CElfApi::Instance().GetFile();
     Big = f && f->bigEndian;
   }
-  U32 w = 0;
-  for (int i = 0; i < 4; ++i) w |= (U32)(U8)b[Big ? 3 - i : i] << (8 * i);
-  *pWord = w;
+  U64 v = 0;
+  for (U32 i = 0; i < Size; ++i) v |= (U64)(U8)b[Big ? Size - 1 - i : i] << (8 * i);
+  *pValue = v;
+  return 0;
+}
+
+int ELF_ReadTargetWord(U32 Address, U32* pWord) {
+  U64 v;
+  if (!pWord || ELF_ReadTargetValue(Address, 4, &v) != 0) return -1;
+  *pWord = (U32)v;
   return 0;
 }

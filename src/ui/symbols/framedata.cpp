@@ -18,13 +18,21 @@ QString MsText(const QElapsedTimer& t) {
   return QStringLiteral("%1:%2 ms").arg(Us / 1000).arg(Us % 1000, 3, 10, QLatin1Char('0'));
 }
 
-// The PC that a frame's location lists are read at: a caller's return
-// address may lie behind the range of the call, so the call's last byte
-// stands for it; a frame that holds an inlined call stands at that call.
+// The PC that a frame's location lists are read at. A function and the
+// inlined calls in it share one place: the PC of the innermost of them (the
+// frame of the function itself stands at the end of the inlined call). A
+// caller's return address may lie behind the range of the call, so the
+// call's last byte stands for it.
 U64 LookupPc(int Frame, U64 Pc) {
-  if (Frame <= 0 || !Pc) return Pc;
-  const CCallFrame Callee = CCallStack::Instance().GetFrame(Frame - 1);
-  return Callee.IsValid() && Callee.isInline ? Pc : Pc - 1;
+  CCallStack& s = CCallStack::Instance();
+  while (Frame > 0) {
+    const CCallFrame Callee = s.GetFrame(Frame - 1);
+    if (!Callee.IsValid() || !Callee.isInline) break;
+    --Frame;
+    U64 v = 0;
+    if (s.GetRegister(Callee, s.Facts().pcRegister, v)) Pc = v;
+  }
+  return Frame > 0 && Pc ? Pc - 1 : Pc;
 }
 
 // Where a local lies in one frame; empty where it has no location (the

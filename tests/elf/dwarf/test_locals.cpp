@@ -51,7 +51,7 @@ bool Check(const std::string& desc, const ELF_SYM_LOC& l, bool* pCompared, std::
   }
   if (std::regex_search(desc, m, entry)) {
     *pWhy = "entry value of r" + m[2].str();
-    return l.count == 1 && p.kind == ELF_LOC_INNER_VALUE && p.baseKind == ELF_LOC_ENTRY_VALUE;
+    return l.count == 1 && p.kind == ELF_LOC_EXPR;
   }
   *pCompared = false;
   return true;
