@@ -159,6 +159,24 @@ TEST_P(SymbolsTarget, ExpressionsSurviveReopenAndLiveRefreshIsLimited) {
   ASSERT_EQ(Device()->PostHalt(), 0);
   QTest::qWait(200);
   EXPECT_FALSE(w.LiveTimer()->isActive()) << "no live timer while halted";
+  // Steps leave the 5 Hz row to the halt refresh: no live refresh, each row read at most once a stop.
+  auto RowReads = [&] {
+    const QString sCalls = devtest::ReadFileText(sLog);
+    qsizetype n = 0;
+    for (const char* v : {"g_sink", "g_round"})
+      n += sCalls.count(QRegularExpression(
+          QStringLiteral(R"(VORDENARM_ReadMem\w*\(0x%1,)").arg(QString::number(AddressOf(v), 16).toUpper().rightJustified(8, '0'))));
+    return n;
+  };
+  const int Refreshes = m.Item(0).RefreshCount;
+  const qsizetype ReadsBeforeSteps = RowReads();
+  for (int i = 0; i < 5; ++i) {
+    ASSERT_EQ(Device()->PostStepInst(), 0);
+    Device()->WaitIdle(5000);
+    QTest::qWait(50);
+  }
+  EXPECT_EQ(m.Item(0).RefreshCount, Refreshes);
+  EXPECT_LE(RowReads() - ReadsBeforeSteps, 2 * 5) << "two rows, five steps";
 
   Project().Close();
   EXPECT_EQ(m.ExpressionCount(), 0);
