@@ -6,11 +6,12 @@
 //    update timer included), and the evaluation alone;
 //  - stepping with the watched data window open, on both back ends: source
 //    step over and instruction step, from the command to the rows on screen
-//    read, with no expression, with one global refreshed live at 5 Hz and
-//    with 200 expressions at 5 Hz, the sets taking turns in blocks of steps;
-//    then a second's run with each set: whether the live timer ran, the
-//    refreshes and the probe's memory reads (its call log) in that second,
-//    and the time from the halt command to the rows read;
+//    read, with no expression, with one global and with 200 expressions,
+//    each with the live refresh off and at 5 Hz, the sets taking turns in
+//    blocks of steps; then a second's run with each set: whether the live
+//    timer ran, the refreshes and the probe's memory reads (its call log) in
+//    that second, the longest the event loop was held, and the time from the
+//    halt command to the rows read;
 //  - opening the global data and function windows on the generated large
 //    program (bench/gen/gen_large.py), rows built once and sorted.
 // Usage: bench_symbols [ROUNDS] [LARGE.elf]   (defaults 30, /tmp/large/large-dwarf4.elf)
