@@ -1,6 +1,7 @@
 // libdwarf behind a small interface. The library reads sections through an
 // object-access table over the ELF layer's in-memory copy of the file.
 #include "elf/dwarf/dwarf_bridge.h"
+#include "elf/dwarf/leb128.h"
 #include "elf/elf_file.h"
 
 #include <libdwarf/dwarf.h>
@@ -144,16 +145,13 @@ Dwarf_Attribute FindAttr(Die d, U32 code) {
 
 // Reads an unsigned LEB128 number at *pAt below End; false if it runs over.
 bool SkipLeb(const U8* p, U64 End, U64* pAt, U64* pValue = nullptr) {
-  U64 v = 0;
-  for (int shift = 0; *pAt < End; shift += 7) {
-    const U8 b = p[(*pAt)++];
-    if (shift < 64) v |= (U64)(b & 0x7F) << shift;
-    if (!(b & 0x80)) {
-      if (pValue) *pValue = v;
-      return true;
-    }
-  }
-  return false;
+  if (*pAt >= End) return false;
+  const U8* q = p + *pAt;
+  U64 v;
+  const bool Ok = dwleb::ReadUleb(q, p + End, &v);
+  *pAt = (U64)(q - p);
+  if (Ok && pValue) *pValue = v;
+  return Ok;
 }
 
 // Walks one DWARF 5 location list (IsLoc) or range list from At to its end
@@ -1133,13 +1131,8 @@ struct MacroReader {
   }
   U64 Uleb(const U8*& p, const U8* end, bool* ok) {
     U64 r = 0;
-    for (int shift = 0; p < end; shift += 7) {
-      const U8 b = *p++;
-      if (shift < 64) r |= (U64)(b & 0x7F) << shift;
-      if (!(b & 0x80)) return r;
-    }
-    *ok = false;
-    return 0;
+    if (!dwleb::ReadUleb(p, end, &r)) *ok = false;
+    return r;
   }
   std::string Str(const U8*& p, const U8* end, bool* ok) {
     const U8* z = (const U8*)memchr(p, 0, end - p);

@@ -1,4 +1,5 @@
 #include "elf/dwarf/expr_eval.h"
+#include "elf/dwarf/leb128.h"
 
 #include <string.h>
 
@@ -26,32 +27,8 @@ enum : U8 {
 constexpr size_t kStackLimit = 256;
 constexpr int kStepLimit = 100000;
 
-bool Uleb(const U8*& p, const U8* end, U64* v) {
-  U64 r = 0;
-  for (int shift = 0; p < end; shift += 7) {
-    const U8 b = *p++;
-    if (shift < 64) r |= (U64)(b & 0x7F) << shift;
-    if (!(b & 0x80)) {
-      *v = r;
-      return true;
-    }
-  }
-  return false;
-}
-
-bool Sleb(const U8*& p, const U8* end, U64* v) {
-  I64 r = 0;
-  for (int shift = 0; p < end; shift += 7) {
-    const U8 b = *p++;
-    if (shift < 64) r |= (I64)(b & 0x7F) << shift;
-    if (!(b & 0x80)) {
-      if (shift + 7 < 64 && (b & 0x40)) r |= (I64)(~0ull << (shift + 7));
-      *v = (U64)r;
-      return true;
-    }
-  }
-  return false;
-}
+using dwleb::ReadSleb;
+using dwleb::ReadUleb;
 
 bool Fixed(const U8*& p, const U8* end, U32 n, U64* v) {
   if ((size_t)(end - p) < n || n > 8) return false;
@@ -105,19 +82,19 @@ bool DecodeOps(const U8* p, size_t n, U32 AddrSize, std::vector<dwb::LocOp>& Out
     else if (a == OP_CONST8U || a == OP_CONST8S) ok = Fixed(p, end, 8, &op.op1);
     else if (a == OP_CONSTU || a == OP_PLUS_UCONST || a == OP_REGX || a == OP_PIECE || a == OP_ADDRX ||
              a == OP_CONSTX || a == OP_CONVERT || a == OP_REINTERPRET)
-      ok = Uleb(p, end, &op.op1);
-    else if (a == OP_CONSTS || a == OP_FBREG || (a >= OP_BREG0 && a <= OP_BREG31)) ok = Sleb(p, end, &op.op1);
-    else if (a == OP_BREGX) ok = Uleb(p, end, &op.op1) && Sleb(p, end, &op.op2);
-    else if (a == OP_BIT_PIECE || a == OP_REGVAL_TYPE) ok = Uleb(p, end, &op.op1) && Uleb(p, end, &op.op2);
+      ok = ReadUleb(p, end, &op.op1);
+    else if (a == OP_CONSTS || a == OP_FBREG || (a >= OP_BREG0 && a <= OP_BREG31)) ok = ReadSleb(p, end, &op.op1);
+    else if (a == OP_BREGX) ok = ReadUleb(p, end, &op.op1) && ReadSleb(p, end, &op.op2);
+    else if (a == OP_BIT_PIECE || a == OP_REGVAL_TYPE) ok = ReadUleb(p, end, &op.op1) && ReadUleb(p, end, &op.op2);
     else if (a == OP_IMPLICIT_POINTER || a == OP_GNU_IMPLICIT_POINTER)
-      ok = Fixed(p, end, 4, &op.op1) && Sleb(p, end, &op.op2);
+      ok = Fixed(p, end, 4, &op.op1) && ReadSleb(p, end, &op.op2);
     else if (a == OP_IMPLICIT_VALUE || a == OP_ENTRY_VALUE || a == OP_GNU_ENTRY_VALUE) {
-      ok = Uleb(p, end, &len) && Block(p, end, len, &op.block);
+      ok = ReadUleb(p, end, &len) && Block(p, end, len, &op.block);
       op.op1 = len;
     } else if (a == OP_CONST_TYPE) {
-      ok = Uleb(p, end, &op.op1) && Fixed(p, end, 1, &len) && Block(p, end, len, &op.block);
+      ok = ReadUleb(p, end, &op.op1) && Fixed(p, end, 1, &len) && Block(p, end, len, &op.block);
     } else if (a == OP_DEREF_TYPE || a == OP_XDEREF_TYPE)
-      ok = Fixed(p, end, 1, &op.op1) && Uleb(p, end, &op.op2);
+      ok = Fixed(p, end, 1, &op.op1) && ReadUleb(p, end, &op.op2);
     else if (!(a == OP_DEREF || (a >= OP_DUP && a <= OP_ROT && a != OP_PICK) || a == OP_XDEREF ||
                (a >= OP_ABS && a <= OP_XOR && a != OP_PLUS_UCONST) || (a >= OP_EQ && a <= OP_NE) ||
                (a >= OP_LIT0 && a <= OP_REG31) || a == OP_NOP || a == OP_PUSH_OBJECT_ADDRESS ||
