@@ -38,7 +38,7 @@ inline std::string PrintBackend(const ::testing::TestParamInfo<BACKEND>& i) { re
 // with the reason (outside a test, the reason goes to standard error).
 class CTargetRig {
  public:
-  explicit CTargetRig(const BACKEND& b) : m_b(b) {
+  explicit CTargetRig(const BACKEND& b) {
     if (QString(b.sHostIF) != "IP") return;
     m_pQemu = std::make_unique<gdbtest::Qemu>("mps2-an385");
     if (m_pQemu->port <= 0 && ::testing::UnitTest::GetInstance()->current_test_info())
@@ -49,7 +49,6 @@ class CTargetRig {
   static bool HaveQemu() { return !RunToolOutput("command -v qemu-system-arm").empty(); }
 
  private:
-  BACKEND m_b;
   std::unique_ptr<gdbtest::Qemu> m_pQemu;
 };
 
