@@ -30,6 +30,11 @@ bool ReadBatchFile(const QString& sPath, QStringList* pLines) {
   return true;
 }
 
+// How long the halt at a line's time limit may take to be reported: a
+// server on a loaded machine answers slowly, but a target that never stops
+// must not hold the run.
+static constexpr qint64 kHaltAfterLimitMs = 10000;
+
 static void WriteOut(const QByteArray& s) {
   fwrite(s.constData(), 1, size_t(s.size()), stdout);
   fputc('\n', stdout);
@@ -67,6 +72,14 @@ bool CBatchRunner::WaitForHalt() {
   pSession->ExpectHalt(false);
   if (CDevice* d = CDevice::InstanceIfCreated(); d && d->IsConnected()) {
     d->PostHalt();
+    // The halt job only asks the target to stop; the worker's next poll sees
+    // it stand and ends the halt sequence. The next line needs that done.
+    QElapsedTimer t;
+    t.start();
+    while (d->IsConnected() && !d->HaltReported() && t.elapsed() < kHaltAfterLimitMs) {
+      d->WaitIdle(10);
+      QThread::msleep(1);
+    }
     d->WaitIdle(2000);
   }
   ConsolePrintLine(QStringLiteral("batch: target did not halt within %1 s; halted it").arg(m_TimeLimitS));

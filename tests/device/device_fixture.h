@@ -42,9 +42,12 @@ class CDeviceFixture : public ::testing::TestWithParam<BACKEND> {
     Device()->PostEndDownload("fw", 0), Device()->PostReset(RM_RESET_HALT);
     Idle();
   }
+  // How long a halt that is due may take: the emulator on a loaded machine
+  // answers in seconds; a wait for a condition costs nothing when it holds.
+  static constexpr int kHaltDueMs = 20000;
   // Delivers reports (conditions get their answers) until the halt sequence
   // has ended with the target standing; false after Ms.
-  bool WaitHalted(int Ms = 5000) {
+  bool WaitHalted(int Ms = kHaltDueMs) {
     Idle();
     WaitFor([] { return Device()->HaltReported() && !Device()->IsHaltSeqActive(); }, Ms);
     Idle();
@@ -58,7 +61,7 @@ class CDeviceFixture : public ::testing::TestWithParam<BACKEND> {
     return Done();
   }
   // Resumes: the PC of the next halt, or 0 when it still ran after Ms (then halted).
-  U32 Go(int Ms = 5000) {
+  U32 Go(int Ms = kHaltDueMs) {
     Device()->PostContinue();
     if (WaitHalted(Ms)) return Device()->CurrentPC();
     Device()->PostHalt(), WaitHalted();

@@ -97,7 +97,8 @@ INSTANTIATE_TEST_SUITE_P(Backends, DeviceBatch, ::testing::Values(devtest::kSim,
 
 TEST(DeviceBatchFaults, ClosedPortFailsQuickly) {
   QTemporaryDir Dir;
-  const int Port = FreePort();
+  const CClosedPort Closed;
+  const int Port = Closed.Port();
   const RUN r = RunBatch(Dir, {"Project.SetDevice(\"MPS2-AN385\")", QStringLiteral("Project.SetHostIF(\"IP\", \"127.0.0.1:%1\")").arg(Port),
                                "Exec.Connect()", "Util.Log \"after\""});
   SCOPED_TRACE(r.Out.toStdString());

@@ -1,5 +1,6 @@
 #include "testsupport/gdb_frames.h"
 
+#include "testsupport/qemu_launch.h"
 #include "testsupport/tools.h"
 
 #include <fstream>
@@ -88,15 +89,16 @@ std::string MarkedLine(const std::string& sSourceDir, const std::string& sFile, 
 
 std::string RunGdbOnQemu(const std::string& sElf, const std::string& sCommands, const std::string& sScratch,
                          int TimeoutS) {
-  const int Port = FreePort();
+  CQemuProcess Qemu;
+  std::string sError;
+  if (!Qemu.Start({"-M", "mps2-an385", "-kernel", sElf, "-S", "-display", "none", "-monitor", "none", "-serial", "null"},
+                  sError))
+    return "emulator: " + sError + "\n";
   const std::string Script = sScratch + ".gdb";
-  std::ofstream(Script) << "set pagination off\nset confirm off\ntarget remote 127.0.0.1:" << Port << "\n"
+  std::ofstream(Script) << "set pagination off\nset confirm off\ntarget remote 127.0.0.1:" << Qemu.port << "\n"
                         << sCommands << "kill\n";
-  return RunToolOutput("qemu-system-arm -M mps2-an385 -kernel " + sElf + " -S -gdb tcp:127.0.0.1:" +
-                       std::to_string(Port) +
-                       " -display none -monitor none -serial null >/dev/null 2>&1 & Q=$!; sleep 0.5; timeout " +
-                       std::to_string(TimeoutS) + " gdb-multiarch -batch -nx -x " + Script + " " + sElf +
-                       " 2>&1; kill $Q 2>/dev/null; wait $Q 2>/dev/null");
+  return RunToolOutput("timeout " + std::to_string(TimeoutS) + " gdb-multiarch -batch -nx -x " + Script + " " + sElf +
+                       " 2>&1");
 }
 
 }  // namespace testsupport

@@ -47,16 +47,27 @@ inline std::string RunGdb(const std::string& sFile, const std::vector<std::strin
   return RunToolOutput(Cmd + " '" + sFile + "' 2>&1");
 }
 
-// A loopback port that is free now, for a server the test starts; -1 when
-// none could be had.
-inline int FreePort() {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  int port = -1;
-  if (bind(fd, (sockaddr*)&a, sizeof a) == 0 && getsockname(fd, (sockaddr*)&a, &len) == 0) port = ntohs(a.sin_port);
-  close(fd);
-  return port;
-}
+// A loopback port that refuses connections for as long as this lives: a
+// socket bound to it that never listens, so no other process can take the
+// port meanwhile. Port() is -1 when none could be had.
+class CClosedPort {
+ public:
+  CClosedPort() {
+    m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    if (m_fd >= 0 && bind(m_fd, (sockaddr*)&a, sizeof a) == 0 && getsockname(m_fd, (sockaddr*)&a, &len) == 0)
+      m_port = ntohs(a.sin_port);
+  }
+  ~CClosedPort() {
+    if (m_fd >= 0) close(m_fd);
+  }
+  CClosedPort(const CClosedPort&) = delete;
+  CClosedPort& operator=(const CClosedPort&) = delete;
+  int Port() const { return m_port; }
+
+ private:
+  int m_fd = -1, m_port = -1;
+};

@@ -4,25 +4,15 @@
 #pragma once
 #include "testsupport/elf_file.h"
 #include "testsupport/objdump_oracle.h"
+#include "testsupport/qemu_launch.h"
 #include "testsupport/tools.h"
 
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <regex>
 #include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "gdb/gdb_backend.h"
 
@@ -33,67 +23,27 @@ inline std::string SourceDir() {
   return s ? s : TAVIT_SOURCE_DIR_FALLBACK;
 }
 
-// The emulator with its GDB server on a free loopback port: stopped at reset
-// and empty by default; given sKernel it loads that program itself (and
-// again on every reset), and Running starts it without waiting for a
-// debugger.
-class Qemu {
+// The emulator with its GDB server on a loopback port of its own: stopped
+// at reset and empty by default; given sKernel it loads that program itself
+// (and again on every reset), and Running starts it without waiting for a
+// debugger. The constructor returns once the server listens; sStartError
+// says why it does not (port is 0 then).
+class Qemu : public testsupport::CQemuProcess {
  public:
   explicit Qemu(const std::string& sMachine, const std::string& sKernel = "", bool Running = false) {
-    port = FreePort();
-    std::string gdb = "tcp:127.0.0.1:" + std::to_string(port);
-    std::vector<std::string> args = {"qemu-system-arm", "-M", sMachine, "-gdb", gdb, "-display", "none",
-                                     "-monitor", "none", "-serial", "null", "-semihosting-config",
-                                     "enable=on,target=gdb"};
-    if (!Running) args.push_back("-S");
-    if (!sKernel.empty()) args.insert(args.end(), {"-kernel", sKernel});
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    pid = fork();
-    if (pid == 0) {
-      int nul = open("/dev/null", O_RDWR);
-      dup2(nul, 0);
-      dup2(nul, 1);
-      dup2(nul, 2);
-      execvp("qemu-system-arm", argv.data());
-      _exit(127);
-    }
+    std::vector<std::string> Args = {"-M", sMachine, "-display", "none", "-monitor", "none", "-serial", "null",
+                                     "-semihosting-config", "enable=on,target=gdb"};
+    if (!Running) Args.push_back("-S");
+    if (!sKernel.empty()) Args.insert(Args.end(), {"-kernel", sKernel});
+    if (!Start(Args, sStartError)) fprintf(stderr, "%s\n", sStartError.c_str());
   }
-  ~Qemu() { Stop(); }
-  void Stop(int Sig = SIGTERM) {
-    if (pid <= 0) return;
-    kill(pid, Sig);
-    int st;
-    for (int i = 0; i < 200; ++i) {
-      if (waitpid(pid, &st, WNOHANG) == pid) {
-        pid = -1;
-        return;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    kill(pid, SIGKILL);
-    waitpid(pid, &st, 0);
-    pid = -1;
-  }
-  // Connects the back end, retrying while the emulator starts up.
+  // Connects the back end (the server already listens).
   std::unique_ptr<vorden::CBackend> Connect(int DeviceIndex, std::string& sError,
                                             vorden::LogFn Log = [](int, const std::string&) {}) {
-    for (int i = 0; i < 100; ++i) {
-      auto b = vorden::CreateGdbBackend("127.0.0.1:" + std::to_string(port), DeviceIndex, Log, sError);
-      if (b) return b;
-      int st;
-      if (pid > 0 && waitpid(pid, &st, WNOHANG) == pid) {
-        pid = -1;
-        sError = "the emulator exited";
-        return nullptr;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    }
-    return nullptr;
+    if (port <= 0) return sError = sStartError, nullptr;
+    return vorden::CreateGdbBackend("127.0.0.1:" + std::to_string(port), DeviceIndex, Log, sError);
   }
-  pid_t pid = -1;
-  int port = -1;
+  std::string sStartError;
 };
 
 struct Segment {

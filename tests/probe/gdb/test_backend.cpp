@@ -435,8 +435,9 @@ TEST(GdbFakeServer, HostAndPortParsing) {
   EXPECT_FALSE(CreateGdbBackend("localhost:abc", 0, nullptr, err));
   EXPECT_NE(err.find("port"), std::string::npos);
   EXPECT_FALSE(CreateGdbBackend("[::1", 0, nullptr, err));
-  // Nothing listens on a port just freed.
-  const int port = FreePort();
+  // Nothing listens on a port held closed.
+  const CClosedPort Closed;
+  const int port = Closed.Port();
   ASSERT_GT(port, 0);
   err.clear();
   EXPECT_FALSE(CreateGdbBackend("127.0.0.1:" + std::to_string(port), 0, nullptr, err));
